@@ -1,0 +1,41 @@
+#pragma once
+
+#include <QHostAddress>
+#include <QObject>
+#include <QSettings>
+#include <QString>
+#include <QVariant>
+
+namespace config {
+
+// Typed access to the product settings. Every read goes to the settings object at the
+// moment of the call, so values written through the loader are seen at once.
+class ConfigLoader : public QObject
+{
+    Q_OBJECT
+
+public:
+    // Opens its own settings on the file name and format of the given object, which is
+    // not kept. In INI format every key containing "/#" is removed; the removal reaches
+    // the file at the next sync or when the loader is destroyed.
+    explicit ConfigLoader(const QSettings &settings, QObject *parent = nullptr);
+    ~ConfigLoader() override;
+
+    virtual void sync();
+
+    QVariant readValue(const QString &key) const;
+    quint16 readPort(const QString &key) const;
+    QHostAddress readAddress(const QString &key) const;
+    bool readBool(const QString &key, bool defaultValue) const;
+
+protected:
+    QSettings &settings() { return m_settings; }
+    const QSettings &settings() const { return m_settings; }
+
+private:
+    void removeCommentedKeys();
+
+    QSettings m_settings;
+};
+
+} // namespace config

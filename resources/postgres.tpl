@@ -1,0 +1,13 @@
+max_connections = %MAXCONNECTION%
+shared_buffers = %SHAREBUFFER%
+dynamic_shared_memory_type = %OS%
+max_wal_size = %MAXWALSIZE%
+min_wal_size = %MINWALSIZE%
+log_directory = %LODDICTIONARY%
+logging_collector = on
+log_file_mode = 0640
+log_timezone = %TIMEZONE%
+datestyle = 'iso, mdy'
+timezone = %TIMEZONE%
+include_dir = %INCLUDEDIR%
+port = %PG_PORT%
