@@ -2,7 +2,7 @@
 # Installs the Debian packages the project needs, only those that are missing, without questions.
 set -euo pipefail
 
-packages=(qt6-base-dev libqt6sql6-psql libssl-dev postgresql cmake g++ libgtest-dev clang-format)
+packages=(qt6-base-dev libqt6sql6-psql libssl-dev postgresql cmake g++ libgtest-dev clang-format openssl)
 
 missing=()
 for package in "${packages[@]}"; do

@@ -1,0 +1,43 @@
+#pragma once
+
+#include "core/DesCipher.h"
+#include "core/PostgresInformation.h"
+#include "core/PostgresLogRelay.h"
+
+#include <QString>
+#include <QVariantMap>
+
+namespace core {
+
+// The encrypted information file, its shared copy and the key file beside them.
+class InformationFile
+{
+public:
+    struct Paths {
+        QString information;
+        QString shared;
+        QString key;
+    };
+
+    InformationFile(const Paths &paths, const PostgresLogRelay &relay);
+
+    // Loads (or makes) the key, then reads the shared copy when asked for and present,
+    // else the information file. Fills both the record and the raw named values.
+    bool load(bool preferShared, PostgresInformation &information, QVariantMap &values);
+    // Replaces the information file atomically, readable by its owner only.
+    bool save(const PostgresInformation &information);
+
+    // Loads or makes the key without reading any information.
+    void prepareKey();
+    const Paths &paths() const { return m_paths; }
+
+private:
+    QString sourcePath(bool preferShared) const;
+
+    Paths m_paths;
+    const PostgresLogRelay &m_relay;
+    DesCipher m_cipher;
+    bool m_keyReady = false;
+};
+
+} // namespace core

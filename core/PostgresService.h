@@ -1,0 +1,108 @@
+#pragma once
+
+#include "core/InformationFile.h"
+#include "core/PostgresInformation.h"
+#include "core/PostgresLogLevel.h"
+#include "core/PostgresLogRelay.h"
+
+#include <QDir>
+#include <QMap>
+#include <QObject>
+#include <QProcess>
+#include <QSqlDatabase>
+#include <QString>
+#include <QVariantMap>
+
+#include <memory>
+
+namespace core {
+
+class CoreConfigLoader;
+
+// Owns everything the product knows about its local PostgreSQL server: the stored
+// connection data, the server's programs and directories, and the service that runs it.
+class PostgresService : public QObject
+{
+    Q_OBJECT
+
+public:
+    // Schema name to the lowest version this build works with, walked in name order.
+    static const QMap<QString, int> requiredSchemaVersions;
+    static constexpr int kRequiredControlVersion = 3;
+
+    PostgresService(CoreConfigLoader *configuration, bool useLogger, bool stopAlways, QObject *parent = nullptr);
+    ~PostgresService() override;
+
+    // Makes the server usable: information, generated names, cluster, service, readiness
+    // and the upgrade check. False (with a logged reason) when the server is not usable.
+    bool init(bool writeServerConfig, bool loadSharedInformation, bool consoleEcho);
+
+    void logPostgres(const QString &message, const QString &detail, const PostgresLogLevel &level) const;
+
+    bool loadInformation(bool preferShared);
+    bool saveInformation();
+
+    PostgresInformation connectionSettings() const;
+    bool openConnection(QSqlDatabase &database, const QString &dbName, QString &connectionName, bool logFailure);
+    bool checkConnection(const QString &dbName);
+
+    void checkDbUpgrade();
+    bool tableExists(QSqlDatabase database, const QString &schema, const QString &table);
+
+    bool upgradeNeeded() const { return m_upgradeNeeded; }
+    bool firstSetup() const { return m_firstSetup; }
+    bool isLocal() const { return m_localMode == 1; }
+    bool sharedDbMode() const { return m_sharedDbMode; }
+    QString databaseName() const { return m_databaseName; }
+    QString privateUserName() const { return m_privateUserName; }
+    QString dataDirectory() const { return m_dataDir; }
+    QString installDirectory() const { return m_installDir.path(); }
+
+    // Set by the caller after construction; the destructor then stops a server this run
+    // started once more.
+    bool stopOnDestroy = false;
+    bool auxiliaryStopOnDestroy = false;
+
+public slots:
+    bool connectionFailedPermanently_slot();
+
+private:
+    void applyLoadedInformation();
+    void fillMissingIdentity();
+    void adoptSharedInstanceName();
+    void settlePrivateUserName();
+    bool ensureDatabaseName();
+    void ensurePrivatePassword();
+    void settlePaths();
+    void runUpgradeCheck(QString &connectionName);
+    void configureHandle(QSqlDatabase &database, const QString &dbName) const;
+    static QString generatedSecret();
+
+    CoreConfigLoader *m_configuration = nullptr;
+    bool m_firstSetup = false;
+    bool m_upgradeNeeded = false;
+    bool m_secondMark = false;
+    bool m_upgradeV2Status = true;
+    PostgresInformation m_information;
+    QVariantMap m_loadedValues;
+    QString m_databaseName;
+    QString m_spare;
+    QDir m_installDir;
+    QDir m_binDir;
+    QString m_pgCtlPath;
+    QString m_psqlPath;
+    QString m_initdbPath;
+    QString m_dataDir;
+    QString m_pgDumpPath;
+    std::unique_ptr<InformationFile> m_informationFile;
+    int m_localMode = 0;
+    PostgresLogRelay m_relay;
+    bool m_stopAlways = false;
+    bool m_started = false;
+    QProcess m_process;
+    QString m_privateUserName;
+    QString m_connectionName;
+    bool m_sharedDbMode = false;
+};
+
+} // namespace core
