@@ -2,6 +2,7 @@
 
 #include "core/PostgresException.h"
 
+#include <QDir>
 #include <QFile>
 #include <QJsonDocument>
 #include <QJsonObject>
@@ -9,15 +10,30 @@
 
 namespace core {
 
+InformationFile::Paths InformationFile::pathsIn(const QString &installationFolder)
+{
+    const QDir dir(installationFolder);
+    return {dir.absoluteFilePath(QStringLiteral("zentrix_postgres.dat")),
+        dir.absoluteFilePath(QStringLiteral("zentrix_postgres.dat.shared")),
+        dir.absoluteFilePath(QStringLiteral("zentrix_postgres.cat"))};
+}
+
 InformationFile::InformationFile(const Paths &paths, const PostgresLogRelay &relay)
     : m_paths(paths)
     , m_relay(relay)
 { }
 
+bool InformationFile::fail(const QString &message, const QString &detail)
+{
+    m_lastError = detail.isEmpty() ? message : message + QStringLiteral(": ") + detail;
+    m_relay.log(message, detail, PostgresLogLevel::Error);
+    return false;
+}
+
 void InformationFile::prepareKey()
 {
     if (!m_cipher.loadOrCreateKeyFile(m_paths.key))
-        m_relay.log(QStringLiteral("Could not open file for write"), m_paths.key, PostgresLogLevel::Error);
+        fail(QStringLiteral("Could not open file for write"), m_paths.key);
     m_keyReady = true;
 }
 
@@ -33,24 +49,20 @@ bool InformationFile::load(bool preferShared, PostgresInformation &information, 
     prepareKey();
     const QString path = sourcePath(preferShared);
     QFile file(path);
-    if (!file.exists())
-        return false;
-    if (!file.open(QIODevice::ReadOnly)) {
-        m_relay.log(QStringLiteral("Could not read postgres's information file"), path, PostgresLogLevel::Error);
+    if (!file.exists()) {
+        m_lastError = QStringLiteral("No information file: ") + path;
         return false;
     }
+    if (!file.open(QIODevice::ReadOnly))
+        return fail(QStringLiteral("Could not read postgres's information file"), path);
     const QJsonDocument document = QJsonDocument::fromJson(m_cipher.decrypt(file.readAll()));
-    if (!document.isObject()) {
-        m_relay.log(QStringLiteral("Could not read postgres's information file"), path, PostgresLogLevel::Error);
-        return false;
-    }
+    if (!document.isObject())
+        return fail(QStringLiteral("Could not read postgres's information file"), path);
     const QVariantMap loaded = document.object().toVariantMap();
     try {
         information = PostgresInformation::fromValues(loaded);
     } catch (const PostgresException &e) {
-        m_relay.log(
-            QStringLiteral("Could not load postgres's information from file"), e.message(), PostgresLogLevel::Error);
-        return false;
+        return fail(QStringLiteral("Could not load postgres's information from file"), e.message());
     }
     values = loaded;
     return true;
@@ -63,16 +75,12 @@ bool InformationFile::save(const PostgresInformation &information)
     const QByteArray text = QJsonDocument(information.toJson()).toJson(QJsonDocument::Compact);
     // Written beside the old file and renamed over it, so a crash never leaves half a file.
     QSaveFile file(m_paths.information);
-    if (!file.open(QIODevice::WriteOnly)) {
-        m_relay.log(QStringLiteral("Could not open file for write"), m_paths.information, PostgresLogLevel::Error);
-        return false;
-    }
+    if (!file.open(QIODevice::WriteOnly))
+        return fail(QStringLiteral("Could not open file for write"), m_paths.information);
     file.setPermissions(QFileDevice::ReadOwner | QFileDevice::WriteOwner);
     file.write(m_cipher.encrypt(text));
-    if (!file.commit()) {
-        m_relay.log(QStringLiteral("Could not open file for write"), m_paths.information, PostgresLogLevel::Error);
-        return false;
-    }
+    if (!file.commit())
+        return fail(QStringLiteral("Could not open file for write"), m_paths.information);
     return true;
 }
 

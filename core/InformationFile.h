@@ -19,6 +19,9 @@ public:
         QString key;
     };
 
+    // The three files in an installation folder.
+    static Paths pathsIn(const QString &installationFolder);
+
     InformationFile(const Paths &paths, const PostgresLogRelay &relay);
 
     // Loads (or makes) the key, then reads the shared copy when asked for and present,
@@ -30,14 +33,18 @@ public:
     // Loads or makes the key without reading any information.
     void prepareKey();
     const Paths &paths() const { return m_paths; }
+    // The message and detail of the last failure, for callers that report it themselves.
+    QString lastError() const { return m_lastError; }
 
 private:
     QString sourcePath(bool preferShared) const;
+    bool fail(const QString &message, const QString &detail);
 
     Paths m_paths;
     const PostgresLogRelay &m_relay;
     DesCipher m_cipher;
     bool m_keyReady = false;
+    QString m_lastError;
 };
 
 } // namespace core

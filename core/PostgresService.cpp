@@ -67,14 +67,9 @@ void PostgresService::logPostgres(const QString &message, const QString &detail,
 
 bool PostgresService::loadInformation(bool preferShared)
 {
-    if (!m_informationFile) {
-        const InformationFile::Paths paths = {
-            QDir(m_configuration->installationFolder()).absoluteFilePath(QStringLiteral("zentrix_postgres.dat")),
-            QDir(m_configuration->installationFolder()).absoluteFilePath(QStringLiteral("zentrix_postgres.dat.shared")),
-            QDir(m_configuration->installationFolder()).absoluteFilePath(QStringLiteral("zentrix_postgres.cat")),
-        };
-        m_informationFile = std::make_unique<InformationFile>(paths, m_relay);
-    }
+    if (!m_informationFile)
+        m_informationFile = std::make_unique<InformationFile>(
+            InformationFile::pathsIn(m_configuration->installationFolder()), m_relay);
     return m_informationFile->load(preferShared, m_information, m_loadedValues);
 }
 

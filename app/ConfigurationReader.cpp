@@ -1,0 +1,20 @@
+#include "app/ConfigurationReader.h"
+
+#include "config/ConfigException.h"
+#include "core/CoreConfigValidator.h"
+
+#include <QFile>
+#include <QSettings>
+
+const QString ConfigurationReader::kLocation = QStringLiteral("HKEY_LOCAL_MACHINE\\Software\\Tarvex\\Bravik");
+
+std::unique_ptr<core::CoreConfigLoader> ConfigurationReader::load(bool validate)
+{
+    const QSettings::Format format = QFile::exists(kLocation) ? QSettings::IniFormat : QSettings::NativeFormat;
+    const QSettings settings(kLocation, format);
+    if (settings.status() != QSettings::NoError)
+        throw ConfigException(QStringLiteral("Can't read config from %1").arg(kLocation, 0, QLatin1Char(' ')));
+    if (validate)
+        core::CoreConfigValidator(settings).validate();
+    return std::make_unique<core::CoreConfigLoader>(settings, kLocation);
+}

@@ -1,0 +1,17 @@
+#pragma once
+
+#include "core/CoreConfigLoader.h"
+
+#include <memory>
+
+// Opens the product configuration the way every run does: the registry key, or an INI
+// file of exactly that name in the working directory.
+class ConfigurationReader
+{
+public:
+    static const QString kLocation;
+
+    // Throws ConfigException when the settings cannot be read. With validate, the
+    // validator's exceptions pass through as well.
+    static std::unique_ptr<core::CoreConfigLoader> load(bool validate);
+};

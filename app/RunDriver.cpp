@@ -1,0 +1,103 @@
+#include "app/RunDriver.h"
+
+#include "app/ConfigurationReader.h"
+#include "app/Console.h"
+#include "app/NormalizationPass.h"
+#include "app/RunLog.h"
+#include "config/Exception.h"
+#include "core/DeploymentIdPrefix.h"
+#include "core/PostgresService.h"
+
+#include <QCoreApplication>
+#include <QDate>
+#include <QSqlDatabase>
+
+#include <optional>
+
+namespace {
+const QString kNormalizeMode = QStringLiteral("normalize");
+
+void printUsage()
+{
+    Console::out(QStringLiteral("Usage:"));
+    Console::out(QStringLiteral(" * zentrix-data-normalizer"));
+    Console::out(QStringLiteral(" Options and arguments (and corresponding environment variables):"));
+    Console::out(QStringLiteral(" * no options\t: Normalize the data, default: filetype details"));
+    Console::out(QStringLiteral(" * -h\t\t: (--help) instruction"));
+}
+} // namespace
+
+int RunDriver::parseCommandLine(const QStringList &arguments, QString &runMode)
+{
+    if (arguments.size() == 2
+        && (arguments.at(1) == QLatin1String("-h") || arguments.at(1) == QLatin1String("--help"))) {
+        printUsage();
+        return 1;
+    }
+    if (arguments.size() < 2)
+        runMode = kNormalizeMode;
+    return 0;
+}
+
+int RunDriver::run(int &argc, char **argv)
+{
+    const std::unique_ptr<core::CoreConfigLoader> loader = ConfigurationReader::load(true);
+    core::DeploymentIdPrefix::set(loader->deploymentIdPrefix());
+
+    RunLog log;
+    log.open(RunLog::filePath(loader->logDirectory(), QDate::currentDate()));
+    Console::out(QStringLiteral("File log: ") + log.path());
+    if (!log.isOpen()) {
+        Console::err(QStringLiteral("ERROR: Cannot open file log: ") + log.path());
+        return 1;
+    }
+
+    QString connectionName;
+    int status = 0;
+    try {
+        if (runStages(argc, argv, *loader, log, connectionName) == Outcome::EarlyExit)
+            return 1;
+    } catch (const Exception &e) {
+        Console::errRaw(e.message());
+        log.writeRaw(e.message());
+        status = 1;
+    }
+    QSqlDatabase::removeDatabase(connectionName);
+    log.close();
+    return status;
+}
+
+// Everything here is destroyed in reverse order of creation when it returns or throws:
+// the pass's query, the database handle, the service (stopping a server it started),
+// then the application object.
+RunDriver::Outcome RunDriver::runStages(
+    int &argc, char **argv, core::CoreConfigLoader &loader, RunLog &log, QString &connectionName)
+{
+    const QCoreApplication application(argc, argv);
+    QString runMode;
+    if (parseCommandLine(QCoreApplication::arguments(), runMode) == 1)
+        return Outcome::EarlyExit;
+
+    core::PostgresService service(&loader, false, false);
+    service.stopOnDestroy = true;
+    service.auxiliaryStopOnDestroy = true;
+    if (!service.init(false, true, false)) {
+        log.writeLine(RunLog::Error, QStringLiteral("Failed to init Postgres service"));
+        return Outcome::EarlyExit;
+    }
+
+    QSqlDatabase database;
+    const core::PostgresInformation settings = service.connectionSettings();
+    if (!service.openConnection(database, settings.dbName, connectionName, true)) {
+        log.writeLine(RunLog::Error, QStringLiteral("Cannot connect to Postgres server: %1").arg(settings.dbName));
+        return Outcome::EarlyExit;
+    }
+
+    std::optional<NormalizationPass> pass;
+    if (runMode == kNormalizeMode) {
+        pass.emplace(database);
+        if (!pass->run(log))
+            return Outcome::EarlyExit;
+    }
+    return Outcome::Done;
+}

@@ -1,0 +1,37 @@
+#include "app/ConfigurationReader.h"
+#include "app/Console.h"
+#include "app/DbInfoCommand.h"
+#include "config/Exception.h"
+
+#include <QCoreApplication>
+#include <QDir>
+
+// The installation folder comes from --installation, else from the product
+// configuration exactly as the tool reads it.
+int main(int argc, char **argv)
+{
+    const QCoreApplication application(argc, argv);
+    QStringList arguments = QCoreApplication::arguments().mid(1);
+    if (arguments.isEmpty() || arguments.first() == QLatin1String("-h")
+        || arguments.first() == QLatin1String("--help")) {
+        DbInfoCommand::printUsage();
+        return arguments.isEmpty() ? 2 : 0;
+    }
+    QString installation;
+    if (arguments.first() == QLatin1String("--installation")) {
+        installation = arguments.value(1);
+        arguments = arguments.mid(2);
+    } else {
+        try {
+            installation = ConfigurationReader::load(false)->installationFolder();
+        } catch (const Exception &e) {
+            Console::err(e.message());
+            return 1;
+        }
+    }
+    if (installation.isEmpty() || !QDir(installation).exists()) {
+        Console::err(QStringLiteral("No installation folder: ") + installation);
+        return 1;
+    }
+    return DbInfoCommand(core::InformationFile::pathsIn(installation)).run(arguments);
+}
