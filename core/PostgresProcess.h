@@ -11,7 +11,7 @@ class PostgresProcess : public QProcess
 
 public:
     using QProcess::QProcess;
-    ~PostgresProcess() override = default;
+    ~PostgresProcess() override;
 };
 
 } // namespace core

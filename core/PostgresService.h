@@ -4,6 +4,8 @@
 #include "core/PostgresInformation.h"
 #include "core/PostgresLogLevel.h"
 #include "core/PostgresLogRelay.h"
+#include "core/ServerAccount.h"
+#include "core/ServiceControl.h"
 
 #include <QDir>
 #include <QMap>
@@ -13,6 +15,7 @@
 #include <QString>
 #include <QVariantMap>
 
+#include <functional>
 #include <memory>
 
 namespace core {
@@ -29,6 +32,16 @@ public:
     // Schema name to the lowest version this build works with, walked in name order.
     static const QMap<QString, int> requiredSchemaVersions;
     static constexpr int kRequiredControlVersion = 3;
+    // After the start command: 150 tries, 200 ms apart (about 30 s).
+    static constexpr int kStartTries = 150;
+    static constexpr int kStartRetryIntervalMs = 200;
+    // Waiting for a running server: 120 tries, 500 ms apart, at most 180 s.
+    static constexpr int kReadyTries = 120;
+    static constexpr int kReadyRetryIntervalMs = 500;
+    static constexpr int kReadyTimeoutMs = 180000;
+
+    using ServiceControlFactory
+        = std::function<std::unique_ptr<ServiceControl>(const ServiceContext &, const ServerAccount &)>;
 
     PostgresService(CoreConfigLoader *configuration, bool useLogger, bool stopAlways, QObject *parent = nullptr);
     ~PostgresService() override;
@@ -49,9 +62,25 @@ public:
     void checkDbUpgrade();
     bool tableExists(QSqlDatabase database, const QString &schema, const QString &table);
 
+    QString readConfigTemplate() const;
+    bool createConfigFile();
+    bool createCluster();
+    void registerService();
+    // True once the server accepts connections.
+    bool startService();
+    // Stops the server, kills what is left of it and unregisters the service.
+    void stopService();
+    void unregisterService();
+    int serviceStatus();
+    bool serviceExists();
+
+    // Replaces how the platform's service backend is made (before init).
+    void setServiceControlFactory(ServiceControlFactory factory) { m_controlFactory = std::move(factory); }
+
     bool upgradeNeeded() const { return m_upgradeNeeded; }
     bool firstSetup() const { return m_firstSetup; }
     bool isLocal() const { return m_localMode == 1; }
+    bool startedServer() const { return m_started; }
     bool sharedDbMode() const { return m_sharedDbMode; }
     QString databaseName() const { return m_databaseName; }
     QString privateUserName() const { return m_privateUserName; }
@@ -74,6 +103,11 @@ private:
     bool ensureDatabaseName();
     void ensurePrivatePassword();
     void settlePaths();
+    bool prepareLocalServer(bool writeServerConfig);
+    bool ensureCluster();
+    bool ensureRunning();
+    bool waitUntilReady();
+    bool answers();
     void runUpgradeCheck(QString &connectionName);
     void configureHandle(QSqlDatabase &database, const QString &dbName) const;
     static QString generatedSecret();
@@ -103,6 +137,9 @@ private:
     QString m_privateUserName;
     QString m_connectionName;
     bool m_sharedDbMode = false;
+    ServerAccount m_account;
+    ServiceControlFactory m_controlFactory;
+    std::unique_ptr<ServiceControl> m_control;
 };
 
 } // namespace core

@@ -10,7 +10,7 @@ class RootProcess : public QProcess
 
 public:
     using QProcess::QProcess;
-    ~RootProcess() override = default;
+    ~RootProcess() override;
 };
 
 } // namespace core

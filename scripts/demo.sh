@@ -1,8 +1,113 @@
 #!/usr/bin/env bash
-# Runs the tool's main job on a self-contained demo installation.
+# Runs the tool's main job on a self-contained demo installation in ./demo (or $DEMO_DIR).
+# Delete that folder to remove everything; running the demo again starts it afresh.
+#
+# The tool creates and manages its own PostgreSQL cluster there, as on a product
+# installation: the first run creates the cluster (and stops it again), the demo then
+# creates the product database with sample rows the way the product would, and the
+# second run starts the server, repairs the rows and stops it.
 set -euo pipefail
 cd "$(dirname "$0")/.."
+top=$(pwd)
+
 ./scripts/install-deps.sh
-./scripts/build.sh release
-echo "The demo is not ready yet: the run driver has not landed. The build in build/ is complete." >&2
-exit 1
+./scripts/build.sh release >/dev/null
+
+demo="${DEMO_DIR:-$top/demo}"
+pgbin=$(ls -d /usr/lib/postgresql/*/bin | sort -V | tail -n 1)
+tool="$top/build/app/zentrix-data-normalizer"
+dbinfo="$top/build/app/zentrix-dbinfo"
+
+# PostgreSQL refuses to run as root: as root, the installation belongs to "postgres" and
+# the tool runs the server programs under that account.
+if [ "$(id -u)" -eq 0 ]; then account=postgres; else account=$(id -un); fi
+as_account() {
+    if [ "$(id -un)" = "$account" ]; then "$@"; else runuser -u "$account" -- "$@"; fi
+}
+
+# A server left by an interrupted earlier demo is stopped before its folder goes.
+if [ -f "$demo/data/pg_data/postmaster.pid" ]; then
+    as_account "$pgbin/pg_ctl" stop -D "$demo/data/pg_data" -m fast >/dev/null 2>&1 || true
+fi
+rm -rf "$demo"
+mkdir -p "$demo/install/postgres/bin" "$demo/data/logs" "$demo/work"
+chmod 755 "$demo" "$demo/data"
+for program in "$pgbin"/*; do ln -s "$program" "$demo/install/postgres/bin/"; done
+chown -R "$account" "$demo/install"
+
+port=55432
+while (exec 3<>"/dev/tcp/127.0.0.1/$port") 2>/dev/null; do port=$((port + 1)); done
+password="demo-$RANDOM$RANDOM"
+
+config="$demo/work/HKEY_LOCAL_MACHINE\\Software\\Tarvex\\Bravik"
+cat >"$config" <<CONF
+InstallationFolder=$demo/install
+[global]
+restaddress=127.0.0.1
+restport=8008
+[internal]
+data_directory=$demo/data
+CONF
+
+section() { printf '\n== %s\n' "$*"; }
+run_tool() {
+    local status=0
+    (cd "$demo/work" && "$tool") || status=$?
+    echo "(exit status $status)"
+}
+sql() { PGPASSWORD="$password" psql -X -q -h 127.0.0.1 -p "$port" -U zentrix "$@"; }
+start_server() { as_account "$pgbin/pg_ctl" start -D "$demo/data/pg_data" -w -l "$demo/data/pg_data/demo.log" -o "-p $port -k ''" >/dev/null; }
+stop_server() { as_account "$pgbin/pg_ctl" stop -D "$demo/data/pg_data" -m fast >/dev/null; }
+
+section "Provisioning the encrypted information file (zentrix-dbinfo)"
+(cd "$demo/work" && "$dbinfo" set host=127.0.0.1 port="$port" user=zentrix password="$password" type=local)
+chown "$account" "$demo/install/zentrix_postgres.dat" "$demo/install/zentrix_postgres.cat"
+
+section "First run: creates the cluster, starts it, finds no product database yet, stops it"
+run_tool
+dbname=$(cd "$demo/work" && "$dbinfo" show | sed -n 's/.*"dbname": "\(.*\)".*/\1/p')
+echo "Generated database name: $dbname"
+
+section "Creating the product database with sample rows for three instances"
+start_server
+sql -d postgres -c "CREATE DATABASE $dbname"
+sql -d "$dbname" <<'SQL'
+CREATE SCHEMA warehouse;
+CREATE TABLE warehouse.control_refresh (instance_id int PRIMARY KEY, last_request_id bigint);
+CREATE SCHEMA scan;
+CREATE TABLE scan.file (id serial PRIMARY KEY, instance_id int, request_id bigint, filetype_details text);
+INSERT INTO warehouse.control_refresh VALUES (1, 0), (2, 0), (3, 0);
+INSERT INTO scan.file (instance_id, request_id, filetype_details) VALUES
+  (1, 10, '{"type":"PE32","name":"lone high \ud800 surrogate"}'),
+  (1, 11, '{"type":"PE32","name":"lone low \udc00 surrogate"}'),
+  (1, 12, '{"type":"ZIP","name":"valid pair \ud83d\ude00 stays"}'),
+  (2, 10, '{"type":"PDF","name":"nul \u0000 escape"}'),
+  (2, 11, '{"type":"PDF","name":"three backslashes \\\u0000"}'),
+  (2, 12, '{"type":"ELF","name":"hex \x41 escape, upper \X42"}'),
+  (3, 10, '{"type":"DOC","name":"upper-case \U0000 and \uD800"}'),
+  (3, 11, '{"type":"TXT","name":"escaped backslash \\ stays"}'),
+  (3, 3,  '{"type":"OLD","name":"request not after the instance id: left \ud800"}');
+SQL
+checker="CREATE FUNCTION pg_temp.is_jsonb(t text) RETURNS boolean LANGUAGE plpgsql AS
+  \$\$ BEGIN PERFORM t::jsonb; RETURN true; EXCEPTION WHEN others THEN RETURN false; END \$\$;"
+show_rows() {
+    sql -d "$dbname" -c "$checker" -c "SELECT id, instance_id, request_id,
+        CASE WHEN pg_temp.is_jsonb(filetype_details) THEN 'ok' ELSE 'FAILS ::jsonb' END AS jsonb_cast,
+        filetype_details FROM scan.file ORDER BY id"
+}
+section "Before: rows that fail a ::jsonb cast"
+show_rows
+stop_server
+
+section "Second run: starts the server, repairs the rows, stops the server"
+run_tool
+
+section "After"
+start_server
+show_rows
+stop_server
+
+section "Run log ($(ls "$demo"/data/logs/*.log))"
+cat "$demo"/data/logs/*.log
+
+printf '\nThe demo installation is in %s; delete that folder to remove it.\n' "$demo"

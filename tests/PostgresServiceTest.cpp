@@ -1,7 +1,9 @@
 #include "core/PostgresService.h"
 #include "config/Exception.h"
+#include "core/WindowsServiceControl.h"
 #include "support/CapturingLogOutput.h"
 #include "support/QtPrinters.h"
+#include "support/RecordingProcessRunner.h"
 #include "support/ServiceSandbox.h"
 #include "support/TestPostgresServer.h"
 
@@ -320,4 +322,125 @@ TEST_F(PostgresServiceTest, NonAsciiPasswordGoesThroughTheLocalCodePageRoundTrip
     // With a UTF-8 locale the round trip is the identity.
     EXPECT_TRUE(service->checkConnection(QStringLiteral("postgres")));
     s_server->execute(QStringLiteral("DROP ROLE umlaut"));
+}
+
+class ManagedServiceTest : public PostgresServiceTest
+{
+protected:
+    // A service on a "local" record whose Windows service commands are recorded; the
+    // data directory already holds a cluster, so only the service commands are exercised.
+    std::unique_ptr<core::PostgresService> localService(ServiceSandbox &sandbox)
+    {
+        core::PostgresInformation info = m_information;
+        info.type = QStringLiteral("local");
+        sandbox.provision(info);
+        QDir().mkpath(sandbox.dataDirectory() + QStringLiteral("/pg_data"));
+        QFile marker(sandbox.dataDirectory() + QStringLiteral("/pg_data/PG_VERSION"));
+        marker.open(QIODevice::WriteOnly);
+        // The server never runs as root: as root, the installation belongs to the test server's account.
+        s_server->account().handOver(sandbox.installation());
+        auto service = sandbox.service();
+        service->setServiceControlFactory([this](const core::ServiceContext &context, const core::ServerAccount &) {
+            return std::make_unique<core::WindowsServiceControl>(
+                context, std::make_unique<RecordingProcessRunner>(m_script));
+        });
+        return service;
+    }
+
+    QStringList commands() const
+    {
+        QStringList programs;
+        for (const QString &line : qAsConst(m_script->lines)) {
+            QStringList parts = line.section(QLatin1Char(' '), 0, -2).split(QLatin1Char('|'));
+            parts.first() = parts.first().section(QLatin1Char('/'), -1);
+            programs << parts.join(QLatin1Char('|'));
+        }
+        return programs;
+    }
+
+    static QStringList stopCommands()
+    {
+        return {QStringLiteral("net|stop|zentrix-postgresql"), QStringLiteral("net|stop|zentrix-postgresql"),
+            QStringLiteral("pg_ctl|unregister|-N|zentrix-postgresql")};
+    }
+
+    std::shared_ptr<RecordingProcessRunner::Script> m_script = std::make_shared<RecordingProcessRunner::Script>();
+};
+
+TEST_F(ManagedServiceTest, StoppedRegisteredServiceIsRegisteredAnewAndARunningServerIsNotStarted)
+{
+    m_script->exitCodes.insert(QStringLiteral("pg_ctl status"), 3);
+    m_script->exitCodes.insert(QStringLiteral("sc query"), 0);
+    ServiceSandbox sandbox;
+    {
+        auto service = localService(sandbox);
+        ASSERT_TRUE(service->init(false, true, false));
+        EXPECT_FALSE(service->startedServer());
+        EXPECT_TRUE(m_capture.output->messages().contains(QStringLiteral("Postgres server is already started")));
+        EXPECT_TRUE(m_capture.output->messages().contains(QStringLiteral("Postgresql server is ready")));
+    }
+    EXPECT_EQ(commands(),
+        QStringList({QStringLiteral("pg_ctl|status|-D|%1").arg(sandbox.dataDirectory() + QStringLiteral("/pg_data")),
+            QStringLiteral("sc|query|zentrix-postgresql"), QStringLiteral("net|stop|zentrix-postgresql"),
+            QStringLiteral("pg_ctl|unregister|-N|zentrix-postgresql"),
+            QStringLiteral("pg_ctl|register|-N|zentrix-postgresql|-D|%1|--options=-p%2")
+                .arg(sandbox.dataDirectory() + QStringLiteral("/pg_data"))
+                .arg(s_server->port()),
+            QStringLiteral("sc|failure|zentrix-postgresql|reset=86400|"
+                           "actions=restart/60000/restart/60000//"),
+            QStringLiteral("sc|description|zentrix-postgresql|Sentrova Core PostgreSQL "
+                           "Service"),
+            QStringLiteral("sc|config|zentrix-postgresql|displayname=|Tarvex Sentrova "
+                           "Core PostgreSQL")}))
+        << "no net start, and nothing stopped at the end";
+    QFile config(sandbox.dataDirectory() + QStringLiteral("/pg_data/postgresql.conf"));
+    ASSERT_TRUE(config.open(QIODevice::ReadOnly));
+    EXPECT_TRUE(config.readAll().contains("dynamic_shared_memory_type = windows"));
+}
+
+TEST_F(ManagedServiceTest, AServerThisRunStartedIsStoppedOnDestruction)
+{
+    const struct {
+        const char *config;
+        bool stopOnDestroy;
+        int stops;
+    } cases[] = {{"", true, 2}, {"", false, 1}, {"dbmode=2\n", true, 1}, {"dbmode=4\n", false, 0}};
+    for (const auto &c : cases) {
+        SCOPED_TRACE(std::string(c.config) + (c.stopOnDestroy ? " stopOnDestroy" : ""));
+        m_script->lines.clear();
+        m_script->exitCodes.insert(QStringLiteral("pg_ctl status"), 3);
+        m_script->hooks.insert(QStringLiteral("net start"), [] { s_server->start(); });
+        m_script->hooks.insert(QStringLiteral("net stop"), [] { s_server->stop(); });
+        s_server->stop();
+        ServiceSandbox sandbox(c.config);
+        {
+            auto service = localService(sandbox);
+            service->stopOnDestroy = c.stopOnDestroy;
+            ASSERT_TRUE(service->init(false, true, false));
+            EXPECT_TRUE(service->startedServer());
+            m_script->lines.clear();
+        }
+        QStringList expected;
+        for (int i = 0; i < c.stops; ++i)
+            expected += stopCommands();
+        EXPECT_EQ(commands(), expected);
+        m_script->hooks.clear();
+        if (c.stops == 0)
+            s_server->stop();
+        ASSERT_TRUE(s_server->start()) << s_server->error().toStdString();
+    }
+}
+
+TEST_F(ManagedServiceTest, ConnectionFailureSlotStartsTheServiceOnce)
+{
+    m_script->exitCodes.insert(QStringLiteral("pg_ctl status"), 0);
+    ServiceSandbox sandbox;
+    auto service = localService(sandbox);
+    ASSERT_TRUE(service->init(false, true, false));
+    m_script->lines.clear();
+    bool result = false;
+    ASSERT_TRUE(QMetaObject::invokeMethod(
+        service.get(), "connectionFailedPermanently_slot", Qt::DirectConnection, Q_RETURN_ARG(bool, result)));
+    EXPECT_TRUE(result);
+    EXPECT_EQ(commands(), QStringList()) << "a server that answers needs no service command";
 }

@@ -103,7 +103,9 @@ bool TestPostgresServer::initCluster()
 
 bool TestPostgresServer::start()
 {
-    m_port = freePort();
+    // A restart keeps the port, so clients configured for it find the server again.
+    if (m_port == 0)
+        m_port = freePort();
     const QString options = QStringLiteral("-p %1 -k %2 -c listen_addresses=127.0.0.1 -c fsync=off "
                                            "-c full_page_writes=off -c log_statement=all")
                                 .arg(m_port)

@@ -1,0 +1,7 @@
+#include "core/PostgresProcess.h"
+
+namespace core {
+
+PostgresProcess::~PostgresProcess() = default;
+
+} // namespace core

@@ -1,0 +1,7 @@
+#include "core/RootProcess.h"
+
+namespace core {
+
+RootProcess::~RootProcess() = default;
+
+} // namespace core
