@@ -5,7 +5,7 @@
 #include "support/QtPrinters.h"
 #include "support/RecordingProcessRunner.h"
 #include "support/ServiceSandbox.h"
-#include "support/TestPostgresServer.h"
+#include "support/SharedServerTest.h"
 
 #include <gtest/gtest.h>
 
@@ -43,24 +43,9 @@ QString productSchema(bool controlHasInstanceId)
 
 } // namespace
 
-class PostgresServiceTest : public ::testing::Test
+class PostgresServiceTest : public SharedServerTest
 {
 protected:
-    static void SetUpTestSuite() { s_server = new TestPostgresServer; }
-    static void TearDownTestSuite()
-    {
-        delete s_server;
-        s_server = nullptr;
-    }
-
-    void SetUp() override
-    {
-        if (!s_server->error().isEmpty())
-            GTEST_SKIP() << "no test server: " << s_server->error().toStdString();
-        s_server->execute(QStringLiteral("DROP DATABASE IF EXISTS product"));
-        ASSERT_EQ(s_server->execute(QStringLiteral("CREATE DATABASE product")), QString());
-    }
-
     core::PostgresInformation remoteInformation(const QString &password = QLatin1String(TestPostgresServer::kPassword))
     {
         core::PostgresInformation info;
@@ -100,12 +85,9 @@ protected:
         return service->upgradeNeeded();
     }
 
-    static TestPostgresServer *s_server;
     ScopedLogCapture m_capture;
     core::PostgresInformation m_information = remoteInformation();
 };
-
-TestPostgresServer *PostgresServiceTest::s_server = nullptr;
 
 TEST_F(PostgresServiceTest, AllSchemasAtTheirMinimumNeedNoUpgrade)
 {

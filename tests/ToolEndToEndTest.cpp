@@ -1,5 +1,5 @@
 #include "support/QtPrinters.h"
-#include "support/TestPostgresServer.h"
+#include "support/SharedServerTest.h"
 #include "support/ToolSandbox.h"
 
 #include <gtest/gtest.h>
@@ -39,22 +39,14 @@ QString quoted(const QString &text)
 
 } // namespace
 
-class ToolEndToEndTest : public ::testing::Test
+class ToolEndToEndTest : public SharedServerTest
 {
 protected:
-    static void SetUpTestSuite() { s_server = new TestPostgresServer; }
-    static void TearDownTestSuite()
-    {
-        delete s_server;
-        s_server = nullptr;
-    }
-
     void SetUp() override
     {
-        if (!s_server->error().isEmpty())
-            GTEST_SKIP() << "no test server: " << s_server->error().toStdString();
-        s_server->execute(QStringLiteral("DROP DATABASE IF EXISTS product"));
-        ASSERT_EQ(s_server->execute(QStringLiteral("CREATE DATABASE product")), QString());
+        SharedServerTest::SetUp();
+        if (IsSkipped() || HasFatalFailure())
+            return;
         ASSERT_EQ(db(kProductTables), QString());
         provision(m_sandbox, s_server->port());
     }
@@ -90,11 +82,8 @@ protected:
             QString());
     }
 
-    static TestPostgresServer *s_server;
     ToolSandbox m_sandbox;
 };
-
-TestPostgresServer *ToolEndToEndTest::s_server = nullptr;
 
 TEST_F(ToolEndToEndTest, BareRunNormalizesEveryListedInstance)
 {
