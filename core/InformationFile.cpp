@@ -2,6 +2,7 @@
 
 #include "core/PostgresException.h"
 
+#include <QDateTime>
 #include <QDir>
 #include <QFile>
 #include <QJsonDocument>
@@ -53,6 +54,7 @@ bool InformationFile::load(bool preferShared, PostgresInformation &information, 
         m_lastError = QStringLiteral("No information file: ") + path;
         return false;
     }
+    m_unreadablePath = path;
     if (!file.open(QIODevice::ReadOnly))
         return fail(QStringLiteral("Could not read postgres's information file"), path);
     const QJsonDocument document = QJsonDocument::fromJson(m_cipher.decrypt(file.readAll()));
@@ -65,13 +67,24 @@ bool InformationFile::load(bool preferShared, PostgresInformation &information, 
         return fail(QStringLiteral("Could not load postgres's information from file"), e.message());
     }
     values = loaded;
+    m_unreadablePath.clear();
     return true;
+}
+
+void InformationFile::keepUnreadableFile()
+{
+    if (m_unreadablePath.isEmpty() || !QFile::exists(m_unreadablePath))
+        return;
+    const QString stamp = QDateTime::currentDateTime().toString(QStringLiteral("yyyyMMdd-hhmmss"));
+    QFile::copy(m_unreadablePath, m_unreadablePath + QStringLiteral(".unreadable-") + stamp);
+    m_unreadablePath.clear();
 }
 
 bool InformationFile::save(const PostgresInformation &information)
 {
     if (!m_keyReady)
         prepareKey();
+    keepUnreadableFile();
     const QByteArray text = QJsonDocument(information.toJson()).toJson(QJsonDocument::Compact);
     // Written beside the old file and renamed over it, so a crash never leaves half a file.
     QSaveFile file(m_paths.information);

@@ -27,7 +27,9 @@ public:
     // Loads (or makes) the key, then reads the shared copy when asked for and present,
     // else the information file. Fills both the record and the raw named values.
     bool load(bool preferShared, PostgresInformation &information, QVariantMap &values);
-    // Replaces the information file atomically, readable by its owner only.
+    // Replaces the information file atomically, readable by its owner only. A file that
+    // failed to load is first kept beside it as "<name>.unreadable-<time>", so nothing of
+    // it is lost when the record is filled in anew.
     bool save(const PostgresInformation &information);
 
     // Loads or makes the key without reading any information.
@@ -39,12 +41,14 @@ public:
 private:
     QString sourcePath(bool preferShared) const;
     bool fail(const QString &message, const QString &detail);
+    void keepUnreadableFile();
 
     Paths m_paths;
     const PostgresLogRelay &m_relay;
     DesCipher m_cipher;
     bool m_keyReady = false;
     QString m_lastError;
+    QString m_unreadablePath;
 };
 
 } // namespace core

@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <QDir>
 #include <QFile>
 #include <QJsonDocument>
 #include <QProcess>
@@ -247,4 +248,21 @@ TEST_F(InformationFileTest, UnwritableTargetIsLoggedNotThrown)
     InformationFile file(unwritable, m_relay);
     EXPECT_FALSE(file.save(sampleInformation()));
     EXPECT_EQ(m_capture.output->messages(), QStringList({QStringLiteral("Could not open file for write")}));
+}
+
+TEST_F(InformationFileTest, UnreadableFileIsKeptBeforeItIsReplaced)
+{
+    writeAll(path("zentrix_postgres.dat"), "not encrypted JSON");
+    InformationFile file(paths(), m_relay);
+    PostgresInformation info;
+    QVariantMap values;
+    ASSERT_FALSE(file.load(false, info, values));
+    ASSERT_TRUE(file.save(sampleInformation()));
+    const QStringList kept = QDir(m_dir.path()).entryList({QStringLiteral("zentrix_postgres.dat.unreadable-*")});
+    ASSERT_EQ(kept.size(), 1);
+    EXPECT_EQ(readAll(m_dir.filePath(kept.first())), "not encrypted JSON");
+    ASSERT_TRUE(file.save(sampleInformation()));
+    EXPECT_EQ(QDir(m_dir.path()).entryList({QStringLiteral("zentrix_postgres.dat.unreadable-*")}).size(), 1)
+        << "only the file that failed to load is kept";
+    ASSERT_TRUE(file.load(false, info, values));
 }
