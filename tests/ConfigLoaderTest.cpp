@@ -111,26 +111,12 @@ TEST_F(ConfigLoaderTest, DerivedPathsFollowTheInstallationAndDataRoots)
         const char *expected;
     } cases[] = {
         {l->logDirectory(), "/srv/d/logs"},
-        {l->quarantineDirectory(), "/srv/d/quarantine"},
-        {l->sanitizedDirectory(), "/srv/d/sanitized"},
-        {l->dlpDirectory(), "/srv/d/dlp"},
-        {l->staticContentDirectory(), "/srv/d/static-content"},
         {l->updatesDirectory(), "/srv/d/updates/"},
         {l->mainDatabasePath(), "/srv/d/zentrix.db.sqlite"},
-        {l->statInfoDatabasePath(), "/srv/d/statinfo.db.sqlite"},
-        {l->sandboxDatabasePath(), "/srv/d/sandbox.db.sqlite"},
-        {l->cloudDatabasePath(), "/srv/d/cloud.db.sqlite"},
-        {l->configDatabasePath(), "/srv/d/config.db.sqlite"},
-        {l->auditLogPath(), "/srv/d/auditlog.sqlite"},
         {l->migrationLogPath(), "/srv/d/logs/migration_log.log"},
-        {l->upgradeLogPath(), "/srv/d/logs/upgrade.log"},
         {l->quarantineDatabasePath(), "/srv/d/quarantine/quarantine.db.sqlite"},
-        {l->sanitizeDatabasePath(), "/srv/d/sanitized/sanitize.db.sqlite"},
-        {l->dlpDatabasePath(), "/srv/d/dlp/dlp.db.sqlite"},
         {l->postgresDirectory(), "/opt/z/postgres"},
         {l->dbCredentialFile(), "/opt/z/zentrix_postgres.dat"},
-        {l->dbCredentialCatalogFile(), "/opt/z/zentrix_postgres.cat"},
-        {l->dbSharedCredentialFile(), "/opt/z/zentrix_postgres.dat.shared"},
         {l->currentDataDirectory(), "/srv/d"},
     };
     for (const auto &c : cases)

@@ -10,9 +10,6 @@
 #include <QElapsedTimer>
 #include <QFile>
 #include <QProcess>
-#include <QSqlDatabase>
-#include <QSqlQuery>
-#include <QUuid>
 
 #include <csignal>
 
@@ -80,25 +77,7 @@ public:
 
     QStringList query(const QString &sql, const QString &database = QStringLiteral("product")) const
     {
-        const QString name = QStringLiteral("local_") + QUuid::createUuid().toString(QUuid::Id128);
-        QStringList values;
-        {
-            QSqlDatabase db = QSqlDatabase::addDatabase(QStringLiteral("QPSQL"), name);
-            db.setHostName(QStringLiteral("127.0.0.1"));
-            db.setPort(m_port);
-            db.setDatabaseName(database);
-            db.setUserName(kUser);
-            db.setPassword(kPassword);
-            if (db.open()) {
-                QSqlQuery q(db);
-                if (q.exec(sql)) {
-                    while (q.next())
-                        values << q.value(0).toString();
-                }
-            }
-        }
-        QSqlDatabase::removeDatabase(name);
-        return values;
+        return SqlClient{QStringLiteral("127.0.0.1"), m_port, kUser, kPassword}.column(sql, database);
     }
 
 private:

@@ -1,6 +1,5 @@
+#include "support/ProductDatabaseTest.h"
 #include "support/QtPrinters.h"
-#include "support/SharedServerTest.h"
-#include "support/ToolSandbox.h"
 
 #include <gtest/gtest.h>
 
@@ -14,75 +13,18 @@
 
 namespace {
 
-const QString kProductDb = QStringLiteral("product");
-
-// The expression the pass must apply, stated here independently of the tool.
-const QString kPattern = QStringLiteral(R"((?<![\\]ud[89ab][0-9a-f]{2})[\\]+(?=ud[c-f][0-9a-f]{2})|)"
-                                        R"([\\]+(?=ud[89ab][0-9a-f]{2}(?![\\]ud[c-f][0-9a-f]{2}))|[\\]+(?=u0000|x))");
-
-const QString kProductTables = QStringLiteral(
-    "CREATE SCHEMA warehouse; CREATE TABLE warehouse.control_refresh (instance_id int PRIMARY KEY, "
-    "last_request_id bigint);"
-    "CREATE SCHEMA scan; CREATE TABLE scan.file (id serial PRIMARY KEY, instance_id int, request_id bigint, "
-    "filetype_details text);");
-
 const QByteArray kUsage = "Usage:\n"
                           " * zentrix-data-normalizer\n"
                           " Options and arguments (and corresponding environment variables):\n"
                           " * no options\t: Normalize the data, default: filetype details\n"
                           " * -h\t\t: (--help) instruction\n";
 
-QString quoted(const QString &text)
-{
-    return QStringLiteral("'") + QString(text).replace(QLatin1Char('\''), QStringLiteral("''")) + QStringLiteral("'");
-}
-
 } // namespace
 
-class ToolEndToEndTest : public SharedServerTest
+class ToolEndToEndTest : public ProductDatabaseTest
 {
 protected:
-    void SetUp() override
-    {
-        SharedServerTest::SetUp();
-        if (IsSkipped() || HasFatalFailure())
-            return;
-        ASSERT_EQ(db(kProductTables), QString());
-        provision(m_sandbox, s_server->port());
-    }
-
-    static void provision(const ToolSandbox &sandbox, int port, const QString &dbName = kProductDb)
-    {
-        const ToolSandbox::Result result = sandbox.runDbInfo(
-            {QStringLiteral("set"), QStringLiteral("host=127.0.0.1"), QStringLiteral("port=%1").arg(port),
-                QStringLiteral("user=%1").arg(QLatin1String(TestPostgresServer::kUser)),
-                QStringLiteral("password=%1").arg(QLatin1String(TestPostgresServer::kPassword)),
-                QStringLiteral("type=remote"), QStringLiteral("dbname=") + dbName});
-        ASSERT_EQ(result.exitCode, 0) << result.err.constData();
-    }
-
-    static QString db(const QString &sql) { return s_server->execute(sql, kProductDb); }
-    static QStringList rows(const QString &sql) { return s_server->column(sql, kProductDb); }
-
     QByteArray fileLogLine() const { return "File log: " + m_sandbox.runLogPath().toUtf8() + "\n"; }
-
-    void addInstances(const QList<int> &ids)
-    {
-        for (int id : ids)
-            ASSERT_EQ(db(QStringLiteral("INSERT INTO warehouse.control_refresh VALUES (%1, 0)").arg(id)), QString());
-    }
-
-    void addRow(int instance, int request, const QString &document)
-    {
-        ASSERT_EQ(db(QStringLiteral("INSERT INTO scan.file (instance_id, request_id, filetype_details) "
-                                    "VALUES (%1, %2, %3)")
-                          .arg(instance)
-                          .arg(request)
-                          .arg(quoted(document))),
-            QString());
-    }
-
-    ToolSandbox m_sandbox;
 };
 
 TEST_F(ToolEndToEndTest, BareRunNormalizesEveryListedInstance)
@@ -319,9 +261,8 @@ TEST_F(ToolEndToEndTest, JsonTestSuiteDocumentsMatchTheServersOwnReplacement)
     ASSERT_GT(count, 250);
     ASSERT_EQ(m_sandbox.runTool().exitCode, 0);
     const QStringList mismatches = rows(QStringLiteral("SELECT c.name FROM corpus c JOIN scan.file f ON f.id = c.id "
-                                                       "WHERE f.filetype_details IS DISTINCT FROM "
-                                                       "regexp_replace(c.original, %1, '\\\\\\\\', 'gi')")
-                                            .arg(quoted(kPattern)));
+                                                       "WHERE f.filetype_details IS DISTINCT FROM %1")
+                                            .arg(serverReplacement(QStringLiteral("c.original"))));
     EXPECT_EQ(mismatches, QStringList());
     const QStringList changed = rows(QStringLiteral("SELECT c.name FROM corpus c JOIN scan.file f ON f.id = c.id "
                                                     "WHERE f.filetype_details <> c.original ORDER BY 1"));

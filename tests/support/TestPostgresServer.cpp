@@ -3,11 +3,7 @@
 #include <QDir>
 #include <QFile>
 #include <QProcess>
-#include <QSqlDatabase>
-#include <QSqlError>
-#include <QSqlQuery>
 #include <QTcpServer>
-#include <QUuid>
 
 namespace {
 constexpr int kInitdbTimeoutMs = 120000;
@@ -127,47 +123,19 @@ void TestPostgresServer::stop(const QString &mode)
         kPgCtlTimeoutMs);
 }
 
-void TestPostgresServer::withConnection(const QString &database, const std::function<void(QSqlDatabase &)> &use) const
+SqlClient TestPostgresServer::client() const
 {
-    const QString name = QStringLiteral("test_admin_") + QUuid::createUuid().toString(QUuid::Id128);
-    {
-        QSqlDatabase db = QSqlDatabase::addDatabase(QStringLiteral("QPSQL"), name);
-        db.setHostName(host());
-        db.setPort(m_port);
-        db.setDatabaseName(database);
-        db.setUserName(QLatin1String(kUser));
-        db.setPassword(QLatin1String(kPassword));
-        db.open();
-        use(db);
-    }
-    QSqlDatabase::removeDatabase(name);
+    return {host(), m_port, QLatin1String(kUser), QLatin1String(kPassword)};
 }
 
 QString TestPostgresServer::execute(const QString &sql, const QString &database) const
 {
-    QString error;
-    withConnection(database, [&](QSqlDatabase &db) {
-        QSqlQuery query(db);
-        if (!db.isOpen())
-            error = db.lastError().text();
-        else if (!query.exec(sql))
-            error = query.lastError().text();
-    });
-    return error;
+    return client().execute(sql, database);
 }
 
 QStringList TestPostgresServer::column(const QString &sql, const QString &database) const
 {
-    QStringList values;
-    withConnection(database, [&](QSqlDatabase &db) {
-        QSqlQuery query(db);
-        query.setForwardOnly(true);
-        if (db.isOpen() && query.exec(sql)) {
-            while (query.next())
-                values << query.value(0).toString();
-        }
-    });
-    return values;
+    return client().column(sql, database);
 }
 
 QString TestPostgresServer::serverLog() const

@@ -1,14 +1,11 @@
 #pragma once
 
 #include "core/ServerAccount.h"
+#include "support/SqlClient.h"
 
 #include <QString>
 #include <QStringList>
 #include <QTemporaryDir>
-
-#include <functional>
-
-class QSqlDatabase;
 
 // A throwaway PostgreSQL server: its own cluster in a temporary directory, password
 // authentication, a free loopback port and its own socket directory. Run under an
@@ -36,6 +33,7 @@ public:
     QString rootDirectory() const { return m_root.path(); }
     const core::ServerAccount &account() const { return m_account; }
 
+    SqlClient client() const;
     // Runs SQL (several statements allowed) as the superuser; empty on success, else the error.
     QString execute(const QString &sql, const QString &database = QStringLiteral("postgres")) const;
     // First column of every row of the query.
@@ -52,7 +50,6 @@ public:
 private:
     QString run(const QString &program, const QStringList &arguments, int timeoutMs) const;
     bool initCluster();
-    void withConnection(const QString &database, const std::function<void(QSqlDatabase &)> &use) const;
 
     QTemporaryDir m_root;
     core::ServerAccount m_account;

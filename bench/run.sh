@@ -1,0 +1,278 @@
+#!/usr/bin/env bash
+# Measures the tool against the server's own cost and a client-side fixer, and writes the
+# results to docs/benchmarks.md. Not part of the test run.
+#
+#   bench/run.sh [ROW_COUNTS...]      default: 10000 100000 1000000
+#
+# Environment: REPEATS (alternating runs per size, default 3), CLIENT_LIMIT (largest size
+# the client-side fixer is run at, default 1000000), CLIENT_TIMEOUT (seconds, default 1800).
+set -euo pipefail
+cd "$(dirname "$0")/.."
+top=$(pwd)
+
+sizes=("$@")
+[ "${#sizes[@]}" -gt 0 ] || sizes=(10000 100000 1000000)
+repeats=${REPEATS:-3}
+client_limit=${CLIENT_LIMIT:-1000000}
+client_timeout=${CLIENT_TIMEOUT:-1800}
+
+./scripts/install-deps.sh
+cmake -S . -B build-bench -DCMAKE_BUILD_TYPE=Release -DZENTRIX_BUILD_TESTS=OFF -DZENTRIX_BUILD_BENCH=ON >/dev/null
+cmake --build build-bench -j "$(nproc)" -- --no-print-directory >/dev/null
+tool="$top/build-bench/app/zentrix-data-normalizer"
+dbinfo="$top/build-bench/app/zentrix-dbinfo"
+fixer="$top/build-bench/bench/client_fixer"
+pgbin=$(ls -d /usr/lib/postgresql/*/bin | sort -V | tail -n 1)
+
+if [ "$(id -u)" -eq 0 ]; then account=postgres; else account=$(id -un); fi
+as_account() {
+    if [ "$(id -un)" = "$account" ]; then "$@"; else runuser -u "$account" -- "$@"; fi
+}
+
+work=$(mktemp -d /tmp/zentrix-bench.XXXXXX)
+chmod 755 "$work"
+cleanup() {
+    as_account "$pgbin/pg_ctl" stop -D "$work/server" -m immediate >/dev/null 2>&1 || true
+    as_account "$pgbin/pg_ctl" stop -D "$work/first/data/pg_data" -m immediate >/dev/null 2>&1 || true
+    as_account "$pgbin/pg_ctl" stop -D "$work/manual" -m immediate >/dev/null 2>&1 || true
+    rm -rf "$work"
+}
+[ -n "${KEEP_WORK:-}" ] || trap cleanup EXIT
+
+free_port() {
+    local port=$1
+    while (exec 3<>"/dev/tcp/127.0.0.1/$port") 2>/dev/null; do port=$((port + 1)); done
+    echo "$port"
+}
+port=$(free_port 56432)
+password=bench-pw
+mkdir -p "$work/install" "$work/data/logs" "$work/cwd"
+chown "$account" "$work"
+printf '%s' "$password" >"$work/pw"
+chown "$account" "$work/pw"
+as_account "$pgbin/initdb" -D "$work/server" -U zentrix --pwfile="$work/pw" -A scram-sha-256 -E UTF8 --locale=C >/dev/null
+# Checkpoints and autovacuum would land at random points of a run; WAL kept recycled keeps
+# segment creation out of the runs. Statements over a second are logged with their duration
+# and client, to compare the server's time for the tool's statements with psql's.
+as_account "$pgbin/pg_ctl" start -D "$work/server" -w -l "$work/server.log" \
+    -o "-p $port -k '' -c max_wal_size=16GB -c min_wal_size=4GB -c checkpoint_timeout=1h -c autovacuum=off \
+        -c log_min_duration_statement=1000 -c log_line_prefix='%a '" >/dev/null
+export PGPASSWORD=$password
+sql() { psql -X -q -v ON_ERROR_STOP=1 -h 127.0.0.1 -p "$port" -U zentrix "$@"; }
+sql -d postgres -c "CREATE DATABASE bench"
+
+cat >"$work/cwd/HKEY_LOCAL_MACHINE\\Software\\Tarvex\\Bravik" <<CONF
+InstallationFolder=$work/install
+[global]
+restaddress=127.0.0.1
+restport=8008
+[internal]
+data_directory=$work/data
+CONF
+(cd "$work/cwd" && "$dbinfo" set host=127.0.0.1 port="$port" user=zentrix password="$password" type=remote \
+    dbname=bench private_password=x >/dev/null)
+
+# The statements the tool sends, byte for byte: the instance query and one UPDATE per instance.
+blanks() { printf '%*s' "$1" ''; }
+statements="$work/statements.sql"
+{
+    printf 'SELECT instance_id, last_request_id%sFROM warehouse.control_refresh%sORDER BY instance_id;\n' \
+        "$(blanks 61)" "$(blanks 61)"
+    for i in 1 2 3; do
+        printf '%s' "UPDATE scan.file$(blanks 57)SET filetype_details = REGEXP_REPLACE(filetype_details::TEXT, "
+        printf '%s' "'(?<![\\\\]ud[89ab][0-9a-f]{2})[\\\\]+(?=ud[c-f][0-9a-f]{2})|[\\\\]+(?=ud[89ab][0-9a-f]{2}"
+        printf '%s' "(?![\\\\]ud[c-f][0-9a-f]{2}))|[\\\\]+(?=u0000|x)', '\\\\\\\\', 'gi')"
+        printf '%s\n' "$(blanks 57)WHERE request_id > $i$(blanks 57)AND instance_id = $i;"
+    done
+} >"$statements"
+# The same rewrite without the expression, to show what the expression itself costs.
+rewrite="$work/rewrite.sql"
+for i in 1 2 3; do
+    echo "UPDATE scan.file SET filetype_details = filetype_details::TEXT WHERE request_id > $i AND instance_id = $i;"
+done >"$rewrite"
+
+sql -d bench <<'SQL'
+CREATE SCHEMA warehouse;
+CREATE TABLE warehouse.control_refresh (instance_id int PRIMARY KEY, last_request_id bigint);
+CREATE SCHEMA scan;
+CREATE TABLE scan.file (id bigint PRIMARY KEY, instance_id int, request_id bigint, filetype_details text);
+CREATE TABLE pristine (LIKE scan.file);
+SQL
+
+# About 1 KB of file-type details per row; one row in a hundred carries a bad escape.
+seed() {
+    sql -d bench -c "TRUNCATE pristine; INSERT INTO pristine
+      SELECT n, 1 + n % 3, 1000 + n,
+        '{\"filetype\":\"PE32 executable (GUI) Intel 80386, for MS Windows\",\"mime\":\"application/x-dosexec\",'
+        || '\"magic\":\"MZ\",\"size\":' || (n * 37 % 900000) || ',\"sections\":['
+        || '{\"name\":\".text\",\"entropy\":6.21,\"flags\":\"rx\",\"size\":' || (n % 4096) || '},'
+        || '{\"name\":\".rdata\",\"entropy\":4.87,\"flags\":\"r\",\"size\":8192},'
+        || '{\"name\":\".data\",\"entropy\":1.02,\"flags\":\"rw\",\"size\":1024},'
+        || '{\"name\":\".rsrc\",\"entropy\":3.33,\"flags\":\"r\",\"size\":65536}],'
+        || '\"version_info\":{\"CompanyName\":\"Example Software Ltd\",\"FileDescription\":\"Setup \\u00e9 utility\",'
+        || '\"ProductVersion\":\"10.4.' || (n % 97) || '\",\"OriginalFilename\":\"setup_' || n || '.exe\"},'
+        || '\"imports\":[\"KERNEL32.dll\",\"USER32.dll\",\"ADVAPI32.dll\",\"SHELL32.dll\",\"ole32.dll\"],'
+        || '\"signature\":{\"signed\":true,\"issuer\":\"Example Code Signing CA \\ud83d\\ude00\"},'
+        || '\"note\":\"' || CASE n % 100 WHEN 0 THEN 'lone \\ud800 surrogate' WHEN 50 THEN 'nul \\u0000 and \\x41'
+                                     ELSE 'clean' END || '\",'
+        || '\"padding\":\"' || repeat('0123456789abcdef', 16) || '\"}'
+      FROM generate_series(1, $1) n;
+      TRUNCATE warehouse.control_refresh; INSERT INTO warehouse.control_refresh VALUES (1, 0), (2, 0), (3, 0);"
+}
+reset_data() {
+    sql -d bench -c "TRUNCATE scan.file" -c "INSERT INTO scan.file SELECT * FROM pristine" \
+        -c "VACUUM ANALYZE scan.file" -c "CHECKPOINT"
+}
+bad_rows() {
+    sql -d bench -At -c "CREATE FUNCTION pg_temp.ok(t text) RETURNS bool LANGUAGE plpgsql AS
+        \$\$ BEGIN PERFORM t::jsonb; RETURN true; EXCEPTION WHEN others THEN RETURN false; END \$\$" \
+        -c "SELECT count(*) FROM scan.file WHERE NOT pg_temp.ok(filetype_details)"
+}
+# "seconds peak-KiB" of a command run in the given folder.
+timed() {
+    local dir=$1
+    shift
+    (cd "$dir" && /usr/bin/time -f '%e %M' -o "$work/time" "$@" >/dev/null 2>"$work/stderr") || {
+        cat "$work/stderr" >&2
+        return 1
+    }
+    cat "$work/time"
+}
+median() { sort -g | awk '{v[NR]=$1} END {print (NR % 2) ? v[(NR+1)/2] : (v[NR/2] + v[NR/2+1]) / 2}'; }
+ratio() { awk -v a="$1" -v b="$2" 'BEGIN {printf "%.3f", a / b}'; }
+
+results="$work/results.md"
+echo "| rows | tool (a) s | psql (b) s | a/b | client fixer (c) s | c/a | rewrite without expression (d) s | server time of the UPDATEs, all runs | tool peak RSS KiB | bad rows before/after |" >"$results"
+echo "| ---: | ---: | ---: | ---: | ---: | ---: | ---: | --- | ---: | ---: |" >>"$results"
+for n in "${sizes[@]}"; do
+    echo "== $n rows" >&2
+    seed "$n"
+    reset_data
+    before=$(bad_rows)
+    : >"$work/a"
+    : >"$work/b"
+    : >"$work/rss"
+    : >"$work/d"
+    for r in $(seq "$repeats"); do
+        # Alternate which of the two goes first, so neither always follows the same history.
+        if [ $((r % 2)) -eq 1 ]; then order="tool psql"; else order="psql tool"; fi
+        for who in $order; do
+            reset_data
+            if [ "$who" = tool ]; then
+                read -r seconds rss < <(timed "$work/cwd" "$tool")
+                echo "$seconds" >>"$work/a"
+                echo "$rss" >>"$work/rss"
+                after=$(bad_rows)
+            else
+                read -r seconds _ < <(timed "$work/cwd" psql -X -q -h 127.0.0.1 -p "$port" -U zentrix -d bench -f "$statements")
+                echo "$seconds" >>"$work/b"
+            fi
+        done
+        reset_data
+        read -r rewrite_seconds _ < <(timed "$work/cwd" psql -X -q -h 127.0.0.1 -p "$port" -U zentrix -d bench -f "$rewrite")
+        echo "$rewrite_seconds" >>"$work/d"
+        echo "  run $r ($order): tool $(tail -n 1 "$work/a") s, psql $(tail -n 1 "$work/b") s, rewrite only $rewrite_seconds s" >&2
+    done
+    d=$(median <"$work/d")
+    # The server's own time for the UPDATEs, by client: the tool's connection has no application name.
+    server_times=$(awk '/duration: .* UPDATE scan.file +SET filetype_details = REGEXP_REPLACE/ {
+            who = ($1 == "psql") ? "psql" : "tool"
+            for (i = 1; i < NF; i++) if ($i == "duration:") sum[who] += $(i + 1) } END {
+            printf "tool %.1f s, psql %.1f s", sum["tool"] / 1000, sum["psql"] / 1000 }' "$work/server.log")
+    echo "  server time for the UPDATEs over all runs: $server_times" >&2
+    : >"$work/server.log"
+    a=$(median <"$work/a")
+    b=$(median <"$work/b")
+    rss=$(sort -g "$work/rss" | tail -n 1)
+    if [ "$n" -le "$client_limit" ]; then
+        reset_data
+        if read -r c _ < <(timed "$work/cwd" timeout "$client_timeout" "$fixer" 127.0.0.1 "$port" bench zentrix "$password"); then
+            cr=$(ratio "$c" "$a")
+        else
+            c=">$client_timeout"
+            cr=">$(ratio "$client_timeout" "$a")"
+        fi
+        echo "  client fixer: $c s" >&2
+    else
+        c="not run"
+        cr="-"
+    fi
+    echo "| $n | $a | $b | $(ratio "$a" "$b") | $c | $cr | $d | $server_times | $rss | $before/$after |" >>"$results"
+done
+
+# Fixed costs: an empty instance list against a bare round trip, and a first run.
+sql -d bench -c "TRUNCATE warehouse.control_refresh"
+: >"$work/empty"
+: >"$work/select1"
+for r in $(seq 10); do
+    timed "$work/cwd" "$tool" | cut -d' ' -f1 >>"$work/empty"
+    timed "$work/cwd" psql -X -q -h 127.0.0.1 -p "$port" -U zentrix -d bench -c 'select 1' | cut -d' ' -f1 >>"$work/select1"
+done
+empty=$(median <"$work/empty")
+select1=$(median <"$work/select1")
+
+first_port=$(free_port $((port + 1)))
+: >"$work/first-tool"
+: >"$work/first-manual"
+for r in $(seq "$repeats"); do
+    as_account "$pgbin/pg_ctl" stop -D "$work/first/data/pg_data" -m immediate >/dev/null 2>&1 || true
+    rm -rf "$work/first"
+    mkdir -p "$work/first/install/postgres/bin" "$work/first/data/logs" "$work/first/cwd"
+    for program in "$pgbin"/*; do ln -s "$program" "$work/first/install/postgres/bin/"; done
+    chown -R "$account" "$work/first/install"
+    sed "s#$work/install#$work/first/install#; s#$work/data#$work/first/data#" \
+        "$work/cwd/HKEY_LOCAL_MACHINE\\Software\\Tarvex\\Bravik" >"$work/first/cwd/HKEY_LOCAL_MACHINE\\Software\\Tarvex\\Bravik"
+    (cd "$work/first/cwd" && "$dbinfo" set host=127.0.0.1 port="$first_port" user=zentrix password="$password" \
+        type=local dbname=postgres private_password=x >/dev/null)
+    # An argument other than -h skips the pass: cluster creation, start, connection, stop.
+    timed "$work/first/cwd" "$tool" skip-pass | cut -d' ' -f1 >>"$work/first-tool"
+
+    rm -rf "$work/manual"
+    start=$(date +%s.%N)
+    as_account "$pgbin/initdb" -D "$work/manual" -U zentrix --pwfile="$work/pw" -A password -E UTF8 >/dev/null
+    as_account "$pgbin/pg_ctl" start -D "$work/manual" -w -l "$work/manual.log" -o "-p $first_port -k ''" >/dev/null
+    as_account "$pgbin/pg_ctl" stop -D "$work/manual" -w >/dev/null
+    end=$(date +%s.%N)
+    awk -v s="$start" -v e="$end" 'BEGIN {printf "%.2f\n", e - s}' >>"$work/first-manual"
+done
+first_tool=$(median <"$work/first-tool")
+first_manual=$(median <"$work/first-manual")
+
+cpu=$(grep -m1 'model name' /proc/cpuinfo | cut -d: -f2 | sed 's/^ //')
+memory=$(awk '/MemTotal/ {printf "%.0f GiB", $2 / 1048576}' /proc/meminfo)
+server=$("$pgbin/postgres" --version)
+{
+    echo "# Benchmarks"
+    echo
+    echo "Measured by \`bench/run.sh\` on $(date -u '+%Y-%m-%d %H:%M UTC'): $(nproc) cores ($cpu), $memory,"
+    echo "$server on loopback, default settings but for max_wal_size=16GB, min_wal_size=4GB,"
+    echo "checkpoint_timeout=1h and autovacuum off (so no checkpoint or vacuum lands inside a run). Medians of"
+    echo "$repeats runs on identical data, the tool and psql taking turns at going first (the table is restored,"
+    echo "vacuumed and checkpointed before every run)."
+    echo
+    echo "- (a) the tool end to end on a running server (type \`remote\`): start, configuration, information"
+    echo "  file, upgrade check, connection, the instance list and one UPDATE per instance;"
+    echo "- (b) \`psql -f\` sending the identical statements: the server's own cost, the floor;"
+    echo "- (c) \`bench/client_fixer\`: fetches every row, repairs it in the client with the same expression"
+    echo "  and writes it back by key, one autocommitted UPDATE per row;"
+    echo "- (d) the same UPDATEs without the expression (\`SET filetype_details = filetype_details::TEXT\`):"
+    echo "  what rewriting the rows costs, so (b) - (d) is the server's regular-expression work."
+    echo
+    echo "Rows hold about 1 KB of file-type JSON each; one in a hundred has a bad escape; three instances."
+    echo
+    cat "$results"
+    echo
+    echo "| fixed cost | seconds |"
+    echo "| --- | ---: |"
+    echo "| tool, empty instance list (median of 10) | $empty |"
+    echo "| \`psql -c 'select 1'\` (median of 10) | $select1 |"
+    echo "| tool, first run: cluster creation, start, stop (median of $repeats) | $first_tool |"
+    echo "| \`initdb\` + \`pg_ctl start -w\` + \`pg_ctl stop\` by hand (median of $repeats) | $first_manual |"
+    # Hand-written findings below the marker survive a new measurement.
+    if [ -f "$top/docs/benchmarks.md" ] && grep -q '^<!-- findings -->' "$top/docs/benchmarks.md"; then
+        echo
+        sed -n '/^<!-- findings -->/,$p' "$top/docs/benchmarks.md"
+    fi
+} >"$top/docs/benchmarks.md.new"
+mv "$top/docs/benchmarks.md.new" "$top/docs/benchmarks.md"
+cat "$top/docs/benchmarks.md"
