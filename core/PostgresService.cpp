@@ -59,7 +59,7 @@ PostgresService::PostgresService(CoreConfigLoader *configuration, bool useLogger
 {
     m_relay.useLogger = useLogger;
     m_controlFactory = [](const ServiceContext &context, const ServerAccount &account) {
-        return ServiceControl::create(context, std::make_unique<QProcessRunner>(account, QString()));
+        return ServiceControl::create(context, std::make_unique<QProcessRunner>(account, context.installDirectory));
     };
     if (m_configuration) {
         const int mode = m_configuration->dbMode();
@@ -206,6 +206,7 @@ void PostgresService::settlePaths()
     ServiceContext context;
     context.pgCtlPath = m_pgCtlPath;
     context.dataDirectory = m_dataDir;
+    context.installDirectory = m_installDir.absolutePath();
     context.port = m_information.port;
     context.account = m_account;
     context.relay = &m_relay;

@@ -14,6 +14,8 @@ namespace core {
 struct ServiceContext {
     QString pgCtlPath;
     QString dataDirectory;
+    // The server's installation; its account can always enter it, so commands run there.
+    QString installDirectory;
     int port = 0;
     // Who the server runs as; files made for it are handed to this account.
     ServerAccount account;
