@@ -22,15 +22,9 @@ cmake --build build-bench -j "$(nproc)" -- --no-print-directory >/dev/null
 tool="$top/build-bench/app/zentrix-data-normalizer"
 dbinfo="$top/build-bench/app/zentrix-dbinfo"
 fixer="$top/build-bench/bench/client_fixer"
-pgbin=$(ls -d /usr/lib/postgresql/*/bin | sort -V | tail -n 1)
-
-if [ "$(id -u)" -eq 0 ]; then account=postgres; else account=$(id -un); fi
-as_account() {
-    if [ "$(id -un)" = "$account" ]; then "$@"; else runuser -u "$account" -- "$@"; fi
-}
+. scripts/sandbox-lib.sh
 
 work=$(mktemp -d /tmp/zentrix-bench.XXXXXX)
-chmod 755 "$work"
 cleanup() {
     as_account "$pgbin/pg_ctl" stop -D "$work/server" -m immediate >/dev/null 2>&1 || true
     as_account "$pgbin/pg_ctl" stop -D "$work/first/data/pg_data" -m immediate >/dev/null 2>&1 || true
@@ -39,14 +33,9 @@ cleanup() {
 }
 [ -n "${KEEP_WORK:-}" ] || trap cleanup EXIT
 
-free_port() {
-    local port=$1
-    while (exec 3<>"/dev/tcp/127.0.0.1/$port") 2>/dev/null; do port=$((port + 1)); done
-    echo "$port"
-}
 port=$(free_port 56432)
 password=bench-pw
-mkdir -p "$work/install" "$work/data/logs" "$work/cwd"
+make_installation "$work"
 chown "$account" "$work"
 printf '%s' "$password" >"$work/pw"
 chown "$account" "$work/pw"
@@ -61,15 +50,7 @@ export PGPASSWORD=$password
 sql() { psql -X -q -v ON_ERROR_STOP=1 -h 127.0.0.1 -p "$port" -U zentrix "$@"; }
 sql -d postgres -c "CREATE DATABASE bench"
 
-cat >"$work/cwd/HKEY_LOCAL_MACHINE\\Software\\Tarvex\\Bravik" <<CONF
-InstallationFolder=$work/install
-[global]
-restaddress=127.0.0.1
-restport=8008
-[internal]
-data_directory=$work/data
-CONF
-(cd "$work/cwd" && "$dbinfo" set host=127.0.0.1 port="$port" user=zentrix password="$password" type=remote \
+(cd "$work/work" && "$dbinfo" set host=127.0.0.1 port="$port" user=zentrix password="$password" type=remote \
     dbname=bench private_password=x >/dev/null)
 
 # The statements the tool sends, byte for byte: the instance query and one UPDATE per instance.
@@ -159,17 +140,17 @@ for n in "${sizes[@]}"; do
         for who in $order; do
             reset_data
             if [ "$who" = tool ]; then
-                read -r seconds rss < <(timed "$work/cwd" "$tool")
+                read -r seconds rss < <(timed "$work/work" "$tool")
                 echo "$seconds" >>"$work/a"
                 echo "$rss" >>"$work/rss"
                 after=$(bad_rows)
             else
-                read -r seconds _ < <(timed "$work/cwd" psql -X -q -h 127.0.0.1 -p "$port" -U zentrix -d bench -f "$statements")
+                read -r seconds _ < <(timed "$work/work" psql -X -q -h 127.0.0.1 -p "$port" -U zentrix -d bench -f "$statements")
                 echo "$seconds" >>"$work/b"
             fi
         done
         reset_data
-        read -r rewrite_seconds _ < <(timed "$work/cwd" psql -X -q -h 127.0.0.1 -p "$port" -U zentrix -d bench -f "$rewrite")
+        read -r rewrite_seconds _ < <(timed "$work/work" psql -X -q -h 127.0.0.1 -p "$port" -U zentrix -d bench -f "$rewrite")
         echo "$rewrite_seconds" >>"$work/d"
         echo "  run $r ($order): tool $(tail -n 1 "$work/a") s, psql $(tail -n 1 "$work/b") s, rewrite only $rewrite_seconds s" >&2
     done
@@ -186,7 +167,7 @@ for n in "${sizes[@]}"; do
     rss=$(sort -g "$work/rss" | tail -n 1)
     if [ "$n" -le "$client_limit" ]; then
         reset_data
-        if read -r c _ < <(timed "$work/cwd" timeout "$client_timeout" "$fixer" 127.0.0.1 "$port" bench zentrix "$password"); then
+        if read -r c _ < <(timed "$work/work" timeout "$client_timeout" "$fixer" 127.0.0.1 "$port" bench zentrix "$password"); then
             cr=$(ratio "$c" "$a")
         else
             c=">$client_timeout"
@@ -205,8 +186,8 @@ sql -d bench -c "TRUNCATE warehouse.control_refresh"
 : >"$work/empty"
 : >"$work/select1"
 for r in $(seq 10); do
-    timed "$work/cwd" "$tool" | cut -d' ' -f1 >>"$work/empty"
-    timed "$work/cwd" psql -X -q -h 127.0.0.1 -p "$port" -U zentrix -d bench -c 'select 1' | cut -d' ' -f1 >>"$work/select1"
+    timed "$work/work" "$tool" | cut -d' ' -f1 >>"$work/empty"
+    timed "$work/work" psql -X -q -h 127.0.0.1 -p "$port" -U zentrix -d bench -c 'select 1' | cut -d' ' -f1 >>"$work/select1"
 done
 empty=$(median <"$work/empty")
 select1=$(median <"$work/select1")
@@ -217,15 +198,11 @@ first_port=$(free_port $((port + 1)))
 for r in $(seq "$repeats"); do
     as_account "$pgbin/pg_ctl" stop -D "$work/first/data/pg_data" -m immediate >/dev/null 2>&1 || true
     rm -rf "$work/first"
-    mkdir -p "$work/first/install/postgres/bin" "$work/first/data/logs" "$work/first/cwd"
-    for program in "$pgbin"/*; do ln -s "$program" "$work/first/install/postgres/bin/"; done
-    chown -R "$account" "$work/first/install"
-    sed "s#$work/install#$work/first/install#; s#$work/data#$work/first/data#" \
-        "$work/cwd/HKEY_LOCAL_MACHINE\\Software\\Tarvex\\Bravik" >"$work/first/cwd/HKEY_LOCAL_MACHINE\\Software\\Tarvex\\Bravik"
-    (cd "$work/first/cwd" && "$dbinfo" set host=127.0.0.1 port="$first_port" user=zentrix password="$password" \
+    make_installation "$work/first"
+    (cd "$work/first/work" && "$dbinfo" set host=127.0.0.1 port="$first_port" user=zentrix password="$password" \
         type=local dbname=postgres private_password=x >/dev/null)
     # An argument other than -h skips the pass: cluster creation, start, connection, stop.
-    timed "$work/first/cwd" "$tool" skip-pass | cut -d' ' -f1 >>"$work/first-tool"
+    timed "$work/first/work" "$tool" skip-pass | cut -d' ' -f1 >>"$work/first-tool"
 
     rm -rf "$work/manual"
     start=$(date +%s.%N)

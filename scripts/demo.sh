@@ -14,40 +14,18 @@ top=$(pwd)
 ./scripts/build.sh release >/dev/null
 
 demo="${DEMO_DIR:-$top/demo}"
-pgbin=$(ls -d /usr/lib/postgresql/*/bin | sort -V | tail -n 1)
 tool="$top/build/app/zentrix-data-normalizer"
 dbinfo="$top/build/app/zentrix-dbinfo"
-
-# PostgreSQL refuses to run as root: as root, the installation belongs to "postgres" and
-# the tool runs the server programs under that account.
-if [ "$(id -u)" -eq 0 ]; then account=postgres; else account=$(id -un); fi
-as_account() {
-    if [ "$(id -un)" = "$account" ]; then "$@"; else runuser -u "$account" -- "$@"; fi
-}
+. scripts/sandbox-lib.sh
 
 # A server left by an interrupted earlier demo is stopped before its folder goes.
 if [ -f "$demo/data/pg_data/postmaster.pid" ]; then
     as_account "$pgbin/pg_ctl" stop -D "$demo/data/pg_data" -m fast >/dev/null 2>&1 || true
 fi
 rm -rf "$demo"
-mkdir -p "$demo/install/postgres/bin" "$demo/data/logs" "$demo/work"
-chmod 755 "$demo" "$demo/data"
-for program in "$pgbin"/*; do ln -s "$program" "$demo/install/postgres/bin/"; done
-chown -R "$account" "$demo/install"
-
-port=55432
-while (exec 3<>"/dev/tcp/127.0.0.1/$port") 2>/dev/null; do port=$((port + 1)); done
+make_installation "$demo"
+port=$(free_port 55432)
 password="demo-$RANDOM$RANDOM"
-
-config="$demo/work/HKEY_LOCAL_MACHINE\\Software\\Tarvex\\Bravik"
-cat >"$config" <<CONF
-InstallationFolder=$demo/install
-[global]
-restaddress=127.0.0.1
-restport=8008
-[internal]
-data_directory=$demo/data
-CONF
 
 section() { printf '\n== %s\n' "$*"; }
 run_tool() {
