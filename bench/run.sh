@@ -16,7 +16,7 @@ repeats=${REPEATS:-3}
 client_limit=${CLIENT_LIMIT:-1000000}
 client_timeout=${CLIENT_TIMEOUT:-1800}
 
-./scripts/install-deps.sh
+./scripts/install-deps.sh time
 cmake -S . -B build-bench -DCMAKE_BUILD_TYPE=Release -DZENTRIX_BUILD_TESTS=OFF -DZENTRIX_BUILD_BENCH=ON >/dev/null
 cmake --build build-bench -j "$(nproc)" -- --no-print-directory >/dev/null
 tool="$top/build-bench/app/zentrix-data-normalizer"

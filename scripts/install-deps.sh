@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
 # Installs the Debian packages the project needs, only those that are missing, without questions.
+# Extra package names given as arguments are installed the same way.
 set -euo pipefail
 
-packages=(qt6-base-dev libqt6sql6-psql libssl-dev postgresql cmake g++ libgtest-dev clang-format openssl)
+packages=(qt6-base-dev libqt6sql6-psql libssl-dev postgresql cmake g++ libgtest-dev clang-format openssl "$@")
 
 missing=()
 for package in "${packages[@]}"; do
