@@ -22,6 +22,8 @@ bool ClusterCreator::create()
         m_relay.log(QStringLiteral("Can not open file for write"), passwordPath, PostgresLogLevel::Error);
         return false;
     }
+    // Only the server's account may read the password, and only while initdb runs.
+    passwordFile.setPermissions(QFileDevice::ReadOwner | QFileDevice::WriteOwner);
     passwordFile.write(m_settings.password.toUtf8());
     passwordFile.close();
     m_account.handOver(passwordPath);
