@@ -120,7 +120,6 @@ int DbInfoCommand::set(const QStringList &assignments)
         Console::err(e.message());
         return 1;
     }
-    file.prepareKey();
     if (!file.save(information)) {
         Console::err(file.lastError());
         return 1;

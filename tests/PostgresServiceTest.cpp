@@ -188,9 +188,8 @@ TEST_F(PostgresServiceTest, TableExistsAnswersAndThrowsOnAFailedQuery)
 {
     ASSERT_EQ(s_server->execute(QStringLiteral("CREATE SCHEMA s; CREATE TABLE s.t (a int);"), kProductDb), QString());
     ServiceSandbox sandbox;
-    sandbox.provision(m_information);
-    auto service = sandbox.service();
-    ASSERT_TRUE(service->loadInformation(false));
+    auto service = sandbox.loadedService(m_information);
+    ASSERT_TRUE(service);
     QString name;
     {
         QSqlDatabase db;
@@ -212,9 +211,8 @@ TEST_F(PostgresServiceTest, TableExistsAnswersAndThrowsOnAFailedQuery)
 TEST_F(PostgresServiceTest, OpenConnectionNamesEveryCallAndKeepsTheRegistration)
 {
     ServiceSandbox sandbox;
-    sandbox.provision(m_information);
-    auto service = sandbox.service();
-    ASSERT_TRUE(service->loadInformation(false));
+    auto service = sandbox.loadedService(m_information);
+    ASSERT_TRUE(service);
     QString first;
     QString second;
     {
@@ -253,9 +251,8 @@ TEST_F(PostgresServiceTest, FailedConnectionsAreReportedAsWritten)
         if (c.stopServer)
             s_server->stop();
         ServiceSandbox sandbox;
-        sandbox.provision(remoteInformation(c.password));
-        auto service = sandbox.service();
-        ASSERT_TRUE(service->loadInformation(false));
+        auto service = sandbox.loadedService(remoteInformation(c.password));
+        ASSERT_TRUE(service);
 
         EXPECT_FALSE(service->checkConnection(c.database));
         EXPECT_FALSE(QSqlDatabase::contains(QStringLiteral("kvcore_connection")));
@@ -284,9 +281,8 @@ TEST_F(PostgresServiceTest, FailedConnectionsAreReportedAsWritten)
 TEST_F(PostgresServiceTest, CheckConnectionSucceedsAndLeavesNoName)
 {
     ServiceSandbox sandbox;
-    sandbox.provision(m_information);
-    auto service = sandbox.service();
-    ASSERT_TRUE(service->loadInformation(false));
+    auto service = sandbox.loadedService(m_information);
+    ASSERT_TRUE(service);
     EXPECT_TRUE(service->checkConnection(QStringLiteral("postgres")));
     EXPECT_TRUE(service->checkConnection(kProductDb));
     EXPECT_FALSE(QSqlDatabase::contains(QStringLiteral("kvcore_connection")));
@@ -298,9 +294,8 @@ TEST_F(PostgresServiceTest, NonAsciiPasswordGoesThroughTheLocalCodePageRoundTrip
     core::PostgresInformation info = remoteInformation(QStringLiteral("pässwörd"));
     info.user = QStringLiteral("umlaut");
     ServiceSandbox sandbox;
-    sandbox.provision(info);
-    auto service = sandbox.service();
-    ASSERT_TRUE(service->loadInformation(false));
+    auto service = sandbox.loadedService(info);
+    ASSERT_TRUE(service);
     // With a UTF-8 locale the round trip is the identity.
     EXPECT_TRUE(service->checkConnection(QStringLiteral("postgres")));
     s_server->execute(QStringLiteral("DROP ROLE umlaut"));

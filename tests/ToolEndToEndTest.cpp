@@ -25,6 +25,11 @@ class ToolEndToEndTest : public ProductDatabaseTest
 {
 protected:
     QByteArray fileLogLine() const { return "File log: " + m_sandbox.runLogPath().toUtf8() + "\n"; }
+    static QByteArray doneLine(int instance)
+    {
+        return "Data normalization is done, data: filetype_details, instance id: " + QByteArray::number(instance)
+            + "\n";
+    }
 };
 
 TEST_F(ToolEndToEndTest, BareRunNormalizesEveryListedInstance)
@@ -33,10 +38,7 @@ TEST_F(ToolEndToEndTest, BareRunNormalizesEveryListedInstance)
     addRow(1, 5, QStringLiteral(R"({"a":"\ud800"})"));
     const ToolSandbox::Result result = m_sandbox.runTool();
     EXPECT_EQ(result.exitCode, 0);
-    EXPECT_EQ(result.out,
-        fileLogLine()
-            + "Data normalization is done, data: filetype_details, instance id: 1\n"
-              "Data normalization is done, data: filetype_details, instance id: 2\n");
+    EXPECT_EQ(result.out, fileLogLine() + doneLine(1) + doneLine(2));
     EXPECT_EQ(result.err, "");
     EXPECT_EQ(m_sandbox.runLogMasked(),
         QStringLiteral("[INFO\t] <ts>: Data normalization is done, data: filetype_details, instance id: 1\n"
@@ -137,10 +139,7 @@ TEST_F(ToolEndToEndTest, OneFailingInstanceDoesNotStopTheOthers)
         QString());
     const ToolSandbox::Result result = m_sandbox.runTool();
     EXPECT_EQ(result.exitCode, 0);
-    EXPECT_EQ(result.out,
-        fileLogLine()
-            + "Data normalization is done, data: filetype_details, instance id: 1\n"
-              "Data normalization is done, data: filetype_details, instance id: 3\n");
+    EXPECT_EQ(result.out, fileLogLine() + doneLine(1) + doneLine(3));
     EXPECT_EQ(result.err, "WARNING: Data normalization is failed, data: filetype_details, instance id: 2\n");
     const QStringList lines = m_sandbox.runLogMasked().split(QLatin1Char('\n'));
     EXPECT_EQ(lines.value(0),

@@ -3,56 +3,22 @@
 #include "core/CoreConfigLoader.h"
 #include "core/InformationFile.h"
 #include "core/PostgresService.h"
+#include "support/ToolSandbox.h"
 
-#include <QFile>
 #include <QSettings>
-#include <QTemporaryDir>
 
 #include <memory>
 
-// An installation folder with a configuration and an information file, and the loader
-// and service object built over them.
-class ServiceSandbox
+// The tool's sandbox, with the loader and the service object built over it in-process.
+class ServiceSandbox : public ToolSandbox
 {
 public:
-    explicit ServiceSandbox(const QByteArray &extraConfig = QByteArray())
-    {
-        m_installation = m_root.filePath(QStringLiteral("install"));
-        QDir().mkpath(m_installation);
-        QDir().mkpath(m_root.filePath(QStringLiteral("data/logs")));
-        QFile file(configPath());
-        file.open(QIODevice::WriteOnly);
-        file.write("InstallationFolder=" + m_installation.toUtf8()
-            + "\n[global]\nrestaddress=127.0.0.1\nrestport=8008\n" + extraConfig
-            + "\n[internal]\ndata_directory=" + m_root.filePath(QStringLiteral("data")).toUtf8() + "\n");
-    }
-
-    QString configPath() const { return m_root.filePath(QStringLiteral("config.ini")); }
-    QString installation() const { return m_installation; }
-    QString dataDirectory() const { return m_root.filePath(QStringLiteral("data")); }
-    QString root() const { return m_root.path(); }
-
-    core::InformationFile::Paths informationPaths() const
-    {
-        const QDir dir(m_installation);
-        return {dir.filePath(QStringLiteral("zentrix_postgres.dat")),
-            dir.filePath(QStringLiteral("zentrix_postgres.dat.shared")),
-            dir.filePath(QStringLiteral("zentrix_postgres.cat"))};
-    }
+    using ToolSandbox::ToolSandbox;
 
     void provision(const core::PostgresInformation &information) const
     {
         core::PostgresLogRelay relay;
-        core::InformationFile(informationPaths(), relay).save(information);
-    }
-
-    core::PostgresInformation stored() const
-    {
-        core::PostgresLogRelay relay;
-        core::PostgresInformation information;
-        QVariantMap values;
-        core::InformationFile(informationPaths(), relay).load(false, information, values);
-        return information;
+        core::InformationFile(core::InformationFile::pathsIn(installation()), relay).save(information);
     }
 
     core::CoreConfigLoader &loader()
@@ -69,8 +35,14 @@ public:
         return std::make_unique<core::PostgresService>(&loader(), useLogger, false);
     }
 
+    // A service whose information is already loaded from the provisioned file.
+    std::unique_ptr<core::PostgresService> loadedService(const core::PostgresInformation &information)
+    {
+        provision(information);
+        auto loaded = service();
+        return loaded->loadInformation(false) ? std::move(loaded) : nullptr;
+    }
+
 private:
-    QTemporaryDir m_root;
-    QString m_installation;
     std::unique_ptr<core::CoreConfigLoader> m_loader;
 };
