@@ -1,7 +1,7 @@
 #include "app/ConfigurationReader.h"
 
-#include "config/ConfigException.h"
-#include "core/CoreConfigValidator.h"
+#include "config/exceptions/ConfigException.h"
+#include "config/validator/CoreConfigValidator.h"
 
 #include <QFile>
 #include <QSettings>

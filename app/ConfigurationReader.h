@@ -1,6 +1,6 @@
 #pragma once
 
-#include "core/CoreConfigLoader.h"
+#include "config/loader/CoreConfigLoader.h"
 
 #include <memory>
 

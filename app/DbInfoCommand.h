@@ -1,6 +1,6 @@
 #pragma once
 
-#include "core/InformationFile.h"
+#include "core/secrets/InformationFile.h"
 
 #include <QStringList>
 

@@ -4,8 +4,8 @@
 #include "app/Console.h"
 #include "app/NormalizationPass.h"
 #include "app/RunLog.h"
-#include "config/Exception.h"
-#include "core/DeploymentIdPrefix.h"
+#include "config/exceptions/Exception.h"
+#include "config/loader/DeploymentIdPrefix.h"
 #include "core/PostgresService.h"
 
 #include <QCoreApplication>

@@ -1,7 +1,7 @@
 #include "app/ConfigurationReader.h"
 #include "app/Console.h"
 #include "app/DbInfoCommand.h"
-#include "config/Exception.h"
+#include "config/exceptions/Exception.h"
 
 #include <QCoreApplication>
 #include <QDir>

@@ -1,11 +1,11 @@
 #pragma once
 
-#include "core/InformationFile.h"
-#include "core/PostgresInformation.h"
-#include "core/PostgresLogLevel.h"
-#include "core/PostgresLogRelay.h"
-#include "core/ServerAccount.h"
-#include "core/ServiceControl.h"
+#include "core/relay/PostgresLogLevel.h"
+#include "core/relay/PostgresLogRelay.h"
+#include "core/secrets/InformationFile.h"
+#include "core/secrets/PostgresInformation.h"
+#include "core/server/control/ServiceControl.h"
+#include "core/server/process/ServerAccount.h"
 
 #include <QDir>
 #include <QMap>

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "core/LogOutput.h"
-#include "core/ProductLogger.h"
+#include "core/relay/LogOutput.h"
+#include "core/relay/ProductLogger.h"
 
 #include <QStringList>
 

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "core/ProcessRunner.h"
+#include "core/server/process/ProcessRunner.h"
 
 #include <QHash>
 #include <QStringList>

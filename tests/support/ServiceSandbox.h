@@ -1,8 +1,8 @@
 #pragma once
 
-#include "core/CoreConfigLoader.h"
-#include "core/InformationFile.h"
+#include "config/loader/CoreConfigLoader.h"
 #include "core/PostgresService.h"
+#include "core/secrets/InformationFile.h"
 #include "support/ToolSandbox.h"
 
 #include <QSettings>

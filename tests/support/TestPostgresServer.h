@@ -1,6 +1,6 @@
 #pragma once
 
-#include "core/ServerAccount.h"
+#include "core/server/process/ServerAccount.h"
 #include "support/SqlClient.h"
 
 #include <QString>

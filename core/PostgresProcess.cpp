@@ -1,7 +1,0 @@
-#include "core/PostgresProcess.h"
-
-namespace core {
-
-PostgresProcess::~PostgresProcess() = default;
-
-} // namespace core

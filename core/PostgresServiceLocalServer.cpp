@@ -1,0 +1,192 @@
+#include "core/PostgresService.h"
+
+#include "config/loader/CoreConfigLoader.h"
+#include "core/server/ClusterCreator.h"
+#include "core/server/ServerConfigFile.h"
+
+#include <QElapsedTimer>
+#include <QFile>
+#include <QThread>
+
+namespace core {
+
+namespace {
+const QString kMaintenanceDatabase = QStringLiteral("postgres");
+} // namespace
+
+bool PostgresService::prepareLocalServer(bool writeServerConfig)
+{
+    if (m_account.isSuperuser()) {
+        logPostgres(QStringLiteral("The database server cannot run as root; give the installation folder to an "
+                                   "unprivileged account"),
+            m_configuration->installationFolder(), PostgresLogLevel::Error);
+        return false;
+    }
+    if (!ensureCluster())
+        return false;
+    if (writeServerConfig) {
+        QFile::remove(m_dataDir + QStringLiteral("/postgresql.conf"));
+        if (!createConfigFile())
+            return false;
+    }
+    return ensureRunning() && waitUntilReady();
+}
+
+bool PostgresService::ensureCluster()
+{
+    // Hidden and system entries do not count: such a directory holds no cluster.
+    const QDir dataDir(m_dataDir);
+    if (dataDir.exists() && !dataDir.entryList(QDir::AllEntries | QDir::NoDotAndDotDot).isEmpty())
+        return true;
+    if (dataDir.exists() && !QDir(m_dataDir).removeRecursively())
+        logPostgres(QStringLiteral("Could not cleanup postgres data folder"), m_dataDir, PostgresLogLevel::Error);
+    return createCluster();
+}
+
+bool PostgresService::ensureRunning()
+{
+    const int status = serviceStatus();
+    if (status == 0)
+        return true;
+    if (status != 3)
+        return false;
+    if (serviceExists()) {
+        logPostgres(QStringLiteral("Unregistering old postgres service..."), QString(), PostgresLogLevel::Info);
+        unregisterService();
+    }
+    registerService();
+    return startService();
+}
+
+bool PostgresService::answers()
+{
+    return checkConnection(kMaintenanceDatabase);
+}
+
+bool PostgresService::waitUntilReady()
+{
+    QElapsedTimer elapsed;
+    elapsed.start();
+    for (int tries = 1; !answers(); ++tries) {
+        logPostgres(QStringLiteral("Trying to connect to database, try count: %1").arg(tries), QString(),
+            PostgresLogLevel::Info);
+        if (tries >= kReadyTries || elapsed.elapsed() > kReadyTimeoutMs)
+            break;
+        QThread::msleep(kReadyRetryIntervalMs);
+    }
+    if (answers()) {
+        logPostgres(QStringLiteral("Postgresql server is ready"), QString(), PostgresLogLevel::Info);
+        return true;
+    }
+    logPostgres(QStringLiteral("Failed to connect to postgres server, trying to restart the service..."), QString(),
+        PostgresLogLevel::Error);
+    stopService();
+    return startService();
+}
+
+QString PostgresService::readConfigTemplate() const
+{
+    bool ok = false;
+    const QString text = ServerConfigFile::readTemplate(&ok);
+    logPostgres(ok ? QStringLiteral("Opened Postgres config file template")
+                   : QStringLiteral("Opened Postgres config file template fail"),
+        QString(), ok ? PostgresLogLevel::Info : PostgresLogLevel::Error);
+    return text;
+}
+
+bool PostgresService::createConfigFile()
+{
+    ServerConfigFile::Values values;
+    values.sharedMemoryType = m_control->dynamicSharedMemoryType();
+    values.dataDirectory = m_dataDir;
+    values.installDirectory = m_installDir.absolutePath();
+    values.timeZone = ServerConfigFile::systemTimeZone();
+    values.port = m_information.port;
+    const QString path = ServerConfigFile::outputPath(m_dataDir);
+    if (!ServerConfigFile::write(path, ServerConfigFile::render(readConfigTemplate(), values))) {
+        logPostgres(QStringLiteral("Can't create postgres config file"), path, PostgresLogLevel::Error);
+        return false;
+    }
+    m_account.handOver(path);
+    return true;
+}
+
+bool PostgresService::createCluster()
+{
+    ClusterCreator::Settings settings;
+    settings.initdbPath = m_initdbPath;
+    settings.installDirectory = m_installDir.path();
+    settings.dataDirectory = m_dataDir;
+    settings.user = m_information.user;
+    settings.password = m_information.password;
+    return ClusterCreator(settings, m_account, m_relay).create();
+}
+
+void PostgresService::registerService()
+{
+    m_control->registerService();
+}
+
+bool PostgresService::startService()
+{
+    // The doubled separator is harmless and kept.
+    QFile::remove(m_dataDir + QDir::separator() + QStringLiteral("/postgresql.conf"));
+    if (!createConfigFile())
+        return false;
+    if (answers() || checkConnection(m_databaseName)) {
+        logPostgres(QStringLiteral("Postgres server is already started"), QString(), PostgresLogLevel::Info);
+        return true;
+    }
+    logPostgres(QStringLiteral("Starting zentrix postgresql service..."), QString(), PostgresLogLevel::Info);
+    m_control->start();
+    bool connected = false;
+    for (int tries = 1; tries <= kStartTries && !connected; ++tries) {
+        connected = answers() || checkConnection(m_databaseName);
+        if (connected)
+            break;
+        logPostgres(QStringLiteral("Trying to connect to database, try count: %1").arg(tries), QString(),
+            PostgresLogLevel::Info);
+        QThread::msleep(kStartRetryIntervalMs);
+    }
+    // Set whether or not the server came up, so the destructor stops what was started.
+    m_started = true;
+    if (connected)
+        logPostgres(QStringLiteral("Starting postgres service successful"), QString(), PostgresLogLevel::Info);
+    else
+        logPostgres(
+            QStringLiteral("Failed to connect to postgres server, giving up"), QString(), PostgresLogLevel::Error);
+    return connected;
+}
+
+void PostgresService::stopService()
+{
+    m_control->stop();
+}
+
+void PostgresService::unregisterService()
+{
+    m_control->unregisterService();
+}
+
+int PostgresService::serviceStatus()
+{
+    return m_control->status();
+}
+
+bool PostgresService::serviceExists()
+{
+    return m_control->exists();
+}
+
+bool PostgresService::connectionFailedPermanently_slot()
+{
+    if (startService())
+        return true;
+    logPostgres(QStringLiteral("Cannot start service. Unregister and register service again then try to start"),
+        QString(), PostgresLogLevel::Info);
+    unregisterService();
+    registerService();
+    return startService();
+}
+
+} // namespace core

@@ -1,7 +1,0 @@
-#include "core/RootProcess.h"
-
-namespace core {
-
-RootProcess::~RootProcess() = default;
-
-} // namespace core

@@ -1,0 +1,54 @@
+#pragma once
+
+#include "core/relay/PostgresLogRelay.h"
+#include "core/secrets/DesCipher.h"
+#include "core/secrets/PostgresInformation.h"
+
+#include <QString>
+#include <QVariantMap>
+
+namespace core {
+
+// The encrypted information file, its shared copy and the key file beside them.
+class InformationFile
+{
+public:
+    struct Paths {
+        QString information;
+        QString shared;
+        QString key;
+    };
+
+    // The three files in an installation folder.
+    static Paths pathsIn(const QString &installationFolder);
+
+    InformationFile(const Paths &paths, const PostgresLogRelay &relay);
+
+    // Loads (or makes) the key, then reads the shared copy when asked for and present,
+    // else the information file. Fills both the record and the raw named values.
+    bool load(bool preferShared, PostgresInformation &information, QVariantMap &values);
+    // Replaces the information file atomically, readable by its owner only. A file that
+    // failed to load is first kept beside it as "<name>.unreadable-<time>", so nothing of
+    // it is lost when the record is filled in anew.
+    bool save(const PostgresInformation &information);
+
+    // Loads or makes the key without reading any information.
+    void prepareKey();
+    const Paths &paths() const { return m_paths; }
+    // The message and detail of the last failure, for callers that report it themselves.
+    QString lastError() const { return m_lastError; }
+
+private:
+    QString sourcePath(bool preferShared) const;
+    bool fail(const QString &message, const QString &detail);
+    void keepUnreadableFile();
+
+    Paths m_paths;
+    const PostgresLogRelay &m_relay;
+    DesCipher m_cipher;
+    bool m_keyReady = false;
+    QString m_lastError;
+    QString m_unreadablePath;
+};
+
+} // namespace core

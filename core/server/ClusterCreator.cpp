@@ -1,0 +1,63 @@
+#include "core/server/ClusterCreator.h"
+
+#include "core/server/process/PostgresProcess.h"
+
+#include <QDir>
+#include <QFile>
+#include <QProcessEnvironment>
+
+namespace core {
+
+ClusterCreator::ClusterCreator(const Settings &settings, const ServerAccount &account, const PostgresLogRelay &relay)
+    : m_settings(settings)
+    , m_account(account)
+    , m_relay(relay)
+{ }
+
+bool ClusterCreator::create()
+{
+    const QString passwordPath = QDir(m_settings.installDirectory).filePath(QLatin1String(kPasswordFileName));
+    QFile passwordFile(passwordPath);
+    if (!passwordFile.open(QIODevice::WriteOnly | QIODevice::Truncate)) {
+        m_relay.log(QStringLiteral("Can not open file for write"), passwordPath, PostgresLogLevel::Error);
+        return false;
+    }
+    // Only the server's account may read the password, and only while initdb runs.
+    passwordFile.setPermissions(QFileDevice::ReadOwner | QFileDevice::WriteOwner);
+    passwordFile.write(m_settings.password.toUtf8());
+    passwordFile.close();
+    m_account.handOver(passwordPath);
+    // initdb runs as the server's account and must be able to create the directory.
+    QDir().mkpath(m_settings.dataDirectory);
+    m_account.handOver(m_settings.dataDirectory);
+
+    m_relay.log(
+        QStringLiteral("Creating postgres database cluster for the first time..."), QString(), PostgresLogLevel::Info);
+    PostgresProcess process;
+    process.setWorkingDirectory(QDir(m_settings.installDirectory).absolutePath());
+    process.setProcessEnvironment(QProcessEnvironment());
+    m_account.applyTo(process);
+    process.start(m_settings.initdbPath,
+        {QStringLiteral("-D"), m_settings.dataDirectory, QStringLiteral("--username=%1").arg(m_settings.user),
+            QStringLiteral("--pwfile=%1").arg(passwordPath), QStringLiteral("--encoding=UTF8"), QStringLiteral("-A"),
+            QStringLiteral("password")},
+        QIODevice::ReadWrite);
+    if (!process.waitForStarted(kStartTimeoutMs)) {
+        const QString output = QString::fromLocal8Bit(process.readAllStandardError() + process.readAllStandardOutput());
+        m_relay.log(
+            QStringLiteral("Can not create database cluster for the first time"), output, PostgresLogLevel::Error);
+        return false;
+    }
+    // No overall limit: a slow disk makes initdb slow, not wrong.
+    while (process.state() != QProcess::NotRunning)
+        process.waitForFinished(kWaitSliceMs);
+    if (QFile::exists(passwordPath))
+        QFile::remove(passwordPath);
+    const QByteArray errors = process.readAllStandardError();
+    if (!errors.isEmpty())
+        m_relay.log(QString::fromLocal8Bit(errors), QString(), PostgresLogLevel::Info);
+    m_relay.log(QStringLiteral("Creating postgres database cluster successful"), QString(), PostgresLogLevel::Info);
+    return true;
+}
+
+} // namespace core

@@ -1,0 +1,45 @@
+#include "core/server/control/ServiceControl.h"
+
+#include <QtGlobal>
+
+#ifdef Q_OS_WIN
+#include "core/server/control/WindowsServiceControl.h"
+#else
+#include "core/server/control/PosixServiceControl.h"
+#endif
+
+namespace core {
+
+ServiceControl::ServiceControl(const ServiceContext &context, std::unique_ptr<ProcessRunner> runner)
+    : m_context(context)
+    , m_runner(std::move(runner))
+{ }
+
+ServiceControl::~ServiceControl() = default;
+
+void ServiceControl::log(const QString &message, const QString &detail, PostgresLogLevel level) const
+{
+    if (m_context.relay)
+        m_context.relay->log(message, detail, level);
+}
+
+int ServiceControl::status()
+{
+    const ProcessResult result = m_runner->run(m_context.pgCtlPath,
+        {QStringLiteral("status"), QStringLiteral("-D"), m_context.dataDirectory}, kStatusTimeoutMs);
+    log(QStringLiteral("Postgres service status: %1").arg(QString::fromLocal8Bit(result.standardOutput)), QString(),
+        PostgresLogLevel::Info);
+    return result.exitCode;
+}
+
+std::unique_ptr<ServiceControl> ServiceControl::create(
+    const ServiceContext &context, std::unique_ptr<ProcessRunner> runner)
+{
+#ifdef Q_OS_WIN
+    return std::make_unique<WindowsServiceControl>(context, std::move(runner));
+#else
+    return std::make_unique<PosixServiceControl>(context, std::move(runner));
+#endif
+}
+
+} // namespace core

@@ -1,0 +1,77 @@
+#include "core/server/control/WindowsServiceControl.h"
+
+#include "core/server/PostmasterPidFile.h"
+
+namespace core {
+
+namespace {
+const QString kService = QLatin1String(ServiceControl::kServiceName);
+}
+
+WindowsServiceControl::WindowsServiceControl(const ServiceContext &context, std::unique_ptr<ProcessRunner> runner)
+    : ServiceControl(context, std::move(runner))
+{ }
+
+ProcessResult WindowsServiceControl::runToCompletion(const QString &program, const QStringList &arguments)
+{
+    return m_runner->run(program, arguments, ProcessRunner::kToCompletion);
+}
+
+QString WindowsServiceControl::dynamicSharedMemoryType() const
+{
+    return QStringLiteral("windows");
+}
+
+void WindowsServiceControl::registerService()
+{
+    // The port goes into the service's own options, so it survives later rewrites of
+    // postgresql.conf.
+    m_runner->run(m_context.pgCtlPath,
+        {QStringLiteral("register"), QStringLiteral("-N"), kService, QStringLiteral("-D"), m_context.dataDirectory,
+            QStringLiteral("--options=-p%1").arg(m_context.port)},
+        kRegisterTimeoutMs);
+    // Restart 60 s after the first and second failure, nothing after the third; the
+    // failure count resets after a day.
+    runToCompletion(QStringLiteral("sc"),
+        {QStringLiteral("failure"), kService, QStringLiteral("reset=86400"),
+            QStringLiteral("actions=restart/60000/restart/60000//")});
+    runToCompletion(QStringLiteral("sc"),
+        {QStringLiteral("description"), kService, QStringLiteral("Sentrova Core PostgreSQL Service")});
+    runToCompletion(QStringLiteral("sc"),
+        {QStringLiteral("config"), kService, QStringLiteral("displayname="),
+            QStringLiteral("Tarvex Sentrova Core PostgreSQL")});
+}
+
+void WindowsServiceControl::start()
+{
+    runToCompletion(QStringLiteral("net"), {QStringLiteral("start"), kService});
+}
+
+void WindowsServiceControl::stop()
+{
+    runToCompletion(QStringLiteral("net"), {QStringLiteral("stop"), kService});
+    const qint64 pid = PostmasterPidFile::readPid(m_context.dataDirectory);
+    if (pid != 0) {
+        m_runner->run(QStringLiteral("taskkill"), {QStringLiteral("/F"), QStringLiteral("/PID"), QString::number(pid)},
+            kTaskkillTimeoutMs);
+        log(QStringLiteral("Forcibly kill postgres service process. PID: %1.").arg(pid), QString(),
+            PostgresLogLevel::Info);
+    }
+    unregisterService();
+}
+
+void WindowsServiceControl::unregisterService()
+{
+    runToCompletion(QStringLiteral("net"), {QStringLiteral("stop"), kService});
+    const ProcessResult result
+        = runToCompletion(m_context.pgCtlPath, {QStringLiteral("unregister"), QStringLiteral("-N"), kService});
+    log(QStringLiteral("Unregister postgres service. Exit code: %1").arg(result.exitCode), QString(),
+        PostgresLogLevel::Info);
+}
+
+bool WindowsServiceControl::exists()
+{
+    return runToCompletion(QStringLiteral("sc"), {QStringLiteral("query"), kService}).exitCode == 0;
+}
+
+} // namespace core

@@ -1,0 +1,7 @@
+#include "core/server/process/PostgresProcess.h"
+
+namespace core {
+
+PostgresProcess::~PostgresProcess() = default;
+
+} // namespace core

@@ -1,0 +1,7 @@
+#include "core/server/process/RootProcess.h"
+
+namespace core {
+
+RootProcess::~RootProcess() = default;
+
+} // namespace core
