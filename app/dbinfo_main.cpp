@@ -33,5 +33,10 @@ int main(int argc, char **argv)
         Console::err(QStringLiteral("No installation folder: ") + installation);
         return 1;
     }
-    return DbInfoCommand(core::InformationFile::pathsIn(installation)).run(arguments);
+    try {
+        return DbInfoCommand(core::InformationFile::pathsIn(installation)).run(arguments);
+    } catch (const Exception &e) {
+        Console::err(e.message());
+        return 1;
+    }
 }

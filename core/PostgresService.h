@@ -103,6 +103,7 @@ private:
     bool ensureDatabaseName();
     void ensurePrivatePassword();
     void settlePaths();
+    bool accountMayRunServer() const;
     bool prepareLocalServer(bool writeServerConfig);
     bool ensureCluster();
     bool ensureRunning();

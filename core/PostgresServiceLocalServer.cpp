@@ -6,6 +6,7 @@
 
 #include <QElapsedTimer>
 #include <QFile>
+#include <QFileInfo>
 #include <QThread>
 
 namespace core {
@@ -14,14 +15,20 @@ namespace {
 const QString kMaintenanceDatabase = QStringLiteral("postgres");
 } // namespace
 
+// Checked only where the server's programs must run: a server that already answers is
+// used whoever owns the installation.
+bool PostgresService::accountMayRunServer() const
+{
+    if (!m_account.isSuperuser())
+        return true;
+    logPostgres(QStringLiteral("The database server cannot run as root; give the installation folder to an "
+                               "unprivileged account"),
+        m_configuration->installationFolder(), PostgresLogLevel::Error);
+    return false;
+}
+
 bool PostgresService::prepareLocalServer(bool writeServerConfig)
 {
-    if (m_account.isSuperuser()) {
-        logPostgres(QStringLiteral("The database server cannot run as root; give the installation folder to an "
-                                   "unprivileged account"),
-            m_configuration->installationFolder(), PostgresLogLevel::Error);
-        return false;
-    }
     if (!ensureCluster())
         return false;
     if (writeServerConfig) {
@@ -38,7 +45,10 @@ bool PostgresService::ensureCluster()
     const QDir dataDir(m_dataDir);
     if (dataDir.exists() && !dataDir.entryList(QDir::AllEntries | QDir::NoDotAndDotDot).isEmpty())
         return true;
-    if (dataDir.exists() && !QDir(m_dataDir).removeRecursively())
+    if (!accountMayRunServer())
+        return false;
+    // A link is never followed to remove what it points to.
+    if (dataDir.exists() && (QFileInfo(m_dataDir).isSymLink() || !QDir(m_dataDir).removeRecursively()))
         logPostgres(QStringLiteral("Could not cleanup postgres data folder"), m_dataDir, PostgresLogLevel::Error);
     return createCluster();
 }
@@ -48,7 +58,7 @@ bool PostgresService::ensureRunning()
     const int status = serviceStatus();
     if (status == 0)
         return true;
-    if (status != 3)
+    if (!accountMayRunServer() || status != 3)
         return false;
     if (serviceExists()) {
         logPostgres(QStringLiteral("Unregistering old postgres service..."), QString(), PostgresLogLevel::Info);
@@ -137,6 +147,8 @@ bool PostgresService::startService()
         logPostgres(QStringLiteral("Postgres server is already started"), QString(), PostgresLogLevel::Info);
         return true;
     }
+    if (!accountMayRunServer())
+        return false;
     logPostgres(QStringLiteral("Starting zentrix postgresql service..."), QString(), PostgresLogLevel::Info);
     m_control->start();
     bool connected = false;

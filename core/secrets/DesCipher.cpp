@@ -5,9 +5,9 @@
 #include "core/secrets/DesCipher.h"
 
 #include "config/exceptions/Exception.h"
+#include "core/secrets/SecretFile.h"
 
 #include <QFile>
-#include <QSaveFile>
 #include <QUuid>
 
 #include <openssl/des.h>
@@ -51,23 +51,20 @@ struct CipherContextDeleter {
 bool DesCipher::loadOrCreateKeyFile(const QString &path)
 {
     QFile file(path);
-    if (file.open(QIODevice::ReadOnly)) {
-        const QByteArray material = file.read(kKeyMaterialLength);
+    if (file.exists()) {
+        // Only a missing or short key is replaced: one that cannot be read may still be the
+        // only key to the information file, and a new one would make that unreadable for good.
+        const QByteArray material = file.open(QIODevice::ReadOnly) ? file.read(kKeyMaterialLength) : QByteArray();
+        if (file.error() != QFileDevice::NoError)
+            throw Exception(QStringLiteral("Could not read the key file %1: %2").arg(path, file.errorString()));
         if (material.size() == kKeyMaterialLength) {
             setKeys(material);
             return true;
         }
-        file.close();
     }
     const QByteArray material = generateKeyMaterial();
     setKeys(material);
-    QSaveFile out(path);
-    if (!out.open(QIODevice::WriteOnly))
-        return false;
-    // The key opens the database credentials: readable by its owner only.
-    out.setPermissions(QFileDevice::ReadOwner | QFileDevice::WriteOwner);
-    out.write(material);
-    return out.commit();
+    return SecretFile::write(path, material);
 }
 
 QByteArray DesCipher::generateKeyMaterial()

@@ -18,7 +18,8 @@ public:
 
     // Reads the first 24 bytes of the key file; a missing or shorter file is replaced by
     // three new random keys. Returns false when a new key could not be written (the keys
-    // are still set). Throws Exception when no usable key can be generated.
+    // are still set). Throws Exception when the file exists but cannot be read, or when no
+    // usable key can be generated.
     bool loadOrCreateKeyFile(const QString &path);
     // Bytes 0-7, 8-15 and 16-23 of the decoded text become the three keys.
     void setKeysFromBase64(const QByteArray &text);

@@ -1,13 +1,14 @@
 #include "core/secrets/InformationFile.h"
 
 #include "core/PostgresException.h"
+#include "core/secrets/SecretFile.h"
 
 #include <QDateTime>
 #include <QDir>
 #include <QFile>
+#include <QFileInfo>
 #include <QJsonDocument>
 #include <QJsonObject>
-#include <QSaveFile>
 
 namespace core {
 
@@ -33,7 +34,8 @@ bool InformationFile::fail(const QString &message, const QString &detail)
 
 void InformationFile::prepareKey()
 {
-    if (!m_cipher.loadOrCreateKeyFile(m_paths.key))
+    m_keyOnDisk = m_cipher.loadOrCreateKeyFile(m_paths.key);
+    if (!m_keyOnDisk)
         fail(QStringLiteral("Could not open file for write"), m_paths.key);
     m_keyReady = true;
 }
@@ -75,8 +77,19 @@ void InformationFile::keepUnreadableFile()
 {
     if (m_unreadablePath.isEmpty() || !QFile::exists(m_unreadablePath))
         return;
-    const QString stamp = QDateTime::currentDateTime().toString(QStringLiteral("yyyyMMdd-hhmmss"));
-    QFile::copy(m_unreadablePath, m_unreadablePath + QStringLiteral(".unreadable-") + stamp);
+    // The first copy is the file as it was before any run replaced it; beyond it only the
+    // newest are kept, so a run that fails again and again does not pile up credentials.
+    const QFileInfo source(m_unreadablePath);
+    const QString prefix = source.fileName() + QStringLiteral(".unreadable-");
+    const QDir folder = source.absoluteDir();
+    QStringList copies = folder.entryList({prefix + QLatin1Char('*')}, QDir::Files, QDir::Name);
+    while (copies.size() >= kKeptUnreadableCopies)
+        QFile::remove(folder.filePath(copies.takeAt(1)));
+    QFile file(m_unreadablePath);
+    if (file.open(QIODevice::ReadOnly)) {
+        const QString stamp = QDateTime::currentDateTime().toString(QStringLiteral("yyyyMMdd-hhmmss-zzz"));
+        SecretFile::write(folder.filePath(prefix + stamp), file.readAll());
+    }
     m_unreadablePath.clear();
 }
 
@@ -84,15 +97,12 @@ bool InformationFile::save(const PostgresInformation &information)
 {
     if (!m_keyReady)
         prepareKey();
+    // Encrypted with a key that is not on disk, the record could never be read again.
+    if (!m_keyOnDisk)
+        return fail(QStringLiteral("Could not open file for write"), m_paths.key);
     keepUnreadableFile();
     const QByteArray text = QJsonDocument(information.toJson()).toJson(QJsonDocument::Compact);
-    // Written beside the old file and renamed over it, so a crash never leaves half a file.
-    QSaveFile file(m_paths.information);
-    if (!file.open(QIODevice::WriteOnly))
-        return fail(QStringLiteral("Could not open file for write"), m_paths.information);
-    file.setPermissions(QFileDevice::ReadOwner | QFileDevice::WriteOwner);
-    file.write(m_cipher.encrypt(text));
-    if (!file.commit())
+    if (!SecretFile::write(m_paths.information, m_cipher.encrypt(text)))
         return fail(QStringLiteral("Could not open file for write"), m_paths.information);
     return true;
 }

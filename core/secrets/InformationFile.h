@@ -13,6 +13,8 @@ namespace core {
 class InformationFile
 {
 public:
+    static constexpr int kKeptUnreadableCopies = 3;
+
     struct Paths {
         QString information;
         QString shared;
@@ -29,7 +31,8 @@ public:
     bool load(bool preferShared, PostgresInformation &information, QVariantMap &values);
     // Replaces the information file atomically, readable by its owner only. A file that
     // failed to load is first kept beside it as "<name>.unreadable-<time>", so nothing of
-    // it is lost when the record is filled in anew.
+    // it is lost when the record is filled in anew (the first such copy and the newest
+    // ones, kKeptUnreadableCopies in all). Refused while the key is not on disk.
     bool save(const PostgresInformation &information);
 
     // Loads or makes the key without reading any information.
@@ -47,6 +50,7 @@ private:
     const PostgresLogRelay &m_relay;
     DesCipher m_cipher;
     bool m_keyReady = false;
+    bool m_keyOnDisk = false;
     QString m_lastError;
     QString m_unreadablePath;
 };

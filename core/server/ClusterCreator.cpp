@@ -1,5 +1,6 @@
 #include "core/server/ClusterCreator.h"
 
+#include "core/server/FreshFile.h"
 #include "core/server/process/PostgresProcess.h"
 
 #include <QDir>
@@ -17,15 +18,11 @@ ClusterCreator::ClusterCreator(const Settings &settings, const ServerAccount &ac
 bool ClusterCreator::create()
 {
     const QString passwordPath = QDir(m_settings.installDirectory).filePath(QLatin1String(kPasswordFileName));
-    QFile passwordFile(passwordPath);
-    if (!passwordFile.open(QIODevice::WriteOnly | QIODevice::Truncate)) {
+    // Only the server's account may read the password, and only while initdb runs.
+    if (!FreshFile::write(passwordPath, m_settings.password.toUtf8(), FreshFile::kOwnerOnly)) {
         m_relay.log(QStringLiteral("Can not open file for write"), passwordPath, PostgresLogLevel::Error);
         return false;
     }
-    // Only the server's account may read the password, and only while initdb runs.
-    passwordFile.setPermissions(QFileDevice::ReadOwner | QFileDevice::WriteOwner);
-    passwordFile.write(m_settings.password.toUtf8());
-    passwordFile.close();
     m_account.handOver(passwordPath);
     // initdb runs as the server's account and must be able to create the directory.
     QDir().mkpath(m_settings.dataDirectory);

@@ -1,5 +1,7 @@
 #include "core/server/ServerConfigFile.h"
 
+#include "core/server/FreshFile.h"
+
 #include <QDir>
 #include <QFile>
 #include <QTimeZone>
@@ -44,12 +46,7 @@ QString ServerConfigFile::outputPath(const QString &dataDirectory)
 
 bool ServerConfigFile::write(const QString &path, const QString &text)
 {
-    QFile file(path);
-    if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate))
-        return false;
-    file.write(text.toUtf8());
-    file.close();
-    return true;
+    return FreshFile::write(path, text.toUtf8(), FreshFile::kReadable);
 }
 
 } // namespace core

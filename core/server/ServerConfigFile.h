@@ -26,7 +26,7 @@ public:
     // The IANA identifier of the host's zone; "UTC" where the system names none.
     static QString systemTimeZone();
     static QString outputPath(const QString &dataDirectory);
-    // Truncates and writes the whole file as UTF-8.
+    // Replaces the file (never writing through a link) with the text as UTF-8.
     static bool write(const QString &path, const QString &text);
 };
 

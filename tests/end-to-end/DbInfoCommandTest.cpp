@@ -6,6 +6,7 @@
 #include <QFile>
 #include <QJsonDocument>
 #include <QJsonObject>
+#include <QStandardPaths>
 
 namespace {
 const QStringList kValid
@@ -99,4 +100,28 @@ TEST_F(DbInfoCommandTest, UnreadableFilesAreReported)
                       QStringLiteral("show")})
                   .exitCode,
         1);
+}
+
+TEST_F(DbInfoCommandTest, SecretFilesAreOwnerOnlyFromTheirCreation)
+{
+    if (QStandardPaths::findExecutable(QStringLiteral("strace")).isEmpty())
+        GTEST_SKIP() << "strace is not installed";
+    const QString trace = m_sandbox.root() + QStringLiteral("/trace");
+    const ToolSandbox::Result result = ToolSandbox::run(QStringLiteral("strace"),
+        QStringList{QStringLiteral("-f"), QStringLiteral("-e"), QStringLiteral("trace=open,openat,creat"),
+            QStringLiteral("-o"), trace, QStringLiteral(ZENTRIX_DBINFO_PATH)}
+            + kValid,
+        m_sandbox.workDirectory());
+    ASSERT_EQ(result.exitCode, 0) << result.err.constData();
+    QFile file(trace);
+    ASSERT_TRUE(file.open(QIODevice::ReadOnly));
+    int created = 0;
+    for (const QByteArray &line : file.readAll().split('\n')) {
+        if (!line.contains(m_sandbox.installation().toUtf8())
+            || !(line.contains("O_CREAT") || line.contains("O_TMPFILE")))
+            continue;
+        ++created;
+        EXPECT_TRUE(line.contains(", 0600)")) << line.constData();
+    }
+    EXPECT_GE(created, 2) << "the key file and the information file";
 }

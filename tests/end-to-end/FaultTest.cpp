@@ -5,6 +5,7 @@
 
 #include <QDeadlineTimer>
 #include <QFile>
+#include <QFileInfo>
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QRandomGenerator>
@@ -212,6 +213,26 @@ TEST_F(FaultTest, BadInformationAndKeyFilesNeverCrashTheRun)
         put(information, good);
         put(key, goodKey);
     }
+}
+
+TEST_F(FaultTest, UnreadableKeyFileFailsTheRunAndChangesNothing)
+{
+    const QString information = m_sandbox.installation() + QStringLiteral("/zentrix_postgres.dat");
+    const QString key = m_sandbox.installation() + QStringLiteral("/zentrix_postgres.cat");
+    QFile file(information);
+    ASSERT_TRUE(file.open(QIODevice::ReadOnly));
+    const QByteArray before = file.readAll();
+    file.close();
+    // A key file that exists but cannot be read, whatever the account running the test.
+    ASSERT_TRUE(QFile::remove(key));
+    ASSERT_TRUE(QDir().mkdir(key));
+    const ToolSandbox::Result result = m_sandbox.runTool();
+    EXPECT_EQ(result.exitCode, 1);
+    EXPECT_TRUE(result.err.startsWith("Could not read the key file " + key.toUtf8() + ": ")) << result.err.constData();
+    ASSERT_TRUE(file.open(QIODevice::ReadOnly));
+    EXPECT_EQ(file.readAll(), before);
+    EXPECT_TRUE(QFileInfo(key).isDir());
+    EXPECT_EQ(QDir(m_sandbox.installation()).entryList(QDir::Files), QStringList({"zentrix_postgres.dat"}));
 }
 
 TEST_F(FaultTest, InformationWithWrongTypesOrValuesNeverCrashesTheRun)

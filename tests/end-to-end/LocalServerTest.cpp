@@ -9,6 +9,7 @@
 
 #include <QElapsedTimer>
 #include <QFile>
+#include <QFileInfo>
 #include <QProcess>
 
 #include <csignal>
@@ -33,11 +34,11 @@ public:
             QFile::link(programs.filePath(program), bin + QLatin1Char('/') + program);
         // The server account must reach the data folder and own the installation.
         QFile::setPermissions(root(), QFile::permissions(root()) | QFileDevice::ExeOther | QFileDevice::ReadOther);
+        handOverInstallation();
         const ToolSandbox::Result result = runDbInfo({QStringLiteral("set"), QStringLiteral("host=127.0.0.1"),
             QStringLiteral("port=%1").arg(m_port), QStringLiteral("user=") + kUser,
             QStringLiteral("password=") + kPassword, QStringLiteral("type=local"), QStringLiteral("dbname=product")});
         m_provisioned = result.exitCode == 0;
-        handOverInstallation();
     }
 
     ~LocalInstallation() { serverCtl({QStringLiteral("stop"), QStringLiteral("-m"), QStringLiteral("immediate")}); }
@@ -123,6 +124,15 @@ protected:
 
 TEST_F(LocalServerTest, LifecycleOfAManagedCluster)
 {
+    // Links planted where the tool writes files for the server must not lead it elsewhere.
+    const QString victim = m_installation.root() + QStringLiteral("/victim");
+    QFile victimFile(victim);
+    ASSERT_TRUE(victimFile.open(QIODevice::WriteOnly));
+    victimFile.write("precious");
+    victimFile.close();
+    const QString passwordLink = m_installation.installation() + QStringLiteral("/postgres/password.data");
+    ASSERT_TRUE(QFile::link(victim, passwordLink));
+
     // First run on an empty installation: cluster and configuration made, server stopped again.
     ToolSandbox::Result result = m_installation.runTool();
     EXPECT_EQ(result.exitCode, 1) << "the product database does not exist yet";
@@ -133,9 +143,16 @@ TEST_F(LocalServerTest, LifecycleOfAManagedCluster)
     EXPECT_EQ(config.count(QLatin1Char('\n')), 12);
     EXPECT_TRUE(config.endsWith(QStringLiteral("\nport = %1").arg(m_installation.port()))) << config.toStdString();
     EXPECT_TRUE(config.contains(QStringLiteral("log_directory = '%1/log'").arg(m_installation.pgData())));
-    EXPECT_FALSE(QFile::exists(m_installation.installation() + QStringLiteral("/postgres/password.data")));
+    EXPECT_FALSE(QFileInfo::exists(passwordLink) || QFileInfo(passwordLink).isSymLink());
+    EXPECT_EQ(fileText(victim), QStringLiteral("precious"));
     EXPECT_FALSE(m_installation.running()) << "the server this run started is stopped again";
     const QByteArray information = m_installation.information();
+    // The run saved a generated value; the files stay the installation's, not root's.
+    for (const char *name : {"/zentrix_postgres.dat", "/zentrix_postgres.cat"}) {
+        const QFileInfo secret(m_installation.installation() + QLatin1String(name));
+        EXPECT_EQ(secret.ownerId(), QFileInfo(m_installation.installation()).ownerId()) << name;
+        EXPECT_EQ(secret.groupId(), QFileInfo(m_installation.installation()).groupId()) << name;
+    }
 
     // The product creates its database, as it would on its own first start.
     ASSERT_EQ(m_installation.serverCtl({QStringLiteral("start")}), 0);
@@ -148,30 +165,44 @@ TEST_F(LocalServerTest, LifecycleOfAManagedCluster)
         "INSERT INTO scan.file (instance_id, request_id, filetype_details) VALUES (1, 2, '{\"a\":\"\\ud800\"}');"));
     ASSERT_EQ(m_installation.serverCtl({QStringLiteral("stop")}), 0);
 
-    // A stopped cluster, with a stale lock file naming a dead process, is started, used and stopped.
-    QProcess gone;
-    gone.start(QStringLiteral("true"));
-    ASSERT_TRUE(gone.waitForStarted());
-    const qint64 deadPid = gone.processId();
-    gone.waitForFinished();
+    // A stopped cluster whose stale lock file names a live, unrelated process of the server's
+    // account (even one working in the data directory) is started, used and stopped, and that
+    // process is never signalled.
+    QProcess stranger;
+    m_installation.account().applyTo(stranger);
+    stranger.setWorkingDirectory(m_installation.pgData());
+    stranger.start(QStringLiteral("sleep"), {QStringLiteral("300")});
+    ASSERT_TRUE(stranger.waitForStarted());
     QFile lock(m_installation.pgData() + QStringLiteral("/postmaster.pid"));
     ASSERT_TRUE(lock.open(QIODevice::WriteOnly));
-    lock.write(QByteArray::number(deadPid) + "\n" + m_installation.pgData().toUtf8() + "\n");
+    lock.write(QByteArray::number(stranger.processId()) + "\n" + m_installation.pgData().toUtf8() + "\n");
     lock.close();
+    const QString configPath = m_installation.pgData() + QStringLiteral("/postgresql.conf");
+    QFile::remove(configPath);
+    ASSERT_TRUE(QFile::link(victim, configPath));
     m_installation.handOverInstallation();
-    core::ServerAccount::forInstallation(m_installation.installation()).handOver(lock.fileName());
     result = m_installation.runTool();
     EXPECT_EQ(result.exitCode, 0) << result.err.constData();
     EXPECT_TRUE(result.out.endsWith("Data normalization is done, data: filetype_details, instance id: 1\n"));
     EXPECT_FALSE(m_installation.running());
+    EXPECT_EQ(stranger.state(), QProcess::Running);
+    EXPECT_FALSE(stranger.waitForFinished(100)) << "the process named in the lock file lives";
+    EXPECT_TRUE(QFile::exists(lock.fileName() + QStringLiteral(".stale")));
+    EXPECT_EQ(fileText(victim), QStringLiteral("precious"));
+    EXPECT_FALSE(QFileInfo(configPath).isSymLink());
     EXPECT_EQ(m_installation.information(), information) << "a later run generates nothing";
+    stranger.kill();
+    stranger.waitForFinished();
 
-    // A server that was already running is used and left running.
+    // A server that was already running is used and left running, even by a privileged run
+    // on an installation folder that belongs to root.
     ASSERT_EQ(m_installation.serverCtl({QStringLiteral("start")}), 0);
     EXPECT_EQ(m_installation.query(QStringLiteral("SELECT filetype_details FROM scan.file")),
         QStringList({QStringLiteral(R"({"a":"\\ud800"})")}));
+    core::ServerAccount::current().handOver(m_installation.installation());
     result = m_installation.runTool();
-    EXPECT_EQ(result.exitCode, 0);
+    m_installation.handOverInstallation();
+    EXPECT_EQ(result.exitCode, 0) << m_installation.runLog().constData();
     EXPECT_TRUE(m_installation.running());
     EXPECT_EQ(m_installation.query(QStringLiteral("SELECT 1")), QStringList({QStringLiteral("1")}));
     EXPECT_EQ(m_installation.information(), information);
@@ -219,28 +250,6 @@ TEST_F(LocalServerTest, PortHeldByAnotherServerFailsWithinTheBoundedWait)
     EXPECT_EQ(m_installation.runLogMasked(), QStringLiteral("[ERROR\t] <ts>: Failed to init Postgres service\n"));
     EXPECT_FALSE(m_installation.running());
     EXPECT_EQ(other.column(QStringLiteral("SELECT 1")), QStringList({QStringLiteral("1")})) << "the other server lives";
-}
-
-TEST(PosixServiceControlTest, OnlyALiveServerOfTheDataDirectoryCountsAsOurs)
-{
-    TestPostgresServer server;
-    if (!server.error().isEmpty())
-        GTEST_SKIP() << "no test server: " << server.error().toStdString();
-    QFile lock(server.dataDirectory() + QStringLiteral("/postmaster.pid"));
-    ASSERT_TRUE(lock.open(QIODevice::ReadOnly));
-    const qint64 postmaster = lock.readLine().trimmed().toLongLong();
-    EXPECT_TRUE(core::PosixServiceControl::isServerOf(postmaster, server.dataDirectory()));
-    EXPECT_FALSE(core::PosixServiceControl::isServerOf(postmaster, server.rootDirectory()));
-
-    QProcess other;
-    other.setWorkingDirectory(server.rootDirectory());
-    other.start(QStringLiteral("sleep"), {QStringLiteral("60")});
-    ASSERT_TRUE(other.waitForStarted());
-    EXPECT_FALSE(core::PosixServiceControl::isServerOf(other.processId(), server.dataDirectory()));
-    const qint64 otherPid = other.processId();
-    other.kill();
-    other.waitForFinished();
-    EXPECT_FALSE(core::PosixServiceControl::isServerOf(otherPid, server.dataDirectory())) << "dead";
 }
 
 TEST(PosixServiceControlTest, StopNeverKillsAnUnrelatedProcessNamedInTheLockFile)

@@ -5,10 +5,22 @@
 #include <QDir>
 #include <QFileInfo>
 
+#include <cerrno>
 #include <csignal>
 #include <sys/types.h>
 
 namespace core {
+
+namespace {
+const QString kServerProgram = QStringLiteral("postgres");
+
+// The program a process runs; a binary replaced by an upgrade reads "<path> (deleted)".
+QString programName(qint64 pid)
+{
+    const QString target = QFile::symLinkTarget(QStringLiteral("/proc/%1/exe").arg(pid));
+    return target.section(QLatin1Char('/'), -1).section(QLatin1Char(' '), 0, 0);
+}
+} // namespace
 
 PosixServiceControl::PosixServiceControl(const ServiceContext &context, std::unique_ptr<ProcessRunner> runner)
     : ServiceControl(context, std::move(runner))
@@ -45,8 +57,22 @@ void PosixServiceControl::start()
             QString::fromLocal8Bit(result.standardError + result.standardOutput), PostgresLogLevel::Error);
 }
 
+int PosixServiceControl::status()
+{
+    // Decided from the lock file where possible: pg_ctl refuses to run as root at all.
+    if (checkLockFile() != LockOwner::Server)
+        return ServiceControl::status();
+    log(QStringLiteral("Postgres service status: %1")
+            .arg(
+                QStringLiteral("server is running (PID: %1)").arg(PostmasterPidFile::readPid(m_context.dataDirectory))),
+        QString(), PostgresLogLevel::Info);
+    return 0;
+}
+
 void PosixServiceControl::stop()
 {
+    if (checkLockFile() != LockOwner::Server)
+        return;
     m_runner->run(m_context.pgCtlPath,
         {QStringLiteral("stop"), QStringLiteral("-D"), m_context.dataDirectory, QStringLiteral("-m"),
             QStringLiteral("fast"), QStringLiteral("-w"), QStringLiteral("-t"), QString::number(kStopTimeoutSeconds)},
@@ -54,25 +80,51 @@ void PosixServiceControl::stop()
     killLeftover();
 }
 
+PosixServiceControl::LockOwner PosixServiceControl::checkLockFile()
+{
+    const LockOwner owner = lockOwner(m_context.dataDirectory);
+    if (owner != LockOwner::Stranger)
+        return owner;
+    const QString pid = QString::number(PostmasterPidFile::readPid(m_context.dataDirectory));
+    const bool setAside = PostmasterPidFile::setAside(m_context.dataDirectory);
+    log(setAside ? QStringLiteral("Stale lock file set aside as postmaster.pid.stale: process %1 is not a server of "
+                                  "this data directory")
+                       .arg(pid)
+                 : QStringLiteral("Stale lock file could not be set aside: process %1 is not a server of this data "
+                                  "directory")
+                       .arg(pid),
+        PostmasterPidFile::path(m_context.dataDirectory), PostgresLogLevel::Error);
+    return owner;
+}
+
 void PosixServiceControl::killLeftover()
 {
-    const qint64 pid = PostmasterPidFile::readPid(m_context.dataDirectory);
-    // A stale lock file may name a process that has nothing to do with this server.
-    if (pid <= 0 || !isServerOf(pid, m_context.dataDirectory))
+    if (lockOwner(m_context.dataDirectory) != LockOwner::Server)
         return;
+    const qint64 pid = PostmasterPidFile::readPid(m_context.dataDirectory);
     if (::kill(static_cast<pid_t>(pid), SIGKILL) == 0)
         log(QStringLiteral("Forcibly kill postgres service process. PID: %1.").arg(pid), QString(),
             PostgresLogLevel::Info);
 }
 
-bool PosixServiceControl::isServerOf(qint64 pid, const QString &dataDirectory)
+PosixServiceControl::LockOwner PosixServiceControl::lockOwner(const QString &dataDirectory)
 {
-    if (::kill(static_cast<pid_t>(pid), 0) != 0)
-        return false;
-    // The postmaster runs with the data directory as its working directory.
-    const QString workingDirectory = QFileInfo(QStringLiteral("/proc/%1/cwd").arg(pid)).canonicalFilePath();
-    const QString directory = QFileInfo(dataDirectory).canonicalFilePath();
-    return !directory.isEmpty() && workingDirectory == directory;
+    const PostmasterPidFile::Content lock = PostmasterPidFile::read(dataDirectory);
+    if (!lock.exists)
+        return LockOwner::NoLockFile;
+    if (!lock.readable)
+        return LockOwner::Unknown;
+    if (lock.pid <= 0)
+        return LockOwner::Stranger;
+    if (::kill(static_cast<pid_t>(lock.pid), 0) != 0)
+        return errno == ESRCH ? LockOwner::Stranger : LockOwner::Unknown;
+    // The postmaster runs the server program with the data directory as its working directory.
+    const QString program = programName(lock.pid);
+    const QString workingDirectory = QFile::symLinkTarget(QStringLiteral("/proc/%1/cwd").arg(lock.pid));
+    if (program.isEmpty() || workingDirectory.isEmpty())
+        return LockOwner::Unknown;
+    const bool server = program == kServerProgram && workingDirectory == QFileInfo(dataDirectory).canonicalFilePath();
+    return server ? LockOwner::Server : LockOwner::Stranger;
 }
 
 } // namespace core

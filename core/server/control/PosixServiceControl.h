@@ -7,6 +7,10 @@ namespace core {
 // The server as a pg_ctl-managed process. There is no service manager to register
 // with; the server listens on its TCP port only, so it needs no system-wide socket
 // directory.
+//
+// pg_ctl and the server trust the PID in the lock file: after a reboot it may name an
+// unrelated process, which "pg_ctl stop" would then signal. So the lock file is checked
+// first, and one that names anything but this data directory's server is set aside.
 class PosixServiceControl : public ServiceControl
 {
 public:
@@ -14,19 +18,30 @@ public:
     static constexpr int kStopTimeoutSeconds = 60;
     static constexpr int kStopTimeoutMs = (kStopTimeoutSeconds + 10) * 1000;
 
+    enum class LockOwner {
+        NoLockFile,
+        // A live server process working in this data directory.
+        Server,
+        // Nothing alive, or a process that is not this data directory's server.
+        Stranger,
+        // The process exists but cannot be inspected by this account.
+        Unknown,
+    };
+
     PosixServiceControl(const ServiceContext &context, std::unique_ptr<ProcessRunner> runner);
 
     QString dynamicSharedMemoryType() const override;
     void registerService() override;
     void start() override;
+    int status() override;
     void stop() override;
     void unregisterService() override;
     bool exists() override;
 
-    // True when pid is a live server process running on this data directory.
-    static bool isServerOf(qint64 pid, const QString &dataDirectory);
+    static LockOwner lockOwner(const QString &dataDirectory);
 
 private:
+    LockOwner checkLockFile();
     void killLeftover();
 };
 

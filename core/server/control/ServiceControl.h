@@ -46,7 +46,7 @@ public:
     virtual void stop() = 0;
     virtual void unregisterService() = 0;
     // pg_ctl's status: 0 running, 3 not running, anything else a failure.
-    int status();
+    virtual int status();
     virtual bool exists() = 0;
 
 protected:

@@ -18,6 +18,8 @@ public:
     // Privileged callers get the owner of the path; everyone else runs as themselves.
     static ServerAccount forInstallation(const QString &installationFolder);
     static ServerAccount named(const QString &name);
+    // The owner and group of an existing file or folder.
+    static ServerAccount owning(const QString &path);
 
     bool isValid() const { return m_valid; }
     // The server programs refuse to start under this account.
@@ -26,7 +28,7 @@ public:
 
     // Makes the process run as this account (nothing to do when it is the caller's own).
     void applyTo(QProcess &process) const;
-    // Gives the file or directory to this account; true when it already belongs to it.
+    // Gives the file or directory (a link itself, never its target) to this account.
     bool handOver(const QString &path) const;
 
 private:

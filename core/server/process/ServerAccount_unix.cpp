@@ -45,6 +45,20 @@ ServerAccount ServerAccount::named(const QString &name)
     return account;
 }
 
+ServerAccount ServerAccount::owning(const QString &path)
+{
+    ServerAccount account;
+    struct stat info;
+    if (lstat(QFile::encodeName(path).constData(), &info) != 0)
+        return account;
+    const passwd *entry = getpwuid(info.st_uid);
+    account.m_valid = true;
+    account.m_uid = info.st_uid;
+    account.m_gid = info.st_gid;
+    account.m_name = entry ? QString::fromLocal8Bit(entry->pw_name) : QString::number(info.st_uid);
+    return account;
+}
+
 ServerAccount ServerAccount::forInstallation(const QString &installationFolder)
 {
     if (geteuid() != 0)
@@ -78,7 +92,7 @@ void ServerAccount::applyTo(QProcess &process) const
 
 bool ServerAccount::handOver(const QString &path) const
 {
-    if (!m_valid || geteuid() != 0 || m_uid == 0)
+    if (!m_valid || geteuid() != 0)
         return true;
     return lchown(QFile::encodeName(path).constData(), m_uid, m_gid) == 0;
 }

@@ -24,6 +24,11 @@ ServerAccount ServerAccount::named(const QString &)
     return current();
 }
 
+ServerAccount ServerAccount::owning(const QString &)
+{
+    return current();
+}
+
 bool ServerAccount::isSuperuser() const
 {
     return false;

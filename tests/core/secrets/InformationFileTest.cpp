@@ -10,6 +10,7 @@
 #include <QProcess>
 #include <QStandardPaths>
 #include <QTemporaryDir>
+#include <QThread>
 
 using core::DesCipher;
 using core::InformationFile;
@@ -250,19 +251,26 @@ TEST_F(InformationFileTest, UnwritableTargetIsLoggedNotThrown)
     EXPECT_EQ(m_capture.output->messages(), QStringList({QStringLiteral("Could not open file for write")}));
 }
 
-TEST_F(InformationFileTest, UnreadableFileIsKeptBeforeItIsReplaced)
+TEST_F(InformationFileTest, UnreadableFilesAreKeptFirstAndNewest)
 {
-    writeAll(path("zentrix_postgres.dat"), "not encrypted JSON");
     InformationFile file(paths(), m_relay);
     PostgresInformation info;
     QVariantMap values;
-    ASSERT_FALSE(file.load(false, info, values));
-    ASSERT_TRUE(file.save(sampleInformation()));
+    for (int round = 0; round < 5; ++round) {
+        writeAll(path("zentrix_postgres.dat"), "not encrypted JSON " + QByteArray::number(round));
+        ASSERT_FALSE(file.load(false, info, values));
+        ASSERT_TRUE(file.save(sampleInformation()));
+        QThread::msleep(2);
+    }
     const QStringList kept = QDir(m_dir.path()).entryList({QStringLiteral("zentrix_postgres.dat.unreadable-*")});
-    ASSERT_EQ(kept.size(), 1);
-    EXPECT_EQ(readAll(m_dir.filePath(kept.first())), "not encrypted JSON");
+    ASSERT_EQ(kept.size(), 3);
+    const QByteArray expected[] = {"not encrypted JSON 0", "not encrypted JSON 3", "not encrypted JSON 4"};
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_EQ(readAll(m_dir.filePath(kept[i])), expected[i]);
+        EXPECT_TRUE(isOwnerOnly(m_dir.filePath(kept[i])));
+    }
     ASSERT_TRUE(file.save(sampleInformation()));
-    EXPECT_EQ(QDir(m_dir.path()).entryList({QStringLiteral("zentrix_postgres.dat.unreadable-*")}).size(), 1)
-        << "only the file that failed to load is kept";
+    EXPECT_EQ(QDir(m_dir.path()).entryList({QStringLiteral("zentrix_postgres.dat.unreadable-*")}).size(), 3)
+        << "only a file that failed to load is kept";
     ASSERT_TRUE(file.load(false, info, values));
 }
