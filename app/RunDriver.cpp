@@ -2,7 +2,10 @@
 
 #include "app/ConfigurationReader.h"
 #include "app/Console.h"
+#include "app/DryRun.h"
 #include "app/NormalizationPass.h"
+#include "app/OperatorOptions.h"
+#include "app/ParallelInstances.h"
 #include "app/RunLog.h"
 #include "config/exceptions/Exception.h"
 #include "config/loader/DeploymentIdPrefix.h"
@@ -77,6 +80,16 @@ RunDriver::Outcome RunDriver::runStages(
     QString runMode;
     if (parseCommandLine(QCoreApplication::arguments(), runMode) == 1)
         return Outcome::EarlyExit;
+    OperatorOptions options;
+    if (runMode.isEmpty()) {
+        options = OperatorOptions::parse(QCoreApplication::arguments().mid(1), loader.dbConnectionCount());
+        if (!options.error.isEmpty()) {
+            Console::err(options.error);
+            return Outcome::EarlyExit;
+        }
+        if (options.recognised && !options.dryRun)
+            runMode = kNormalizeMode;
+    }
 
     core::PostgresService service(&loader, false, false);
     service.stopOnDestroy = true;
@@ -93,10 +106,24 @@ RunDriver::Outcome RunDriver::runStages(
         return Outcome::EarlyExit;
     }
 
+    ParallelInstances parallel(
+        [&service, &settings](
+            QSqlDatabase &extra, QString &name) { return service.openConnection(extra, settings.dbName, name, true); },
+        [&log](const QString &error) {
+            Console::err(QStringLiteral("WARNING: Cannot open a further connection for --jobs, going on with fewer"));
+            log.writeLine(RunLog::Warning,
+                QStringLiteral("Cannot open a further connection for --jobs, going on with fewer. %1").arg(error));
+        },
+        connectionName);
     std::optional<NormalizationPass> pass;
+    std::optional<DryRun> dryRun;
     if (runMode == kNormalizeMode) {
         pass.emplace(database);
-        if (!pass->run(log))
+        if (!pass->run(log, parallel, options.jobs))
+            return Outcome::EarlyExit;
+    } else if (options.dryRun) {
+        dryRun.emplace(database);
+        if (!dryRun->run(log, parallel, options.jobs))
             return Outcome::EarlyExit;
     }
     return Outcome::Done;

@@ -31,6 +31,7 @@ void RunLog::open(const QString &path)
 void RunLog::writeLine(int level, const QString &message)
 {
     const QString stamp = QDateTime::currentDateTime().toString(QStringLiteral("yyyy.MM.dd hh:mm:ss.zzz"));
+    const std::lock_guard<std::mutex> lock(m_mutex);
     m_stream << tag(level).toUtf8().constData() << ' ' << stamp.toUtf8().constData() << ": "
              << message.toUtf8().constData() << '\n';
     // Flushed per line so the file is complete up to the last line if the process dies.
@@ -39,6 +40,7 @@ void RunLog::writeLine(int level, const QString &message)
 
 void RunLog::writeRaw(const QString &message)
 {
+    const std::lock_guard<std::mutex> lock(m_mutex);
     m_stream << message.toUtf8().constData() << '\n';
     m_stream.flush();
 }

@@ -4,6 +4,7 @@
 #include <QString>
 
 #include <fstream>
+#include <mutex>
 
 // The tool's own daily run log, appended to by every run of the day.
 class RunLog
@@ -26,6 +27,8 @@ public:
     void close();
 
 private:
+    // Parallel jobs write from several threads; each line is written whole.
+    std::mutex m_mutex;
     std::ofstream m_stream;
     QString m_path;
 };

@@ -30,7 +30,7 @@ password="demo-$RANDOM$RANDOM"
 section() { printf '\n== %s\n' "$*"; }
 run_tool() {
     local status=0
-    (cd "$demo/work" && "$tool") || status=$?
+    (cd "$demo/work" && "$tool" "$@") || status=$?
     echo "(exit status $status)"
 }
 sql() { PGPASSWORD="$password" psql -X -q -h 127.0.0.1 -p "$port" -U zentrix "$@"; }
@@ -76,6 +76,9 @@ show_rows() {
 section "Before: rows that fail a ::jsonb cast"
 show_rows
 stop_server
+
+section "Dry run: counts what the repair would change, writes nothing"
+run_tool --dry-run
 
 section "Second run: starts the server, repairs the rows, stops the server"
 run_tool

@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <QDeadlineTimer>
 #include <QDirIterator>
 #include <QFile>
 #include <QFileInfo>
@@ -10,6 +11,7 @@
 #include <QJsonObject>
 #include <QRegularExpression>
 #include <QStringDecoder>
+#include <QThread>
 
 namespace {
 
@@ -301,4 +303,85 @@ TEST_F(ToolEndToEndTest, FirstRunSavesGeneratedValuesOnceAndTheSecondWritesNothi
     ASSERT_TRUE(file.open(QIODevice::ReadOnly));
     EXPECT_EQ(file.readAll(), before);
     EXPECT_EQ(QFileInfo(information).lastModified(), modified);
+}
+
+TEST_F(ToolEndToEndTest, DryRunCountsWhatTheRunThenChangesAndWritesNothing)
+{
+    addInstances({1, 2, 3});
+    const QStringList documents = {QStringLiteral(R"({"a":"\ud800"})"), QStringLiteral(R"({"a":"ok"})"),
+        QStringLiteral(R"({"a":"\x41 \u0000"})"), QStringLiteral(R"({"a":"\\ud800"})")};
+    for (int instance : {1, 2, 3}) {
+        for (int request = 0; request < 7; ++request)
+            addRow(instance, request, documents[(instance + request) % documents.size()]);
+    }
+    // Per instance: rows rewritten (a new row version) and rows whose text changed since the snapshot.
+    ASSERT_EQ(db(QStringLiteral("CREATE TABLE original AS SELECT id, xmin::text AS x, filetype_details AS doc FROM "
+                                "scan.file")),
+        QString());
+    const QString effect = QStringLiteral(
+        "SELECT f.instance_id || ' ' || count(*) FILTER (WHERE f.xmin::text <> o.x) || ' ' || count(*) FILTER "
+        "(WHERE f.filetype_details <> o.doc) FROM scan.file f JOIN original o USING (id) GROUP BY f.instance_id "
+        "ORDER BY f.instance_id");
+    const QString updatedTuples = QStringLiteral("SELECT n_tup_upd FROM pg_stat_user_tables WHERE relname = 'file'");
+
+    const ToolSandbox::Result dry
+        = m_sandbox.runTool({QStringLiteral("--dry-run"), QStringLiteral("--jobs"), QStringLiteral("3")});
+    EXPECT_EQ(dry.exitCode, 0);
+    EXPECT_EQ(dry.err, "");
+    EXPECT_EQ(rows(effect), QStringList({"1 0 0", "2 0 0", "3 0 0"}));
+    QStringList reported;
+    for (const QByteArray &line : dry.out.split('\n')) {
+        const QString cells = QString::fromUtf8(line).simplified();
+        if (!cells.isEmpty() && cells.front().isDigit())
+            reported << cells;
+    }
+    EXPECT_TRUE(m_sandbox.runLogMasked().contains(QStringLiteral("[INFO\t] <ts>: Dry run, nothing is written")));
+
+    ASSERT_EQ(m_sandbox.runTool().exitCode, 0);
+    const QStringList changed = rows(effect);
+    EXPECT_EQ(reported, changed) << dry.out.constData();
+    int inRange = 0;
+    for (const QString &row : changed)
+        inRange += row.section(QLatin1Char(' '), 1, 1).toInt();
+    // Statistics arrive when a server process ends; the dry run's would come first.
+    QDeadlineTimer deadline(10000);
+    while (rows(updatedTuples).value(0).toInt() < inRange && !deadline.hasExpired())
+        QThread::msleep(50);
+    EXPECT_EQ(rows(updatedTuples), QStringList({QString::number(inRange)})) << "the dry run updated nothing";
+}
+
+TEST_F(ToolEndToEndTest, JobsSpreadTheInstancesAndBadCountsEndTheRunFirst)
+{
+    addInstances({1, 2, 3, 4});
+    for (int instance : {1, 2, 3, 4})
+        addRow(instance, 10, QStringLiteral(R"({"a":"\x41"})"));
+    ASSERT_EQ(db(QStringLiteral(
+                  "CREATE FUNCTION refuse_two() RETURNS trigger AS $$ BEGIN IF NEW.instance_id = 2 THEN "
+                  "RAISE EXCEPTION 'instance two is locked'; END IF; RETURN NEW; END $$ LANGUAGE plpgsql;"
+                  "CREATE TRIGGER refuse BEFORE UPDATE ON scan.file FOR EACH ROW EXECUTE FUNCTION refuse_two();")),
+        QString());
+    const QString select = QStringLiteral("SELECT filetype_details FROM scan.file ORDER BY instance_id");
+    for (const QString &bad : {QStringLiteral("x"), QStringLiteral("0"), QStringLiteral("11"), QString()}) {
+        const QStringList arguments
+            = bad.isNull() ? QStringList{QStringLiteral("--jobs")} : QStringList{QStringLiteral("--jobs"), bad};
+        const ToolSandbox::Result result = m_sandbox.runTool(arguments);
+        EXPECT_EQ(result.exitCode, 1);
+        EXPECT_EQ(result.out, fileLogLine());
+        EXPECT_TRUE(result.err.startsWith("ERROR: --jobs needs a number from 1 to 10")) << result.err.constData();
+        EXPECT_EQ(result.err.count('\n'), 1);
+    }
+    EXPECT_EQ(m_sandbox.runLog(), "");
+    EXPECT_EQ(rows(select).count(QStringLiteral(R"({"a":"\x41"})")), 4);
+
+    const ToolSandbox::Result result = m_sandbox.runTool({QStringLiteral("--jobs"), QStringLiteral("3")});
+    EXPECT_EQ(result.exitCode, 0);
+    QList<QByteArray> out = result.out.split('\n');
+    std::sort(out.begin(), out.end());
+    EXPECT_EQ(out.join('\n'), "\n" + doneLine(1) + doneLine(3) + doneLine(4) + fileLogLine().chopped(1));
+    EXPECT_EQ(result.err, "WARNING: Data normalization is failed, data: filetype_details, instance id: 2\n");
+    EXPECT_EQ(m_sandbox.runLogMasked().count(QStringLiteral(" <ts>: Data normalization is ")), 4)
+        << m_sandbox.runLog().constData();
+    EXPECT_EQ(rows(select),
+        QStringList({QStringLiteral(R"({"a":"\\x41"})"), QStringLiteral(R"({"a":"\x41"})"),
+            QStringLiteral(R"({"a":"\\x41"})"), QStringLiteral(R"({"a":"\\x41"})")}));
 }

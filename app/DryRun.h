@@ -1,0 +1,39 @@
+#pragma once
+
+#include "app/NormalizationPass.h"
+
+#include <QSqlDatabase>
+#include <QSqlQuery>
+#include <QVector>
+
+class ParallelInstances;
+class RunLog;
+
+// What the pass would do, counted on the server inside read-only transactions, so the
+// server itself guarantees that nothing is written: per instance, the rows in the update's
+// range and those whose text the same expression would change. Reported as a table on
+// standard output and as information lines in the run log.
+class DryRun
+{
+public:
+    explicit DryRun(const QSqlDatabase &database);
+
+    // False only when the instance list cannot be read, with the pass's own messages.
+    bool run(RunLog &log, ParallelInstances &parallel, int jobs);
+
+    static bool beginReadOnly(QSqlQuery &query);
+
+private:
+    struct Count {
+        bool counted = false;
+        qint64 inRange = 0;
+        qint64 toChange = 0;
+    };
+
+    void count(QSqlQuery &query, int index, RunLog &log);
+    void report(RunLog &log) const;
+
+    QSqlQuery m_query;
+    QVector<NormalizationPass::Instance> m_instances;
+    QVector<Count> m_counts;
+};

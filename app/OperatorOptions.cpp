@@ -1,0 +1,35 @@
+#include "app/OperatorOptions.h"
+
+namespace {
+const QString kDryRun = QStringLiteral("--dry-run");
+const QString kJobs = QStringLiteral("--jobs");
+} // namespace
+
+OperatorOptions OperatorOptions::parse(const QStringList &arguments, int poolSize)
+{
+    OperatorOptions options;
+    bool jobsGiven = false;
+    QString jobsText;
+    for (int i = 0; i < arguments.size(); ++i) {
+        if (arguments[i] == kDryRun && !options.dryRun) {
+            options.dryRun = true;
+        } else if (arguments[i] == kJobs && !jobsGiven) {
+            jobsGiven = true;
+            jobsText = arguments.value(++i);
+        } else {
+            return OperatorOptions();
+        }
+    }
+    options.recognised = options.dryRun || jobsGiven;
+    if (!jobsGiven)
+        return options;
+    bool ok = false;
+    options.jobs = jobsText.toInt(&ok);
+    if (!ok || options.jobs < 1 || options.jobs > poolSize)
+        options.error
+            = QStringLiteral("ERROR: --jobs needs a number from 1 to %1 (the connection pool, internal/db_connection), "
+                             "not \"%2\"")
+                  .arg(poolSize)
+                  .arg(jobsText);
+    return options;
+}

@@ -1,0 +1,71 @@
+#include "app/ParallelInstances.h"
+
+#include <QDateTime>
+#include <QSqlError>
+#include <QThread>
+
+#include <thread>
+#include <vector>
+
+namespace {
+constexpr int kClockPollMs = 1;
+
+qint64 stampOf(const QString &connectionName)
+{
+    return connectionName.section(QLatin1Char('_'), -1).toLongLong();
+}
+} // namespace
+
+ParallelInstances::ParallelInstances(Opener open, Failure failure, const QString &mainConnectionName)
+    : m_open(std::move(open))
+    , m_failure(std::move(failure))
+    , m_lastStamp(stampOf(mainConnectionName))
+{ }
+
+void ParallelInstances::run(QSqlQuery &mainQuery, int count, int jobs, const Setup &setup, const Job &job)
+{
+    m_count = count;
+    m_next = 0;
+    std::vector<std::thread> threads;
+    for (int extra = 1; extra < std::min(jobs, count); ++extra)
+        threads.emplace_back([this, &setup, &job] { work(setup, job); });
+    takeJobs(mainQuery, job);
+    for (std::thread &thread : threads)
+        thread.join();
+}
+
+void ParallelInstances::takeJobs(QSqlQuery &query, const Job &job)
+{
+    for (int index = m_next++; index < m_count; index = m_next++)
+        job(query, index);
+}
+
+void ParallelInstances::work(const Setup &setup, const Job &job)
+{
+    QString name;
+    {
+        QSqlDatabase database;
+        if (openUniquelyNamed(database, name)) {
+            QSqlQuery query(database);
+            if (!setup || setup(query))
+                takeJobs(query, job);
+            else
+                m_failure(query.lastError().text());
+        } else {
+            m_failure(database.lastError().text());
+        }
+    }
+    QSqlDatabase::removeDatabase(name);
+}
+
+bool ParallelInstances::openUniquelyNamed(QSqlDatabase &database, QString &connectionName)
+{
+    // Names carry the millisecond of the call; a second call in the same millisecond would
+    // take over the first one's registration.
+    const std::lock_guard<std::mutex> lock(m_openMutex);
+    while (QDateTime::currentMSecsSinceEpoch() <= m_lastStamp)
+        QThread::msleep(kClockPollMs);
+    const bool open = m_open(database, connectionName);
+    m_lastStamp = stampOf(connectionName);
+    return open;
+}
