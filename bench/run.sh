@@ -16,14 +16,6 @@ repeats=${REPEATS:-3}
 client_limit=${CLIENT_LIMIT:-1000000}
 client_timeout=${CLIENT_TIMEOUT:-1800}
 
-./scripts/install-deps.sh time
-cmake -S . -B build-bench -DCMAKE_BUILD_TYPE=Release -DZENTRIX_BUILD_TESTS=OFF -DZENTRIX_BUILD_BENCH=ON >/dev/null
-cmake --build build-bench -j "$(nproc)" -- --no-print-directory >/dev/null
-tool="$top/build-bench/app/zentrix-data-normalizer"
-dbinfo="$top/build-bench/app/zentrix-dbinfo"
-fixer="$top/build-bench/bench/client_fixer"
-. scripts/sandbox-lib.sh
-
 work=$(mktemp -d /tmp/zentrix-bench.XXXXXX)
 cleanup() {
     as_account "$pgbin/pg_ctl" stop -D "$work/server" -m immediate >/dev/null 2>&1 || true
@@ -33,25 +25,8 @@ cleanup() {
 }
 [ -n "${KEEP_WORK:-}" ] || trap cleanup EXIT
 
-port=$(free_port 56432)
-password=bench-pw
-make_installation "$work"
-chown "$account" "$work"
-printf '%s' "$password" >"$work/pw"
-chown "$account" "$work/pw"
-as_account "$pgbin/initdb" -D "$work/server" -U zentrix --pwfile="$work/pw" -A scram-sha-256 -E UTF8 --locale=C >/dev/null
-# Checkpoints and autovacuum would land at random points of a run; WAL kept recycled keeps
-# segment creation out of the runs. Statements over a second are logged with their duration
-# and client, to compare the server's time for the tool's statements with psql's.
-as_account "$pgbin/pg_ctl" start -D "$work/server" -w -l "$work/server.log" \
-    -o "-p $port -k '' -c max_wal_size=16GB -c min_wal_size=4GB -c checkpoint_timeout=1h -c autovacuum=off \
-        -c log_min_duration_statement=1000 -c log_line_prefix='%a '" >/dev/null
-export PGPASSWORD=$password
-sql() { psql -X -q -v ON_ERROR_STOP=1 -h 127.0.0.1 -p "$port" -U zentrix "$@"; }
-sql -d postgres -c "CREATE DATABASE bench"
-
-(cd "$work/work" && "$dbinfo" set host=127.0.0.1 port="$port" user=zentrix password="$password" type=remote \
-    dbname=bench private_password=x >/dev/null)
+. bench/bench-lib.sh
+start_bench_server
 
 # The statements the tool sends, byte for byte: the instance query and one UPDATE per instance.
 blanks() { printf '%*s' "$1" ''; }
@@ -71,56 +46,6 @@ rewrite="$work/rewrite.sql"
 for i in 1 2 3; do
     echo "UPDATE scan.file SET filetype_details = filetype_details::TEXT WHERE request_id > $i AND instance_id = $i;"
 done >"$rewrite"
-
-sql -d bench <<'SQL'
-CREATE SCHEMA warehouse;
-CREATE TABLE warehouse.control_refresh (instance_id int PRIMARY KEY, last_request_id bigint);
-CREATE SCHEMA scan;
-CREATE TABLE scan.file (id bigint PRIMARY KEY, instance_id int, request_id bigint, filetype_details text);
-CREATE TABLE pristine (LIKE scan.file);
-SQL
-
-# About 1 KB of file-type details per row; one row in a hundred carries a bad escape.
-seed() {
-    sql -d bench -c "TRUNCATE pristine; INSERT INTO pristine
-      SELECT n, 1 + n % 3, 1000 + n,
-        '{\"filetype\":\"PE32 executable (GUI) Intel 80386, for MS Windows\",\"mime\":\"application/x-dosexec\",'
-        || '\"magic\":\"MZ\",\"size\":' || (n * 37 % 900000) || ',\"sections\":['
-        || '{\"name\":\".text\",\"entropy\":6.21,\"flags\":\"rx\",\"size\":' || (n % 4096) || '},'
-        || '{\"name\":\".rdata\",\"entropy\":4.87,\"flags\":\"r\",\"size\":8192},'
-        || '{\"name\":\".data\",\"entropy\":1.02,\"flags\":\"rw\",\"size\":1024},'
-        || '{\"name\":\".rsrc\",\"entropy\":3.33,\"flags\":\"r\",\"size\":65536}],'
-        || '\"version_info\":{\"CompanyName\":\"Example Software Ltd\",\"FileDescription\":\"Setup \\u00e9 utility\",'
-        || '\"ProductVersion\":\"10.4.' || (n % 97) || '\",\"OriginalFilename\":\"setup_' || n || '.exe\"},'
-        || '\"imports\":[\"KERNEL32.dll\",\"USER32.dll\",\"ADVAPI32.dll\",\"SHELL32.dll\",\"ole32.dll\"],'
-        || '\"signature\":{\"signed\":true,\"issuer\":\"Example Code Signing CA \\ud83d\\ude00\"},'
-        || '\"note\":\"' || CASE n % 100 WHEN 0 THEN 'lone \\ud800 surrogate' WHEN 50 THEN 'nul \\u0000 and \\x41'
-                                     ELSE 'clean' END || '\",'
-        || '\"padding\":\"' || repeat('0123456789abcdef', 16) || '\"}'
-      FROM generate_series(1, $1) n;
-      TRUNCATE warehouse.control_refresh; INSERT INTO warehouse.control_refresh VALUES (1, 0), (2, 0), (3, 0);"
-}
-reset_data() {
-    sql -d bench -c "TRUNCATE scan.file" -c "INSERT INTO scan.file SELECT * FROM pristine" \
-        -c "VACUUM ANALYZE scan.file" -c "CHECKPOINT"
-}
-bad_rows() {
-    sql -d bench -At -c "CREATE FUNCTION pg_temp.ok(t text) RETURNS bool LANGUAGE plpgsql AS
-        \$\$ BEGIN PERFORM t::jsonb; RETURN true; EXCEPTION WHEN others THEN RETURN false; END \$\$" \
-        -c "SELECT count(*) FROM scan.file WHERE NOT pg_temp.ok(filetype_details)"
-}
-# "seconds peak-KiB" of a command run in the given folder.
-timed() {
-    local dir=$1
-    shift
-    (cd "$dir" && /usr/bin/time -f '%e %M' -o "$work/time" "$@" >/dev/null 2>"$work/stderr") || {
-        cat "$work/stderr" >&2
-        return 1
-    }
-    cat "$work/time"
-}
-median() { sort -g | awk '{v[NR]=$1} END {print (NR % 2) ? v[(NR+1)/2] : (v[NR/2] + v[NR/2+1]) / 2}'; }
-ratio() { awk -v a="$1" -v b="$2" 'BEGIN {printf "%.3f", a / b}'; }
 
 results="$work/results.md"
 echo "| rows | tool (a) s | psql (b) s | a/b | client fixer (c) s | c/a | rewrite without expression (d) s | server time of the UPDATEs, all runs | tool peak RSS KiB | bad rows before/after |" >"$results"

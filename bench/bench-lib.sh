@@ -1,0 +1,87 @@
+# Shared by bench/run.sh and bench/jobs.sh: builds the programs, starts a benchmark server of
+# its own with the product's tables, and seeds realistic rows. Source it from the top folder
+# after setting "work" (a fresh temporary folder); it defines functions and variables.
+
+./scripts/install-deps.sh time >/dev/null
+cmake -S . -B build-bench -DCMAKE_BUILD_TYPE=Release -DZENTRIX_BUILD_TESTS=OFF -DZENTRIX_BUILD_BENCH=ON >/dev/null
+cmake --build build-bench -j "$(nproc)" -- --no-print-directory >/dev/null
+tool="$top/build-bench/app/zentrix-data-normalizer"
+dbinfo="$top/build-bench/app/zentrix-dbinfo"
+fixer="$top/build-bench/bench/client_fixer"
+. scripts/sandbox-lib.sh
+
+port=$(free_port 56432)
+password=bench-pw
+export PGPASSWORD=$password
+sql() { psql -X -q -v ON_ERROR_STOP=1 -h 127.0.0.1 -p "$port" -U zentrix "$@"; }
+# A server tuned so that nothing but the statements measured lands inside a run.
+start_bench_server() {
+    make_installation "$work"
+    chown "$account" "$work"
+    printf '%s' "$password" >"$work/pw"
+    chown "$account" "$work/pw"
+    as_account "$pgbin/initdb" -D "$work/server" -U zentrix --pwfile="$work/pw" -A scram-sha-256 -E UTF8 --locale=C >/dev/null
+    # Checkpoints and autovacuum would land at random points of a run; WAL kept recycled keeps
+    # segment creation out of the runs. Statements over a second are logged with their duration
+    # and client, to compare the server's time for the tool's statements with psql's.
+    as_account "$pgbin/pg_ctl" start -D "$work/server" -w -l "$work/server.log" \
+        -o "-p $port -k '' -c max_wal_size=16GB -c min_wal_size=4GB -c checkpoint_timeout=1h -c autovacuum=off \
+            -c log_min_duration_statement=1000 -c log_line_prefix='%a '" >/dev/null
+    sql -d postgres -c "CREATE DATABASE bench"
+
+    (cd "$work/work" && "$dbinfo" set host=127.0.0.1 port="$port" user=zentrix password="$password" type=remote \
+        dbname=bench private_password=x >/dev/null)
+    sql -d bench <<'SQL'
+CREATE SCHEMA warehouse;
+CREATE TABLE warehouse.control_refresh (instance_id int PRIMARY KEY, last_request_id bigint);
+CREATE SCHEMA scan;
+CREATE TABLE scan.file (id bigint PRIMARY KEY, instance_id int, request_id bigint, filetype_details text);
+CREATE TABLE pristine (LIKE scan.file);
+SQL
+}
+
+# "seed ROWS [INSTANCES]": about 1 KB of file-type details per row, spread evenly over the
+# instances (default 3); one row in a hundred carries a bad escape.
+seed() {
+    local instances=${2:-3}
+    sql -d bench -c "TRUNCATE pristine; INSERT INTO pristine
+      SELECT n, 1 + n % $instances, 1000 + n,
+        '{\"filetype\":\"PE32 executable (GUI) Intel 80386, for MS Windows\",\"mime\":\"application/x-dosexec\",'
+        || '\"magic\":\"MZ\",\"size\":' || (n * 37 % 900000) || ',\"sections\":['
+        || '{\"name\":\".text\",\"entropy\":6.21,\"flags\":\"rx\",\"size\":' || (n % 4096) || '},'
+        || '{\"name\":\".rdata\",\"entropy\":4.87,\"flags\":\"r\",\"size\":8192},'
+        || '{\"name\":\".data\",\"entropy\":1.02,\"flags\":\"rw\",\"size\":1024},'
+        || '{\"name\":\".rsrc\",\"entropy\":3.33,\"flags\":\"r\",\"size\":65536}],'
+        || '\"version_info\":{\"CompanyName\":\"Example Software Ltd\",\"FileDescription\":\"Setup \\u00e9 utility\",'
+        || '\"ProductVersion\":\"10.4.' || (n % 97) || '\",\"OriginalFilename\":\"setup_' || n || '.exe\"},'
+        || '\"imports\":[\"KERNEL32.dll\",\"USER32.dll\",\"ADVAPI32.dll\",\"SHELL32.dll\",\"ole32.dll\"],'
+        || '\"signature\":{\"signed\":true,\"issuer\":\"Example Code Signing CA \\ud83d\\ude00\"},'
+        || '\"note\":\"' || CASE n % 100 WHEN 0 THEN 'lone \\ud800 surrogate' WHEN 50 THEN 'nul \\u0000 and \\x41'
+                                     ELSE 'clean' END || '\",'
+        || '\"padding\":\"' || repeat('0123456789abcdef', 16) || '\"}'
+      FROM generate_series(1, $1) n;
+      TRUNCATE warehouse.control_refresh;
+      INSERT INTO warehouse.control_refresh SELECT i, 0 FROM generate_series(1, $instances) i;"
+}
+reset_data() {
+    sql -d bench -c "TRUNCATE scan.file" -c "INSERT INTO scan.file SELECT * FROM pristine" \
+        -c "VACUUM ANALYZE scan.file" -c "CHECKPOINT"
+}
+bad_rows() {
+    sql -d bench -At -c "CREATE FUNCTION pg_temp.ok(t text) RETURNS bool LANGUAGE plpgsql AS
+        \$\$ BEGIN PERFORM t::jsonb; RETURN true; EXCEPTION WHEN others THEN RETURN false; END \$\$" \
+        -c "SELECT count(*) FROM scan.file WHERE NOT pg_temp.ok(filetype_details)"
+}
+# "seconds peak-KiB" of a command run in the given folder.
+timed() {
+    local dir=$1
+    shift
+    (cd "$dir" && /usr/bin/time -f '%e %M' -o "$work/time" "$@" >/dev/null 2>"$work/stderr") || {
+        cat "$work/stderr" >&2
+        return 1
+    }
+    cat "$work/time"
+}
+median() { sort -g | awk '{v[NR]=$1} END {print (NR % 2) ? v[(NR+1)/2] : (v[NR/2] + v[NR/2+1]) / 2}'; }
+ratio() { awk -v a="$1" -v b="$2" 'BEGIN {printf "%.3f", a / b}'; }
+
