@@ -2,7 +2,6 @@
 
 #include <QByteArray>
 #include <QString>
-#include <QStringList>
 
 #include <ostream>
 
@@ -15,9 +14,4 @@ inline void PrintTo(const QString &value, std::ostream *os)
 inline void PrintTo(const QByteArray &value, std::ostream *os)
 {
     *os << '"' << value.toStdString() << '"';
-}
-
-inline void PrintTo(const QStringList &value, std::ostream *os)
-{
-    *os << '[' << value.join(QStringLiteral(", ")).toStdString() << ']';
 }

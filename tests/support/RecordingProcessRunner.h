@@ -10,7 +10,7 @@
 
 // Stands in for the process runner where the commands cannot run (Windows service
 // commands on Linux): records every command line with its wait, answers with scripted
-// exit codes and output, and can run a hook in place of a command.
+// exit codes, and can run a hook in place of a command.
 class RecordingProcessRunner : public core::ProcessRunner
 {
 public:
@@ -18,7 +18,6 @@ public:
         QStringList lines;
         // Keyed by "program first-argument", e.g. "sc query".
         QHash<QString, int> exitCodes;
-        QHash<QString, QByteArray> outputs;
         QHash<QString, std::function<void()>> hooks;
     };
 
@@ -34,10 +33,8 @@ public:
         if (const auto hook = m_script->hooks.value(key))
             hook();
         core::ProcessResult result;
-        result.started = true;
-        result.finished = true;
+        result.started = result.finished = true;
         result.exitCode = m_script->exitCodes.value(key, 0);
-        result.standardOutput = m_script->outputs.value(key);
         return result;
     }
 

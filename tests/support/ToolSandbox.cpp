@@ -1,49 +1,58 @@
 #include "support/ToolSandbox.h"
 
+#include "support/TestServer.h"
+
+#include <QDate>
+#include <QDir>
 #include <QFile>
+#include <QProcess>
 #include <QRegularExpression>
+
+using namespace Qt::StringLiterals;
 
 namespace {
 constexpr int kToolTimeoutMs = 240000;
 }
 
-ToolSandbox::ToolSandbox(const QByteArray &extraGlobalConfig)
+ToolSandbox::ToolSandbox(const QByteArray &extraConfig)
 {
     QDir().mkpath(installation());
-    QDir().mkpath(dataDirectory() + QStringLiteral("/logs"));
+    QDir().mkpath(dataDirectory() + u"/logs"_s);
     QDir().mkpath(workDirectory());
-    writeConfig("InstallationFolder=" + installation().toUtf8() + "\n[global]\nrestaddress=127.0.0.1\nrestport=8008\n"
-        + extraGlobalConfig + "\n[internal]\ndata_directory=" + dataDirectory().toUtf8() + "\n");
+    writeConfig(extraConfig);
 }
 
 QString ToolSandbox::configPath() const
 {
-    return QDir(workDirectory()).filePath(QStringLiteral("HKEY_LOCAL_MACHINE\\Software\\Tarvex\\Bravik"));
+    return QDir(workDirectory()).filePath(u"HKEY_LOCAL_MACHINE\\Software\\Tarvex\\Bravik"_s);
 }
 
 QString ToolSandbox::runLogPath() const
 {
-    return dataDirectory()
-        + QStringLiteral("/logs/data_normalizer-%1.log").arg(QDate::currentDate().toString(QStringLiteral("yyyyMMdd")));
+    return dataDirectory() + u"/logs/data_normalizer-%1.log"_s.arg(QDate::currentDate().toString(u"yyyyMMdd"_s));
 }
 
-QByteArray ToolSandbox::runLog() const
+QString ToolSandbox::runLog() const
 {
-    QFile file(runLogPath());
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+    static const QRegularExpression stamp(u"\\d{4}\\.\\d{2}\\.\\d{2} \\d{2}:\\d{2}:\\d{2}\\.\\d{3}"_s);
+    static const QRegularExpression serverError(
+        u"ERROR:  .*?(?=\\n\\[|\\n?\\z)"_s, QRegularExpression::DotMatchesEverythingOption);
+    return QString::fromUtf8(read(runLogPath())).replace(stamp, u"<ts>"_s).replace(serverError, u"<server error>"_s);
 }
 
-QString ToolSandbox::runLogMasked() const
+void ToolSandbox::writeConfig(const QByteArray &extraConfig, const QByteArray &internal) const
 {
-    static const QRegularExpression stamp(QStringLiteral("\\d{4}\\.\\d{2}\\.\\d{2} \\d{2}:\\d{2}:\\d{2}\\.\\d{3}"));
-    return QString::fromUtf8(runLog()).replace(stamp, QStringLiteral("<ts>"));
+    write(configPath(),
+        "InstallationFolder=" + installation().toUtf8() + "\n[global]\nrestaddress=127.0.0.1\nrestport=8008\n"
+            + extraConfig + "\n[internal]\ndata_directory=" + dataDirectory().toUtf8() + "\n" + internal);
 }
 
-void ToolSandbox::writeConfig(const QByteArray &text) const
+bool ToolSandbox::provision(int port, const QString &dbName, const QString &type, const QStringList &more) const
 {
-    QFile file(configPath());
-    if (file.open(QIODevice::WriteOnly | QIODevice::Truncate))
-        file.write(text);
+    const QStringList assignments
+        = {u"set"_s, u"host=127.0.0.1"_s, u"port=%1"_s.arg(port), u"user="_s + QLatin1String(TestServer::kUser),
+            u"password="_s + QLatin1String(TestServer::kPassword), u"type="_s + type, u"dbname="_s + dbName};
+    return runDbInfo(assignments + more).exitCode == 0;
 }
 
 ToolSandbox::Result ToolSandbox::runTool(const QStringList &arguments) const
@@ -62,15 +71,40 @@ ToolSandbox::Result ToolSandbox::run(const QString &program, const QStringList &
     process.setWorkingDirectory(workDirectory);
     process.start(program, arguments);
     Result result;
-    if (!process.waitForFinished(kToolTimeoutMs)) {
+    result.crashed = !process.waitForFinished(kToolTimeoutMs) || process.exitStatus() == QProcess::CrashExit;
+    if (process.state() != QProcess::NotRunning) {
         process.kill();
         process.waitForFinished();
-        result.crashed = true;
-        return result;
     }
-    result.crashed = process.exitStatus() == QProcess::CrashExit;
     result.exitCode = process.exitCode();
     result.out = process.readAllStandardOutput();
     result.err = process.readAllStandardError();
     return result;
+}
+
+QByteArray ToolSandbox::read(const QString &path)
+{
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
+
+void ToolSandbox::write(const QString &path, const QByteArray &bytes)
+{
+    QFile file(path);
+    if (file.open(QIODevice::WriteOnly | QIODevice::Truncate))
+        file.write(bytes);
+}
+
+QByteArray ToolSandbox::openssl(const QString &keyFile, const QByteArray &input, bool decrypt)
+{
+    const QByteArray key = read(keyFile).left(24);
+    QProcess process;
+    process.start(u"openssl"_s,
+        QStringList{u"enc"_s, u"-des-ede3-cfb8"_s, u"-K"_s, QString::fromLatin1(key.toHex()), u"-iv"_s,
+            QString::fromLatin1(key.left(8).toHex())}
+            + (decrypt ? QStringList{u"-d"_s} : QStringList()));
+    process.write(input);
+    process.closeWriteChannel();
+    process.waitForFinished();
+    return process.readAllStandardOutput();
 }

@@ -1,9 +1,6 @@
 #pragma once
 
 #include <QByteArray>
-#include <QDate>
-#include <QDir>
-#include <QProcess>
 #include <QString>
 #include <QStringList>
 #include <QTemporaryDir>
@@ -20,23 +17,33 @@ public:
         QByteArray err;
     };
 
-    explicit ToolSandbox(const QByteArray &extraGlobalConfig = QByteArray());
+    explicit ToolSandbox(const QByteArray &extraConfig = QByteArray());
 
     QString root() const { return m_root.path(); }
     QString installation() const { return m_root.filePath(QStringLiteral("install")); }
     QString dataDirectory() const { return m_root.filePath(QStringLiteral("data")); }
     QString workDirectory() const { return m_root.filePath(QStringLiteral("work")); }
+    QString information() const { return installation() + QStringLiteral("/zentrix_postgres.dat"); }
+    QString key() const { return installation() + QStringLiteral("/zentrix_postgres.cat"); }
     QString configPath() const;
     QString runLogPath() const;
-    QByteArray runLog() const;
-    // The run log with every time stamp replaced by "<ts>".
-    QString runLogMasked() const;
+    // The run log with every time stamp replaced by "<ts>" and the server's error texts
+    // (which may span lines) by "<server error>".
+    QString runLog() const;
 
-    void writeConfig(const QByteArray &text) const;
+    // The configuration, with extraConfig appended to its [global] group.
+    void writeConfig(const QByteArray &extraConfig, const QByteArray &internal = QByteArray()) const;
+    // Provisions the information file through zentrix-dbinfo, for the test user; true on success.
+    bool provision(int port, const QString &dbName, const QString &type = QStringLiteral("remote"),
+        const QStringList &more = QStringList()) const;
     Result runTool(const QStringList &arguments = {}) const;
     Result runDbInfo(const QStringList &arguments) const;
 
     static Result run(const QString &program, const QStringList &arguments, const QString &workDirectory);
+    static QByteArray read(const QString &path);
+    // The openssl command line's triple DES in 8-bit CFB with the key file's keys, the first as IV.
+    static QByteArray openssl(const QString &keyFile, const QByteArray &input, bool decrypt = false);
+    static void write(const QString &path, const QByteArray &bytes);
 
 private:
     QTemporaryDir m_root;

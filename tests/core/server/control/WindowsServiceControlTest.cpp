@@ -1,105 +1,58 @@
 #include "core/server/control/WindowsServiceControl.h"
-#include "support/CapturingLogOutput.h"
 #include "support/QtPrinters.h"
 #include "support/RecordingProcessRunner.h"
+#include "support/ToolSandbox.h"
 
 #include <gtest/gtest.h>
 
 #include <QFile>
 #include <QTemporaryDir>
 
-using core::WindowsServiceControl;
+using namespace Qt::StringLiterals;
 
-class WindowsServiceControlTest : public ::testing::Test
+TEST(WindowsServiceControlTest, CommandLinesOfEveryOperation)
 {
-protected:
-    WindowsServiceControlTest()
-    {
-        m_relay.useLogger = true;
-        core::ServiceContext context;
-        context.pgCtlPath = QStringLiteral("C:/zentrix/postgres/bin/pg_ctl.exe");
-        context.dataDirectory = m_dir.path();
-        context.port = 5433;
-        context.relay = &m_relay;
-        m_control
-            = std::make_unique<WindowsServiceControl>(context, std::make_unique<RecordingProcessRunner>(m_script));
-    }
+    const QTemporaryDir dataDirectory;
+    const QString pgCtl = u"C:/zentrix/postgres/bin/pg_ctl.exe"_s;
+    const auto script = std::make_shared<RecordingProcessRunner::Script>();
+    core::ServiceContext context;
+    context.pgCtlPath = pgCtl;
+    context.dataDirectory = dataDirectory.path();
+    context.port = 5433;
+    core::WindowsServiceControl control(context, std::make_unique<RecordingProcessRunner>(script));
+    script->exitCodes.insert(u"pg_ctl.exe status"_s, 3);
+    script->exitCodes.insert(u"sc query"_s, 1060);
+    control.registerService();
+    control.start();
+    EXPECT_EQ(control.status(), 3);
+    EXPECT_FALSE(control.exists());
+    EXPECT_EQ(script->lines,
+        QStringList({pgCtl + "|register|-N|zentrix-postgresql|-D|" + dataDirectory.path() + "|--options=-p5433 @30000",
+            u"sc|failure|zentrix-postgresql|reset=86400|actions=restart/60000/restart/60000// @-1"_s,
+            u"sc|description|zentrix-postgresql|Sentrova Core PostgreSQL Service @-1"_s,
+            u"sc|config|zentrix-postgresql|displayname=|Tarvex Sentrova Core PostgreSQL @-1"_s,
+            u"net|start|zentrix-postgresql @-1"_s, pgCtl + "|status|-D|" + dataDirectory.path() + " @30000",
+            u"sc|query|zentrix-postgresql @-1"_s}));
 
-    void writePidFile(const QByteArray &content) const
-    {
-        QFile file(m_dir.filePath(QStringLiteral("postmaster.pid")));
-        ASSERT_TRUE(file.open(QIODevice::WriteOnly));
-        file.write(content);
-    }
-
-    QStringList unregisterLines() const
-    {
-        return {QStringLiteral("net|stop|zentrix-postgresql @-1"),
-            QStringLiteral("C:/zentrix/postgres/bin/pg_ctl.exe|unregister|-N|zentrix-postgresql @-1")};
-    }
-
-    QTemporaryDir m_dir;
-    ScopedLogCapture m_capture;
-    core::PostgresLogRelay m_relay;
-    std::shared_ptr<RecordingProcessRunner::Script> m_script = std::make_shared<RecordingProcessRunner::Script>();
-    std::unique_ptr<WindowsServiceControl> m_control;
-};
-
-TEST_F(WindowsServiceControlTest, RegisterStartAndQueryCommandLines)
-{
-    m_control->registerService();
-    m_control->start();
-    EXPECT_EQ(m_script->lines,
-        QStringList({
-            QStringLiteral("C:/zentrix/postgres/bin/pg_ctl.exe|register|-N|zentrix-postgresql|-D|%1|--options=-p5433 "
-                           "@30000")
-                .arg(m_dir.path()),
-            QStringLiteral("sc|failure|zentrix-postgresql|reset=86400|actions=restart/60000/restart/60000// @-1"),
-            QStringLiteral("sc|description|zentrix-postgresql|Sentrova Core PostgreSQL Service @-1"),
-            QStringLiteral("sc|config|zentrix-postgresql|displayname=|Tarvex Sentrova Core PostgreSQL @-1"),
-            QStringLiteral("net|start|zentrix-postgresql @-1"),
-        }));
-    EXPECT_EQ(m_control->dynamicSharedMemoryType(), QStringLiteral("windows"));
-}
-
-TEST_F(WindowsServiceControlTest, StatusAndExistence)
-{
-    m_script->exitCodes.insert(QStringLiteral("pg_ctl.exe status"), 3);
-    m_script->outputs.insert(QStringLiteral("pg_ctl.exe status"), "pg_ctl: no server running");
-    m_script->exitCodes.insert(QStringLiteral("sc query"), 1060);
-    EXPECT_EQ(m_control->status(), 3);
-    EXPECT_FALSE(m_control->exists());
-    m_script->exitCodes.insert(QStringLiteral("sc query"), 0);
-    EXPECT_TRUE(m_control->exists());
-    EXPECT_EQ(m_script->lines,
-        QStringList({QStringLiteral("C:/zentrix/postgres/bin/pg_ctl.exe|status|-D|%1 @30000").arg(m_dir.path()),
-            QStringLiteral("sc|query|zentrix-postgresql @-1"), QStringLiteral("sc|query|zentrix-postgresql @-1")}));
-    EXPECT_EQ(m_capture.output->messages(),
-        QStringList({QStringLiteral("Postgres service status: pg_ctl: no server running")}));
-}
-
-TEST_F(WindowsServiceControlTest, StopKillsThePidFromTheLockFileAndUnregisters)
-{
-    writePidFile("4242\n/data\n1700000000\n5433\n");
-    m_script->exitCodes.insert(QStringLiteral("pg_ctl.exe unregister"), 0);
-    m_control->stop();
-    EXPECT_EQ(m_script->lines,
-        QStringList({QStringLiteral("net|stop|zentrix-postgresql @-1"), QStringLiteral("taskkill|/F|/PID|4242 @30000")})
-            + unregisterLines());
-    EXPECT_EQ(m_capture.output->messages(),
-        QStringList({QStringLiteral("Forcibly kill postgres service process. PID: 4242."),
-            QStringLiteral("Unregister postgres service. Exit code: 0")}));
-}
-
-TEST_F(WindowsServiceControlTest, StopWithoutAUsablePidKillsNothingButStillUnregisters)
-{
-    const QList<QByteArray> contents = {QByteArray(), "not-a-pid\n", "0\n"};
-    for (const QByteArray &content : contents) {
-        m_script->lines.clear();
-        if (!content.isNull())
-            writePidFile(content);
-        m_control->stop();
-        EXPECT_EQ(m_script->lines, QStringList({QStringLiteral("net|stop|zentrix-postgresql @-1")}) + unregisterLines())
-            << content.constData();
+    // Stopping kills only a usable PID from the lock file, and always unregisters.
+    const QStringList unregister
+        = {u"net|stop|zentrix-postgresql @-1"_s, pgCtl + u"|unregister|-N|zentrix-postgresql @-1"_s};
+    const struct {
+        QByteArray lockFile;
+        QStringList kill;
+    } cases[] = {
+        {"4242\n/data\n1700000000\n5433\n", {u"taskkill|/F|/PID|4242 @30000"_s}},
+        {QByteArray(), {}},
+        {"not-a-pid\n", {}},
+        {"0\n", {}},
+    };
+    for (const auto &c : cases) {
+        script->lines.clear();
+        QFile::remove(dataDirectory.filePath(u"postmaster.pid"_s));
+        if (!c.lockFile.isNull())
+            ToolSandbox::write(dataDirectory.filePath(u"postmaster.pid"_s), c.lockFile);
+        control.stop();
+        EXPECT_EQ(script->lines, QStringList({u"net|stop|zentrix-postgresql @-1"_s}) + c.kill + unregister)
+            << c.lockFile.constData();
     }
 }

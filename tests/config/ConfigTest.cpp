@@ -1,0 +1,88 @@
+#include "config/exceptions/Exception.h"
+#include "config/loader/CoreConfigLoader.h"
+#include "config/validator/CoreConfigValidator.h"
+#include "support/QtPrinters.h"
+#include "support/ToolSandbox.h"
+
+#include <gtest/gtest.h>
+
+#include <QStandardPaths>
+#include <QTemporaryDir>
+
+using namespace Qt::StringLiterals;
+
+namespace {
+
+const QByteArray kRequired = "[global]\nrestaddress=127.0.0.1\nrestport=8008\n";
+
+// Writes the INI file of a test in its own folder.
+QString ini(const QTemporaryDir &dir, const QByteArray &text)
+{
+    ToolSandbox::write(dir.filePath(u"config.ini"_s), text);
+    return dir.filePath(u"config.ini"_s);
+}
+
+} // namespace
+
+TEST(ConfigTest, ValidatorRulesAndTheirMessages)
+{
+    const QTemporaryDir dir;
+    const struct {
+        QByteArray ini;
+        const char *expected;
+    } cases[] = {
+        {kRequired + "%23old=1\n", "ok"},
+        {kRequired + "[internal]\nparallelcount=2\nparallelcount_high=3\n", "ok"},
+        {"[global]\nrestaddress=1\n[foo]\nbar=1\n", "Required key missing from config: global/restport"},
+        {kRequired + "[foo]\nbar=1\nbaz=2\n", "Unknown keys in config: foo/bar,foo/baz"},
+        {kRequired + "[internal]\nparallel=2\nparallelcount_2=1\n", "Unknown keys in config: internal/parallel"},
+        {kRequired + "[dbserver]\ndbname=x\n", "Unknown keys in config: dbserver/dbname"},
+        {kRequired + "report_engine_issue=1\naddress=1.2.3.4\nport=1\n", "ok"},
+        {kRequired + "port=1\n", "All or none of 'global/address, global/port' must be set!"},
+        {kRequired + "[logger]\nlogfile=f\n", "All or none of 'logger/logfile, logger/loglevel' must be set!"},
+        {kRequired + "[logger]\nsyslog_level=3\n", "All or none of 'logger/syslog, logger/syslog_level' must be set!"},
+        {kRequired + "[internal]\nbody_transfer_chunk_size=0\n",
+            "internal/body_transfer_chunk_size must be between 1 and 60"},
+        {kRequired + "[internal]\nbody_transfer_chunk_size=61\n",
+            "internal/body_transfer_chunk_size must be between 1 and 60"},
+        {kRequired + "[internal]\nbody_transfer_chunk_size=60\nbody_transfer_method=2\n",
+            "internal/body_transfer_method must be between 0 and 1"},
+        {kRequired + "dbmode=2\n", "ok"},
+        {kRequired + "dbmode=shared\n", "global/dbmode must be standalone(1), non-persistence(3) or shared(4)"},
+        // The first broken rule wins.
+        {kRequired + "address=1\n[internal]\nbody_transfer_chunk_size=0\n",
+            "All or none of 'global/address, global/port' must be set!"},
+    };
+    for (const auto &c : cases) {
+        const QSettings settings(ini(dir, c.ini), QSettings::IniFormat);
+        QString outcome = u"ok"_s;
+        try {
+            core::CoreConfigValidator(settings).validate();
+        } catch (const Exception &e) {
+            outcome = e.message();
+        }
+        EXPECT_EQ(outcome, QString::fromUtf8(c.expected)) << c.ini.constData();
+        EXPECT_EQ(ToolSandbox::read(settings.fileName()), c.ini) << "validation never changes the settings";
+    }
+}
+
+TEST(ConfigTest, LoaderDefaultsCommentedKeysAndTheInstanceName)
+{
+    const QTemporaryDir dir;
+    const QString path = dir.filePath(u"config.ini"_s);
+    {
+        const core::CoreConfigLoader defaults(QSettings(ini(dir, ""), QSettings::IniFormat), u"test"_s);
+        EXPECT_EQ(defaults.logDirectory(),
+            QStandardPaths::writableLocation(QStandardPaths::GenericConfigLocation) + u"/zentrix/data//logs"_s);
+        EXPECT_EQ(defaults.dbConnectionCount(), 10);
+    }
+    {
+        core::CoreConfigLoader loader(
+            QSettings(ini(dir, "[global]\n%23old=1\nkept=2\n"), QSettings::IniFormat), u"test"_s);
+        EXPECT_EQ(loader.stringValue(u"global/#old"_s), QString());
+        loader.setInstanceName(u"a"_s);
+        EXPECT_EQ(QSettings(path, QSettings::IniFormat).value(u"global/instance_name"_s), u"a"_s);
+    }
+    EXPECT_FALSE(ToolSandbox::read(path).contains("old"));
+    EXPECT_TRUE(ToolSandbox::read(path).contains("kept=2"));
+}

@@ -1,0 +1,151 @@
+#include "support/TestServer.h"
+
+#include "support/ToolSandbox.h"
+
+#include <gtest/gtest.h>
+
+#include <QDir>
+#include <QFile>
+#include <QProcess>
+#include <QSqlDatabase>
+#include <QSqlError>
+#include <QSqlQuery>
+#include <QSqlRecord>
+#include <QTcpServer>
+#include <QUuid>
+
+using namespace Qt::StringLiterals;
+
+namespace {
+constexpr int kProgramTimeoutMs = 120000;
+TestServer *s_shared = nullptr;
+} // namespace
+
+core::ServerAccount TestServer::unprivilegedAccount()
+{
+    const core::ServerAccount current = core::ServerAccount::current();
+    return current.isSuperuser() ? core::ServerAccount::named(u"postgres"_s) : current;
+}
+
+TestServer::TestServer()
+    : m_account(unprivilegedAccount())
+{
+    if (!m_account.isValid())
+        m_error = u"running as root and no unprivileged 'postgres' account exists"_s;
+    else if (binDirectory().isEmpty())
+        m_error = u"PostgreSQL's programs were not found (set ZENTRIX_PG_BINDIR)"_s;
+    if (!m_error.isEmpty())
+        return;
+    m_account.handOver(m_root.path());
+    const QString passwordFile = m_root.filePath(u"pw"_s);
+    ToolSandbox::write(passwordFile, kPassword);
+    m_account.handOver(passwordFile);
+    m_error = run(u"initdb"_s,
+        {u"-D"_s, dataDirectory(), u"-U"_s, QLatin1String(kUser), u"--pwfile="_s + passwordFile, u"-A"_s,
+            u"scram-sha-256"_s, u"-E"_s, u"UTF8"_s, u"--locale=C"_s, u"--no-sync"_s});
+    if (m_error.isEmpty())
+        start();
+}
+
+TestServer::~TestServer()
+{
+    stop(u"immediate"_s);
+}
+
+TestServer &TestServer::shared()
+{
+    if (!s_shared)
+        s_shared = new TestServer;
+    return *s_shared;
+}
+
+void TestServer::releaseShared()
+{
+    delete s_shared;
+    s_shared = nullptr;
+}
+
+QString TestServer::binDirectory()
+{
+    const QString configured = qEnvironmentVariable("ZENTRIX_PG_BINDIR");
+    if (!configured.isEmpty())
+        return configured;
+    const QDir versions(u"/usr/lib/postgresql"_s);
+    const QStringList found = versions.entryList(QDir::Dirs | QDir::NoDotAndDotDot, QDir::Name);
+    return found.isEmpty() ? QString() : versions.filePath(found.last() + u"/bin"_s);
+}
+
+int TestServer::freePort()
+{
+    QTcpServer probe;
+    return probe.listen(QHostAddress::LocalHost, 0) ? probe.serverPort() : 0;
+}
+
+QString TestServer::run(const QString &program, const QStringList &arguments) const
+{
+    QProcess process;
+    process.setWorkingDirectory(m_root.path());
+    process.setProcessChannelMode(QProcess::MergedChannels);
+    m_account.applyTo(process);
+    process.start(QDir(binDirectory()).filePath(program), arguments);
+    if (process.waitForFinished(kProgramTimeoutMs) && process.exitStatus() == QProcess::NormalExit
+        && process.exitCode() == 0)
+        return QString();
+    process.kill();
+    process.waitForFinished();
+    return program + u" failed: "_s + QString::fromLocal8Bit(process.readAll());
+}
+
+bool TestServer::start()
+{
+    // A restart keeps the port, so clients configured for it find the server again.
+    if (m_port == 0)
+        m_port = freePort();
+    m_error = run(u"pg_ctl"_s,
+        {u"start"_s, u"-D"_s, dataDirectory(), u"-w"_s, u"-l"_s, m_root.filePath(u"server.log"_s), u"-o"_s,
+            u"-p %1 -k '' -c listen_addresses=127.0.0.1 -c fsync=off"_s.arg(m_port)});
+    return m_error.isEmpty();
+}
+
+void TestServer::stop(const QString &mode)
+{
+    if (QFile::exists(dataDirectory() + u"/postmaster.pid"_s))
+        run(u"pg_ctl"_s, {u"stop"_s, u"-D"_s, dataDirectory(), u"-m"_s, mode, u"-w"_s});
+}
+
+void TestServer::freshProductDatabase() const
+{
+    sql(u"DROP DATABASE IF EXISTS product WITH (FORCE)"_s, u"postgres"_s);
+    sql(u"CREATE DATABASE product"_s, u"postgres"_s);
+}
+
+QStringList TestServer::sql(const QString &statements, const QString &database) const
+{
+    return sqlAt(m_port, statements, database);
+}
+
+QStringList TestServer::sqlAt(int port, const QString &statements, const QString &database)
+{
+    const QString name = QUuid::createUuid().toString(QUuid::Id128);
+    QStringList rows;
+    {
+        QSqlDatabase db = QSqlDatabase::addDatabase(u"QPSQL"_s, name);
+        db.setHostName(u"127.0.0.1"_s);
+        db.setPort(port);
+        db.setDatabaseName(database);
+        db.setUserName(QLatin1String(kUser));
+        db.setPassword(QLatin1String(kPassword));
+        QSqlQuery query(db);
+        if (!db.open() || !query.exec(statements))
+            ADD_FAILURE() << statements.left(200).toStdString() << ": " << db.lastError().text().toStdString()
+                          << query.lastError().text().toStdString();
+        while (query.next()) {
+            QStringList columns;
+            for (int i = 0; i < query.record().count(); ++i)
+                columns << query.value(i).toString();
+            rows << columns.join(QLatin1Char('|'));
+        }
+    }
+    QSqlDatabase::removeDatabase(name);
+    return rows;
+}
