@@ -239,6 +239,19 @@ TEST_F(ToolTest, DryRunCountsWhatTheRunThenChangesAndWritesNothing)
     EXPECT_EQ(sql(updatedTuples), rewritten) << "the dry run updated nothing";
 }
 
+TEST_F(ToolTest, JobsRunTheUpdatesOnSeveralConnections)
+{
+    addInstances({1, 2, 3, 4});
+    for (int instance : {1, 2, 3, 4})
+        addRow(instance, 5, u"{}"_s);
+    // Every row notes the server process that updates it, slowly enough for the jobs to overlap.
+    sql(u"CREATE TABLE seen (pid int); CREATE FUNCTION note() RETURNS trigger AS $$ BEGIN INSERT INTO seen VALUES "
+        "(pg_backend_pid()); PERFORM pg_sleep(0.5); RETURN NEW; END $$ LANGUAGE plpgsql; CREATE TRIGGER note "
+        "BEFORE UPDATE ON scan.file FOR EACH ROW EXECUTE FUNCTION note();"_s);
+    ASSERT_EQ(m_sandbox.runTool({u"--jobs"_s, u"4"_s}).exitCode, 0);
+    EXPECT_GT(sql(u"SELECT count(DISTINCT pid) FROM seen"_s).value(0).toInt(), 1);
+}
+
 TEST_F(ToolTest, InformationFileIsOpensslsCipherTextOfSortedJsonReadableByItsOwnerOnly)
 {
     const QByteArray expected
