@@ -42,6 +42,9 @@ void ParallelInstances::takeJobs(QSqlQuery &query, const Job &job)
 
 void ParallelInstances::work(const Setup &setup, const Job &job)
 {
+    // The connections already open may have taken every instance while this one waited.
+    if (m_next >= m_count)
+        return;
     QString name;
     {
         QSqlDatabase database;

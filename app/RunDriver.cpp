@@ -15,8 +15,6 @@
 #include <QDate>
 #include <QSqlDatabase>
 
-#include <optional>
-
 namespace {
 const QString kNormalizeMode = QStringLiteral("normalize");
 
@@ -106,25 +104,26 @@ RunDriver::Outcome RunDriver::runStages(
         return Outcome::EarlyExit;
     }
 
-    ParallelInstances parallel(
-        [&service, &settings](
-            QSqlDatabase &extra, QString &name) { return service.openConnection(extra, settings.dbName, name, true); },
+    return runPass(service, settings.dbName, database, connectionName, runMode, options, log);
+}
+
+// The pass, or the dry run, on the run's connection; the further connections of --jobs are
+// opened through the service under names of their own.
+RunDriver::Outcome RunDriver::runPass(core::PostgresService &service, const QString &dbName,
+    const QSqlDatabase &database, const QString &connectionName, const QString &runMode, const OperatorOptions &options,
+    RunLog &log)
+{
+    ParallelInstances parallel([&service, &dbName](QSqlDatabase &extra,
+                                   QString &name) { return service.openConnection(extra, dbName, name, true); },
         [&log](const QString &error) {
             Console::err(QStringLiteral("WARNING: Cannot open a further connection for --jobs, going on with fewer"));
             log.writeLine(RunLog::Warning,
                 QStringLiteral("Cannot open a further connection for --jobs, going on with fewer. %1").arg(error));
         },
         connectionName);
-    std::optional<NormalizationPass> pass;
-    std::optional<DryRun> dryRun;
-    if (runMode == kNormalizeMode) {
-        pass.emplace(database);
-        if (!pass->run(log, parallel, options.jobs))
-            return Outcome::EarlyExit;
-    } else if (options.dryRun) {
-        dryRun.emplace(database);
-        if (!dryRun->run(log, parallel, options.jobs))
-            return Outcome::EarlyExit;
-    }
+    if (runMode == kNormalizeMode)
+        return NormalizationPass(database).run(log, parallel, options.jobs) ? Outcome::Done : Outcome::EarlyExit;
+    if (options.dryRun)
+        return DryRun(database).run(log, parallel, options.jobs) ? Outcome::Done : Outcome::EarlyExit;
     return Outcome::Done;
 }

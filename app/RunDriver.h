@@ -4,11 +4,14 @@
 
 #include <memory>
 
+class QSqlDatabase;
 class RunLog;
+struct OperatorOptions;
 
 namespace core {
 class CoreConfigLoader;
-}
+class PostgresService;
+} // namespace core
 
 // The tool's run from configuration to exit status. Configuration errors are not
 // caught: they end the process before any run log exists.
@@ -25,4 +28,6 @@ private:
     enum class Outcome { Done, EarlyExit };
 
     Outcome runStages(int &argc, char **argv, core::CoreConfigLoader &loader, RunLog &log, QString &connectionName);
+    static Outcome runPass(core::PostgresService &service, const QString &dbName, const QSqlDatabase &database,
+        const QString &connectionName, const QString &runMode, const OperatorOptions &options, RunLog &log);
 };

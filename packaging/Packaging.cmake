@@ -24,6 +24,8 @@ if(UNIX)
 endif()
 
 set(CPACK_GENERATOR DEB)
+# Values reach the package as written (the description holds a backslash).
+set(CPACK_VERBATIM_VARIABLES ON)
 set(CPACK_PACKAGE_NAME zentrix-data-normalizer)
 set(CPACK_PACKAGE_VENDOR Tarvex)
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "repair broken JSON escapes in the Zentrix scan database")
