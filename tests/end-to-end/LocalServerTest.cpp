@@ -102,7 +102,7 @@ TEST_F(LocalServerTest, LifecycleOfAManagedCluster)
     EXPECT_FALSE(m_installation.running()) << "the server this run started is stopped again";
     // The run saved a generated value; the files stay the installation's, not root's.
     const QFileInfo folder(m_installation.installation());
-    for (const QFileInfo secret : {QFileInfo(m_installation.information()), QFileInfo(m_installation.key())})
+    for (const QFileInfo &secret : {QFileInfo(m_installation.information()), QFileInfo(m_installation.key())})
         EXPECT_EQ(
             std::make_pair(secret.ownerId(), secret.groupId()), std::make_pair(folder.ownerId(), folder.groupId()));
     const QByteArray information = ToolSandbox::read(m_installation.information());

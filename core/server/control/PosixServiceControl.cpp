@@ -60,11 +60,10 @@ void PosixServiceControl::start()
 int PosixServiceControl::status()
 {
     // Decided from the lock file where possible: pg_ctl refuses to run as root at all.
-    if (checkLockFile() != LockOwner::Server)
+    qint64 pid = 0;
+    if (checkLockFile(&pid) != LockOwner::Server)
         return ServiceControl::status();
-    log(QStringLiteral("Postgres service status: %1")
-            .arg(
-                QStringLiteral("server is running (PID: %1)").arg(PostmasterPidFile::readPid(m_context.dataDirectory))),
+    log(QStringLiteral("Postgres service status: %1").arg(QStringLiteral("server is running (PID: %1)").arg(pid)),
         QString(), PostgresLogLevel::Info);
     return 0;
 }
@@ -80,36 +79,40 @@ void PosixServiceControl::stop()
     killLeftover();
 }
 
-PosixServiceControl::LockOwner PosixServiceControl::checkLockFile()
+PosixServiceControl::LockOwner PosixServiceControl::checkLockFile(qint64 *pid)
 {
-    const LockOwner owner = lockOwner(m_context.dataDirectory);
+    qint64 named = 0;
+    const LockOwner owner = lockOwner(m_context.dataDirectory, &named);
+    if (pid)
+        *pid = named;
     if (owner != LockOwner::Stranger)
         return owner;
-    const QString pid = QString::number(PostmasterPidFile::readPid(m_context.dataDirectory));
     const bool setAside = PostmasterPidFile::setAside(m_context.dataDirectory);
     log(setAside ? QStringLiteral("Stale lock file set aside as postmaster.pid.stale: process %1 is not a server of "
                                   "this data directory")
-                       .arg(pid)
+                       .arg(named)
                  : QStringLiteral("Stale lock file could not be set aside: process %1 is not a server of this data "
                                   "directory")
-                       .arg(pid),
+                       .arg(named),
         PostmasterPidFile::path(m_context.dataDirectory), PostgresLogLevel::Error);
     return owner;
 }
 
 void PosixServiceControl::killLeftover()
 {
-    if (lockOwner(m_context.dataDirectory) != LockOwner::Server)
+    qint64 pid = 0;
+    if (lockOwner(m_context.dataDirectory, &pid) != LockOwner::Server)
         return;
-    const qint64 pid = PostmasterPidFile::readPid(m_context.dataDirectory);
     if (::kill(static_cast<pid_t>(pid), SIGKILL) == 0)
         log(QStringLiteral("Forcibly kill postgres service process. PID: %1.").arg(pid), QString(),
             PostgresLogLevel::Info);
 }
 
-PosixServiceControl::LockOwner PosixServiceControl::lockOwner(const QString &dataDirectory)
+PosixServiceControl::LockOwner PosixServiceControl::lockOwner(const QString &dataDirectory, qint64 *pid)
 {
     const PostmasterPidFile::Content lock = PostmasterPidFile::read(dataDirectory);
+    if (pid)
+        *pid = lock.pid;
     if (!lock.exists)
         return LockOwner::NoLockFile;
     if (!lock.readable)

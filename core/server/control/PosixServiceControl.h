@@ -38,10 +38,12 @@ public:
     void unregisterService() override;
     bool exists() override;
 
-    static LockOwner lockOwner(const QString &dataDirectory);
+    // pid receives the PID the verdict is about, so that what is logged or signalled is
+    // exactly the process that was checked, not a later read of the file.
+    static LockOwner lockOwner(const QString &dataDirectory, qint64 *pid = nullptr);
 
 private:
-    LockOwner checkLockFile();
+    LockOwner checkLockFile(qint64 *pid = nullptr);
     void killLeftover();
 };
 
