@@ -26,6 +26,9 @@ status=0
 out=$(cd "$root/work" && "$root/prefix/bin/zentrix-data-normalizer" --help) || status=$?
 [ "$status" -eq 1 ] || { echo "--help ended with status $status" >&2; exit 1; }
 grep -qx 'Usage:' <<<"$out" || { echo "no usage from the installed tool: $out" >&2; exit 1; }
-"$root/prefix/bin/zentrix-dbinfo" --help 2>&1 | grep -q 'zentrix-dbinfo' || { echo "no usage from zentrix-dbinfo" >&2; exit 1; }
-gzip -dc "$root/prefix/share/man/man1/zentrix-data-normalizer.1.gz" | grep -q '^\.TH ZENTRIX-DATA-NORMALIZER 1'
+# Output is taken whole before it is searched: "grep -q" would close the pipe early.
+usage=$("$root/prefix/bin/zentrix-dbinfo" --help 2>&1)
+grep -q 'zentrix-dbinfo' <<<"$usage" || { echo "no usage from zentrix-dbinfo" >&2; exit 1; }
+page=$(gzip -dc "$root/prefix/share/man/man1/zentrix-data-normalizer.1.gz")
+grep -q '^\.TH ZENTRIX-DATA-NORMALIZER 1' <<<"$page" || { echo "manual page unreadable" >&2; exit 1; }
 echo "installed and ran from $root/prefix"
