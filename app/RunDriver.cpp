@@ -6,6 +6,7 @@
 #include "app/NormalizationPass.h"
 #include "app/OperatorOptions.h"
 #include "app/ParallelInstances.h"
+#include "app/ProgramVersion.h"
 #include "app/RunLog.h"
 #include "config/exceptions/Exception.h"
 #include "config/loader/DeploymentIdPrefix.h"
@@ -42,6 +43,12 @@ int RunDriver::parseCommandLine(const QStringList &arguments, QString &runMode)
 
 int RunDriver::run(int &argc, char **argv)
 {
+    QStringList arguments;
+    for (int i = 1; i < argc; ++i)
+        arguments << QString::fromLocal8Bit(argv[i]);
+    if (ProgramVersion::printIfAsked(QStringLiteral("zentrix-data-normalizer"), arguments))
+        return 0;
+
     const std::unique_ptr<core::CoreConfigLoader> loader = ConfigurationReader::load(true);
     core::DeploymentIdPrefix::set(loader->deploymentIdPrefix());
 

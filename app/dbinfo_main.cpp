@@ -1,6 +1,7 @@
 #include "app/ConfigurationReader.h"
 #include "app/Console.h"
 #include "app/DbInfoCommand.h"
+#include "app/ProgramVersion.h"
 #include "config/exceptions/Exception.h"
 
 #include <QCoreApplication>
@@ -12,6 +13,8 @@ int main(int argc, char **argv)
 {
     const QCoreApplication application(argc, argv);
     QStringList arguments = QCoreApplication::arguments().mid(1);
+    if (ProgramVersion::printIfAsked(QStringLiteral("zentrix-dbinfo"), arguments))
+        return 0;
     if (arguments.isEmpty() || arguments.first() == QLatin1String("-h")
         || arguments.first() == QLatin1String("--help")) {
         DbInfoCommand::printUsage();

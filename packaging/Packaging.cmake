@@ -21,6 +21,14 @@ if(UNIX)
   endforeach()
   add_custom_target(manual_pages ALL DEPENDS ${compressed_pages})
   install(FILES ${compressed_pages} DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+
+  # A native package's changelog, where Debian expects it.
+  set(changelog ${CMAKE_BINARY_DIR}/changelog.gz)
+  add_custom_command(OUTPUT ${changelog}
+    COMMAND gzip -9 -n -c ${CMAKE_SOURCE_DIR}/packaging/changelog > ${changelog}
+    DEPENDS ${CMAKE_SOURCE_DIR}/packaging/changelog VERBATIM)
+  add_custom_target(changelog ALL DEPENDS ${changelog})
+  install(FILES ${changelog} DESTINATION ${CMAKE_INSTALL_DOCDIR})
 endif()
 
 set(CPACK_GENERATOR DEB)
@@ -30,13 +38,14 @@ set(CPACK_PACKAGE_NAME zentrix-data-normalizer)
 set(CPACK_PACKAGE_VENDOR Tarvex)
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "repair broken JSON escapes in the Zentrix scan database")
 set(CPACK_PACKAGE_DESCRIPTION
-  "A one-shot maintenance tool of the Zentrix file-scanning server. It brings the
-product's local PostgreSQL server into a usable state (encrypted connection data,
-first-run cluster creation, server configuration, start and readiness wait) and
-rewrites, for every scanning instance, the scan rows whose file-type JSON holds
-lone UTF-16 surrogate escapes, NUL escapes or \\x sequences, with one
-regular-expression UPDATE on the server. It also ships zentrix-dbinfo, which shows
-and provisions the encrypted database information file.")
+  "A one-shot maintenance tool of the Zentrix file-scanning server. It
+brings the product's local PostgreSQL server into a usable state
+(encrypted connection data, first-run cluster creation, server
+configuration, start and readiness wait) and rewrites, for every scanning
+instance, the scan rows whose file-type JSON holds lone UTF-16 surrogate
+escapes, NUL escapes or \\x sequences, with one regular-expression UPDATE
+on the server. It also ships zentrix-dbinfo, which shows and provisions
+the encrypted database information file.")
 set(CPACK_DEBIAN_PACKAGE_MAINTAINER "Zentrix maintainers <zentrix-maintainers@tarvex.example>")
 set(CPACK_DEBIAN_PACKAGE_SECTION admin)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)

@@ -4,8 +4,9 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-# dpkg-shlibdeps (dpkg-dev) and file compute the dependencies of the binaries.
-./scripts/install-deps.sh dpkg-dev file
+# dpkg-shlibdeps (dpkg-dev) and file compute the dependencies of the binaries; lintian checks
+# the package against Debian's policy.
+./scripts/install-deps.sh dpkg-dev file lintian
 cmake -S . -B build-package -DCMAKE_BUILD_TYPE=Release -DZENTRIX_BUILD_TESTS=OFF >/dev/null
 cmake --build build-package -j "$(nproc)" -- --no-print-directory >/dev/null
 rm -rf build-package/cpack dist
@@ -26,7 +27,7 @@ expect() {
 for path in usr/bin/zentrix-data-normalizer usr/bin/zentrix-dbinfo \
     usr/share/man/man1/zentrix-data-normalizer.1.gz usr/share/man/man1/zentrix-dbinfo.1.gz \
     usr/share/doc/zentrix-data-normalizer/README.md usr/share/doc/zentrix-data-normalizer/copyright \
-    usr/share/doc/zentrix-data-normalizer/benchmarks.md; do
+    usr/share/doc/zentrix-data-normalizer/benchmarks.md usr/share/doc/zentrix-data-normalizer/changelog.gz; do
     expect "$contents" "^\./$path\$"
 done
 if [ "$(grep -c '^\./usr/bin/.' <<<"$contents")" -ne 2 ]; then
@@ -38,6 +39,8 @@ for dependency in libqt6core6 libqt6sql6 libqt6network6 libssl3 libqt6sql6-psql;
 done
 expect "$fields" '^Recommends: postgresql$'
 expect "$fields" '^Maintainer: .+<.+@.+>$'
+# Any error or warning fails the build; lintian runs as root only with --allow-root.
+lintian --allow-root --fail-on error,warning "$deb" || failed=1
 [ "$failed" -eq 0 ] || exit 1
 echo "$deb"
 echo "$fields"

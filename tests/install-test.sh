@@ -12,7 +12,7 @@ for file in bin/zentrix-data-normalizer bin/zentrix-dbinfo share/man/man1/zentri
     share/man/man1/zentrix-dbinfo.1.gz; do
     [ -f "$root/prefix/$file" ] || { echo "not installed: $file" >&2; exit 1; }
 done
-for file in README.md copyright benchmarks.md; do
+for file in README.md copyright benchmarks.md changelog.gz; do
     [ -f "$doc/$file" ] || { echo "not installed: $doc/$file" >&2; exit 1; }
 done
 extra=$(ls "$root/prefix/bin" | grep -vxE 'zentrix-data-normalizer|zentrix-dbinfo' || true)
@@ -29,6 +29,12 @@ grep -qx 'Usage:' <<<"$out" || { echo "no usage from the installed tool: $out" >
 # Output is taken whole before it is searched: "grep -q" would close the pipe early.
 usage=$("$root/prefix/bin/zentrix-dbinfo" --help 2>&1)
 grep -q 'zentrix-dbinfo' <<<"$usage" || { echo "no usage from zentrix-dbinfo" >&2; exit 1; }
+# --version reads no configuration: it answers in an empty folder.
+mkdir "$root/empty"
+for program in zentrix-data-normalizer zentrix-dbinfo; do
+    version=$(cd "$root/empty" && "$root/prefix/bin/$program" --version)
+    grep -qxE "$program [0-9]+\.[0-9]+\.[0-9]+" <<<"$version" || { echo "$program --version: $version" >&2; exit 1; }
+done
 page=$(gzip -dc "$root/prefix/share/man/man1/zentrix-data-normalizer.1.gz")
 grep -q '^\.TH ZENTRIX-DATA-NORMALIZER 1' <<<"$page" || { echo "manual page unreadable" >&2; exit 1; }
 echo "installed and ran from $root/prefix"

@@ -1,0 +1,16 @@
+#include "app/ProgramVersion.h"
+
+#include "app/Console.h"
+
+QString ProgramVersion::number()
+{
+    return QStringLiteral(ZENTRIX_VERSION);
+}
+
+bool ProgramVersion::printIfAsked(const QString &program, const QStringList &arguments)
+{
+    if (arguments != QStringList{QStringLiteral("--version")})
+        return false;
+    Console::out(program + QLatin1Char(' ') + number());
+    return true;
+}
