@@ -1,7 +1,7 @@
-#include "app/ConfigurationReader.h"
-#include "app/Console.h"
-#include "app/DbInfoCommand.h"
-#include "app/ProgramVersion.h"
+#include "app/dbinfo/DbInfoCommand.h"
+#include "app/output/Console.h"
+#include "app/run/ConfigurationReader.h"
+#include "app/run/ProgramVersion.h"
 #include "config/exceptions/Exception.h"
 
 #include <QCoreApplication>

@@ -1,4 +1,4 @@
-#include "app/RunDriver.h"
+#include "app/run/RunDriver.h"
 
 int main(int argc, char **argv)
 {

@@ -85,3 +85,19 @@ timed() {
 median() { sort -g | awk '{v[NR]=$1} END {print (NR % 2) ? v[(NR+1)/2] : (v[NR/2] + v[NR/2+1]) / 2}'; }
 ratio() { awk -v a="$1" -v b="$2" 'BEGIN {printf "%.3f", a / b}'; }
 
+# "write_block NAME FILE": puts FILE into docs/benchmarks.md between the markers
+# "<!-- NAME -->" and "<!-- /NAME -->" (FILE holds them), or appends it, and prints it.
+write_block() {
+    local name=$1 block=$2 target="$top/docs/benchmarks.md"
+    if grep -q "^<!-- $name -->" "$target"; then
+        awk -v block="$block" -v open="<!-- $name -->" -v close="<!-- /$name -->" '
+            $0 == open { while ((getline line < block) > 0) print line; skip = 1; next }
+            $0 == close { skip = 0; next }
+            !skip' "$target" >"$target.new"
+        mv "$target.new" "$target"
+    else
+        { echo; cat "$block"; } >>"$target"
+    fi
+    cat "$block"
+}
+cpu=$(grep -m1 'model name' /proc/cpuinfo | cut -d: -f2 | sed 's/^ //')

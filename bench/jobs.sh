@@ -53,7 +53,6 @@ for instances in $instance_counts; do
     done
 done
 
-cpu=$(grep -m1 'model name' /proc/cpuinfo | cut -d: -f2 | sed 's/^ //')
 {
     echo "<!-- jobs -->"
     echo "Measured by \`bench/jobs.sh\` on $(date -u '+%Y-%m-%d %H:%M UTC'): $(nproc) cores ($cpu), the server"
@@ -62,14 +61,4 @@ cpu=$(grep -m1 'model name' /proc/cpuinfo | cut -d: -f2 | sed 's/^ //')
     cat "$table"
     echo "<!-- /jobs -->"
 } >"$work/block"
-target="$top/docs/benchmarks.md"
-if grep -q '^<!-- jobs -->' "$target"; then
-    awk -v block="$work/block" '
-        /^<!-- jobs -->/ { while ((getline line < block) > 0) print line; skip = 1; next }
-        /^<!-- \/jobs -->/ { skip = 0; next }
-        !skip' "$target" >"$target.new"
-    mv "$target.new" "$target"
-else
-    { echo; cat "$work/block"; } >>"$target"
-fi
-cat "$work/block"
+write_block jobs "$work/block"

@@ -14,20 +14,9 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
-constexpr int kWaitLimitMs = 60000;
-constexpr int kPollIntervalMs = 20;
 constexpr int kRowsPerInstance = 1500;
 const QString kBad = uR"({"type":"PE32","name":"lone \ud800 here"})"_s;
 const QString kFixed = uR"({"type":"PE32","name":"lone \\ud800 here"})"_s;
-
-template <typename Condition> bool waitFor(Condition condition)
-{
-    for (QDeadlineTimer deadline(kWaitLimitMs); !condition(); QThread::msleep(kPollIntervalMs)) {
-        if (deadline.hasExpired())
-            return false;
-    }
-    return true;
-}
 
 bool updateOfInstanceTwoRuns()
 {
@@ -54,15 +43,15 @@ TEST_F(ToolTest, AnInterruptedPassLeavesEveryInstanceWholeAndTheNextRunCompletes
         QProcess tool;
         tool.setWorkingDirectory(m_sandbox.workDirectory());
         tool.start(QStringLiteral(ZENTRIX_TOOL_PATH), QStringList());
-        ASSERT_TRUE(waitFor(updateOfInstanceTwoRuns)) << "the update of instance 2 never ran";
+        ASSERT_TRUE(ToolTest::waitFor(updateOfInstanceTwoRuns)) << "the update of instance 2 never ran";
         if (killTool) {
             tool.kill();
-            ASSERT_TRUE(tool.waitForFinished(kWaitLimitMs));
+            ASSERT_TRUE(tool.waitForFinished(ToolTest::kWaitLimitMs));
             // The server finishes or abandons the statement on its own; either way atomically.
-            ASSERT_TRUE(waitFor([] { return !updateOfInstanceTwoRuns(); }));
+            ASSERT_TRUE(ToolTest::waitFor([] { return !updateOfInstanceTwoRuns(); }));
         } else {
             server().stop(u"immediate"_s);
-            ASSERT_TRUE(tool.waitForFinished(kWaitLimitMs)) << "the tool hangs on a vanished server";
+            ASSERT_TRUE(tool.waitForFinished(ToolTest::kWaitLimitMs)) << "the tool hangs on a vanished server";
             EXPECT_EQ(tool.exitStatus(), QProcess::NormalExit);
             EXPECT_EQ(tool.exitCode(), 0) << "a failed update is a warning, not a failed run";
             EXPECT_TRUE(tool.readAllStandardError().contains(

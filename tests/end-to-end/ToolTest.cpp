@@ -39,7 +39,7 @@ TEST_F(ToolTest, RunOutcomes)
         // Parallel jobs finish in any order.
         bool unordered = false;
     } cases[] = {
-        {"bare run", {{}, {"--jobs", "1"}},
+        {"bare run", {{}, {"--jobs", "1"}, {"--jobs=1"}},
             [] {
                 addInstances({2, 1});
             },
@@ -54,7 +54,7 @@ TEST_F(ToolTest, RunOutcomes)
                 failInstanceTwo();
             },
             0, doneLine(1) + doneLine(3), kFailedTwo, kDone + "1\n" + kFailedTwoLine + kDone + "3\n"},
-        {"parallel jobs", {{"--jobs", "3"}},
+        {"parallel jobs", {{"--jobs", "3"}, {"--jobs=3"}},
             [] {
                 addInstances({1, 2, 3, 4});
                 failInstanceTwo();

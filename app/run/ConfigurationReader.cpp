@@ -1,4 +1,4 @@
-#include "app/ConfigurationReader.h"
+#include "app/run/ConfigurationReader.h"
 
 #include "config/exceptions/ConfigException.h"
 #include "config/validator/CoreConfigValidator.h"

@@ -21,8 +21,6 @@ public:
     static const QString kColumn;
     static const QString kInstanceQuery;
     static const QString kUpdateTemplate;
-    // The rows of an instance's update range, and those whose text the update would change.
-    static const QString kCountTemplate;
 
     explicit NormalizationPass(const QSqlDatabase &database);
 
@@ -32,6 +30,11 @@ public:
 
     // Reads the whole instance list, or reports why it cannot be read and returns false.
     static bool readInstances(QSqlQuery &query, RunLog &log, QVector<Instance> &instances);
+
+    // An instance's done line on the console and in the run log; suffix ends both.
+    static void reportDone(const Instance &instance, RunLog &log, const QString &suffix = QString());
+    // An instance's warning line on the console, and with the server's reason in the run log.
+    static void reportFailed(const Instance &instance, RunLog &log, const QString &reason);
 
 private:
     static void normalizeInstance(QSqlQuery &query, const Instance &instance, RunLog &log);

@@ -1,4 +1,4 @@
-#include "app/RunLog.h"
+#include "app/output/RunLog.h"
 
 #include <QDateTime>
 

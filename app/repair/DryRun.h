@@ -1,24 +1,29 @@
 #pragma once
 
-#include "app/NormalizationPass.h"
+#include "app/repair/NormalizationPass.h"
 
 #include <QSqlDatabase>
 #include <QSqlQuery>
 #include <QVector>
+
+#include <atomic>
 
 class ParallelInstances;
 class RunLog;
 
 // What the pass would do, counted on the server inside read-only transactions, so the
 // server itself guarantees that nothing is written: per instance, the rows in the update's
-// range and those whose text the same expression would change. Reported as a table on
-// standard output and as information lines in the run log.
+// range and those whose text the same expression would change. One grouped read counts all
+// instances; when it fails, each instance is counted on its own, so that the counts that
+// fail are named with the server's reason. Reported as a table on standard output and as
+// information lines in the run log.
 class DryRun
 {
 public:
     explicit DryRun(const QSqlDatabase &database);
 
-    // False only when the instance list cannot be read, with the pass's own messages.
+    // False when the instance list cannot be read (with the pass's own messages) or when a
+    // count failed.
     bool run(RunLog &log, ParallelInstances &parallel, int jobs);
 
     static bool beginReadOnly(QSqlQuery &query);
@@ -30,10 +35,13 @@ private:
         qint64 toChange = 0;
     };
 
-    void count(QSqlQuery &query, int index, RunLog &log);
+    // Fills the counts of the listed instances; false when the read fails.
+    bool countAll(QSqlQuery &query, const QStringList &instanceIds);
+    void countOne(QSqlQuery &query, int index, RunLog &log);
     void report(RunLog &log) const;
 
     QSqlQuery m_query;
     QVector<NormalizationPass::Instance> m_instances;
     QVector<Count> m_counts;
+    std::atomic<bool> m_failed{false};
 };

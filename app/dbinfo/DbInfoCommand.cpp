@@ -1,6 +1,6 @@
-#include "app/DbInfoCommand.h"
+#include "app/dbinfo/DbInfoCommand.h"
 
-#include "app/Console.h"
+#include "app/output/Console.h"
 #include "core/PostgresException.h"
 
 #include <QFile>

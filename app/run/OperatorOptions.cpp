@@ -1,8 +1,10 @@
-#include "app/OperatorOptions.h"
+#include "app/run/OperatorOptions.h"
 
 namespace {
 const QString kDryRun = QStringLiteral("--dry-run");
+const QString kChangedOnly = QStringLiteral("--changed-only");
 const QString kJobs = QStringLiteral("--jobs");
+const QString kJobsGnu = QStringLiteral("--jobs=");
 } // namespace
 
 OperatorOptions OperatorOptions::parse(const QStringList &arguments, int poolSize)
@@ -11,16 +13,22 @@ OperatorOptions OperatorOptions::parse(const QStringList &arguments, int poolSiz
     bool jobsGiven = false;
     QString jobsText;
     for (int i = 0; i < arguments.size(); ++i) {
-        if (arguments[i] == kDryRun && !options.dryRun) {
+        const QString &argument = arguments[i];
+        if (argument == kDryRun && !options.dryRun) {
             options.dryRun = true;
-        } else if (arguments[i] == kJobs && !jobsGiven) {
+        } else if (argument == kChangedOnly && !options.changedOnly) {
+            options.changedOnly = true;
+        } else if (argument == kJobs && !jobsGiven) {
             jobsGiven = true;
             jobsText = arguments.value(++i);
+        } else if (argument.startsWith(kJobsGnu) && !jobsGiven) {
+            jobsGiven = true;
+            jobsText = argument.mid(kJobsGnu.size());
         } else {
             return OperatorOptions();
         }
     }
-    options.recognised = options.dryRun || jobsGiven;
+    options.recognised = options.dryRun || options.changedOnly || jobsGiven;
     if (!jobsGiven)
         return options;
     bool ok = false;

@@ -1,13 +1,14 @@
-#include "app/RunDriver.h"
+#include "app/run/RunDriver.h"
 
-#include "app/ConfigurationReader.h"
-#include "app/Console.h"
-#include "app/DryRun.h"
-#include "app/NormalizationPass.h"
-#include "app/OperatorOptions.h"
-#include "app/ParallelInstances.h"
-#include "app/ProgramVersion.h"
-#include "app/RunLog.h"
+#include "app/output/Console.h"
+#include "app/output/RunLog.h"
+#include "app/repair/ChangedOnlyPass.h"
+#include "app/repair/DryRun.h"
+#include "app/repair/NormalizationPass.h"
+#include "app/repair/ParallelInstances.h"
+#include "app/run/ConfigurationReader.h"
+#include "app/run/OperatorOptions.h"
+#include "app/run/ProgramVersion.h"
 #include "config/exceptions/Exception.h"
 #include "config/loader/DeploymentIdPrefix.h"
 #include "core/PostgresService.h"
@@ -128,6 +129,8 @@ RunDriver::Outcome RunDriver::runPass(core::PostgresService &service, const QStr
                 QStringLiteral("Cannot open a further connection for --jobs, going on with fewer. %1").arg(error));
         },
         connectionName);
+    if (runMode == kNormalizeMode && options.changedOnly)
+        return ChangedOnlyPass(database).run(log, parallel, options.jobs) ? Outcome::Done : Outcome::EarlyExit;
     if (runMode == kNormalizeMode)
         return NormalizationPass(database).run(log, parallel, options.jobs) ? Outcome::Done : Outcome::EarlyExit;
     if (options.dryRun)

@@ -1,4 +1,4 @@
-#include "app/Console.h"
+#include "app/output/Console.h"
 
 #include <iostream>
 #include <mutex>

@@ -1,8 +1,9 @@
-#include "app/NormalizationPass.h"
+#include "app/repair/NormalizationPass.h"
 
-#include "app/Console.h"
-#include "app/ParallelInstances.h"
-#include "app/RunLog.h"
+#include "app/output/Console.h"
+#include "app/output/RunLog.h"
+#include "app/repair/ParallelInstances.h"
+#include "app/repair/RepairStatements.h"
 
 #include <QSqlError>
 
@@ -12,12 +13,6 @@ QString blanks(int count)
     return QString(count, QLatin1Char(' '));
 }
 
-// Each alternative matches only the run of backslashes in front of the offending escape
-// (a lone low surrogate, a lone high surrogate, \u0000 or \x); the run becomes exactly
-// one escaped backslash, so the escape turns into plain text. Valid pairs stay as they are.
-const QString kReplacement
-    = QStringLiteral(R"(REGEXP_REPLACE(%1::TEXT, '(?<![\\]ud[89ab][0-9a-f]{2})[\\]+(?=ud[c-f][0-9a-f]{2})|)"
-                     R"([\\]+(?=ud[89ab][0-9a-f]{2}(?![\\]ud[c-f][0-9a-f]{2}))|[\\]+(?=u0000|x)', '\\\\', 'gi'))");
 } // namespace
 
 const QString NormalizationPass::kColumn = QStringLiteral("filetype_details");
@@ -26,12 +21,8 @@ const QString NormalizationPass::kInstanceQuery = QStringLiteral("SELECT instanc
     + QStringLiteral("FROM warehouse.control_refresh") + blanks(61) + QStringLiteral("ORDER BY instance_id;");
 
 const QString NormalizationPass::kUpdateTemplate = QStringLiteral("UPDATE scan.file") + blanks(57)
-    + QStringLiteral("SET %1 = ") + kReplacement + blanks(57) + QStringLiteral("WHERE request_id > %2") + blanks(57)
-    + QStringLiteral("AND instance_id = %3;");
-
-const QString NormalizationPass::kCountTemplate
-    = QStringLiteral("SELECT count(*), count(*) FILTER (WHERE %1::TEXT IS DISTINCT FROM ") + kReplacement
-    + QStringLiteral(") FROM scan.file WHERE request_id > %2 AND instance_id = %3;");
+    + QStringLiteral("SET %1 = ") + RepairStatements::repaired(QStringLiteral("%1")) + blanks(57)
+    + QStringLiteral("WHERE request_id > %2") + blanks(57) + QStringLiteral("AND instance_id = %3;");
 
 NormalizationPass::NormalizationPass(const QSqlDatabase &database)
     : m_query(database)
@@ -65,16 +56,25 @@ bool NormalizationPass::run(RunLog &log, ParallelInstances &parallel, int jobs)
 
 void NormalizationPass::normalizeInstance(QSqlQuery &query, const Instance &instance, RunLog &log)
 {
-    if (query.exec(kUpdateTemplate.arg(kColumn, instance.second, instance.first))) {
-        Console::out(QStringLiteral("Data normalization is done, data: ") + kColumn + QStringLiteral(", instance id: ")
-            + instance.first);
-        log.writeLine(RunLog::Info,
-            QStringLiteral("Data normalization is done, data: %1, instance id: %2").arg(kColumn, instance.first));
-        return;
-    }
+    if (query.exec(kUpdateTemplate.arg(kColumn, instance.second, instance.first)))
+        reportDone(instance, log);
+    else
+        reportFailed(instance, log, query.lastError().text());
+}
+
+void NormalizationPass::reportDone(const Instance &instance, RunLog &log, const QString &suffix)
+{
+    Console::out(QStringLiteral("Data normalization is done, data: ") + kColumn + QStringLiteral(", instance id: ")
+        + instance.first + suffix);
+    log.writeLine(RunLog::Info,
+        QStringLiteral("Data normalization is done, data: %1, instance id: %2").arg(kColumn, instance.first) + suffix);
+}
+
+void NormalizationPass::reportFailed(const Instance &instance, RunLog &log, const QString &reason)
+{
     Console::err(QStringLiteral("WARNING: Data normalization is failed, data: ") + kColumn
         + QStringLiteral(", instance id: ") + instance.first);
     log.writeLine(RunLog::Warning,
         QStringLiteral("Data normalization is failed, data: %1, instance id: %2. %3")
-            .arg(kColumn, instance.first, query.lastError().text()));
+            .arg(kColumn, instance.first, reason));
 }

@@ -1,4 +1,4 @@
-#include "app/ParallelInstances.h"
+#include "app/repair/ParallelInstances.h"
 
 #include <QDateTime>
 #include <QSqlError>

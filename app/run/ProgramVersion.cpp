@@ -1,6 +1,6 @@
-#include "app/ProgramVersion.h"
+#include "app/run/ProgramVersion.h"
 
-#include "app/Console.h"
+#include "app/output/Console.h"
 
 QString ProgramVersion::number()
 {

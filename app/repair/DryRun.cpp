@@ -1,0 +1,124 @@
+#include "app/repair/DryRun.h"
+
+#include "app/output/Console.h"
+#include "app/output/RunLog.h"
+#include "app/repair/ParallelInstances.h"
+#include "app/repair/RepairStatements.h"
+
+#include <QSqlError>
+
+namespace {
+const QString kColumnGap = QStringLiteral("  ");
+const QString kFailed = QStringLiteral("failed");
+
+QString tableLine(const QStringList &cells, const QVector<int> &widths)
+{
+    QStringList aligned;
+    for (int i = 0; i < cells.size(); ++i)
+        aligned << cells[i].rightJustified(widths[i]);
+    return aligned.join(kColumnGap);
+}
+} // namespace
+
+DryRun::DryRun(const QSqlDatabase &database)
+    : m_query(database)
+{ }
+
+bool DryRun::beginReadOnly(QSqlQuery &query)
+{
+    return query.exec(QStringLiteral("START TRANSACTION READ ONLY"));
+}
+
+bool DryRun::run(RunLog &log, ParallelInstances &parallel, int jobs)
+{
+    if (!beginReadOnly(m_query)) {
+        Console::err(QStringLiteral("ERROR: Data normalization is failed."));
+        log.writeLine(
+            RunLog::Error, QStringLiteral("Cannot start a read-only transaction. %1").arg(m_query.lastError().text()));
+        return false;
+    }
+    if (!NormalizationPass::readInstances(m_query, log, m_instances))
+        return false;
+    m_counts.resize(m_instances.size());
+    QStringList ids;
+    for (const NormalizationPass::Instance &instance : m_instances)
+        ids << instance.first;
+    // A failed statement aborts the transaction: a savepoint keeps it usable for the rest.
+    m_query.exec(QStringLiteral("SAVEPOINT counts"));
+    if (!ids.isEmpty() && !countAll(m_query, ids)) {
+        m_query.exec(QStringLiteral("ROLLBACK TO SAVEPOINT counts"));
+        // The extra connections' transactions end when their connections close.
+        parallel.run(m_query, m_instances.size(), jobs, beginReadOnly,
+            [this, &log](QSqlQuery &query, int index) { countOne(query, index, log); });
+    }
+    m_query.exec(QStringLiteral("ROLLBACK"));
+    report(log);
+    return !m_failed;
+}
+
+bool DryRun::countAll(QSqlQuery &query, const QStringList &instanceIds)
+{
+    if (!query.exec(RepairStatements::counts(NormalizationPass::kColumn, instanceIds)))
+        return false;
+    QHash<QString, Count> found;
+    while (query.next())
+        found[query.value(0).toString()] = {true, query.value(1).toLongLong(), query.value(2).toLongLong()};
+    if (query.lastError().type() != QSqlError::NoError)
+        return false;
+    // Instances without rows in range have no group: they count zero.
+    for (int i = 0; i < m_instances.size(); ++i) {
+        if (instanceIds.contains(m_instances[i].first))
+            m_counts[i] = found.value(m_instances[i].first, {true, 0, 0});
+    }
+    return true;
+}
+
+void DryRun::countOne(QSqlQuery &query, int index, RunLog &log)
+{
+    const NormalizationPass::Instance &instance = m_instances[index];
+    query.exec(QStringLiteral("SAVEPOINT count"));
+    if (countAll(query, {instance.first})) {
+        query.exec(QStringLiteral("RELEASE SAVEPOINT count"));
+        return;
+    }
+    const QString reason = query.lastError().text();
+    query.exec(QStringLiteral("ROLLBACK TO SAVEPOINT count"));
+    m_failed = true;
+    const QString line = QStringLiteral("Dry run count is failed, data: %1, instance id: %2. %3")
+                             .arg(NormalizationPass::kColumn, instance.first, reason);
+    Console::err(QStringLiteral("WARNING: ") + line);
+    log.writeLine(RunLog::Warning, line);
+}
+
+void DryRun::report(RunLog &log) const
+{
+    QList<QStringList> rows
+        = {{QStringLiteral("instance id"), QStringLiteral("rows in range"), QStringLiteral("rows to change")}};
+    qint64 inRange = 0;
+    qint64 toChange = 0;
+    for (int i = 0; i < m_instances.size(); ++i) {
+        if (!m_counts[i].counted) {
+            rows << QStringList{m_instances[i].first, kFailed, kFailed};
+            continue;
+        }
+        rows << QStringList{
+            m_instances[i].first, QString::number(m_counts[i].inRange), QString::number(m_counts[i].toChange)};
+        inRange += m_counts[i].inRange;
+        toChange += m_counts[i].toChange;
+    }
+    // A total over the counted instances only must not pass for the whole.
+    rows << QStringList{m_failed ? QStringLiteral("total of counted") : QStringLiteral("total"),
+        QString::number(inRange), QString::number(toChange)};
+    QVector<int> widths(3, 0);
+    for (const QStringList &row : rows) {
+        for (int i = 0; i < 3; ++i)
+            widths[i] = std::max<int>(widths[i], row[i].size());
+    }
+    QStringList lines = {QStringLiteral("Dry run, nothing is written; data: ") + NormalizationPass::kColumn};
+    for (const QStringList &row : rows)
+        lines << tableLine(row, widths);
+    for (const QString &line : lines) {
+        Console::out(line);
+        log.writeLine(RunLog::Info, line);
+    }
+}

@@ -1,0 +1,191 @@
+#include "end-to-end/ToolTest.h"
+
+#include <QRegularExpression>
+#include <QSqlDatabase>
+#include <QSqlQuery>
+
+#include <future>
+#include <random>
+
+using namespace Qt::StringLiterals;
+
+namespace {
+constexpr int kDocuments = 3000;
+constexpr int kListed = 24;
+// Listed instances 23 and 24 have no rows; instance 21 has rows, none in its range.
+constexpr int kWithRows = 22;
+// The rows a second connection rewrites while the run waits for them: to a new bad text and
+// to a good one. Neither may be written from its old text; the bad one is left for the next run.
+const QString kNewBad = uR"({"k":"\udc00 new"})"_s;
+const QString kNewBadRepaired = uR"({"k":"\\udc00 new"})"_s;
+const QString kNewGood = uR"({"k":"good"})"_s;
+
+// Random runs of backslashes in front of lone, paired and broken surrogate escapes, NUL and
+// \x in any case, between ordinary text.
+QString fuzzedDocument(std::mt19937 &random)
+{
+    static const QStringList escapes
+        = {u"ud800"_s, u"uDBFF"_s, u"udc00"_s, u"uDfFf"_s, u"ud83d\\ude00"_s, u"uD83D\\uDE00"_s, u"ud83d\\\\ude00"_s,
+            u"ud800\\udc0"_s, u"u0000"_s, u"U0000"_s, u"x41"_s, u"X"_s, u"n"_s, u"u00e9"_s, u"\""_s};
+    static const QStringList texts = {u"a"_s, u" "_s, u"é"_s, u"ud800"_s, u"x"_s};
+    QString text;
+    for (int part = random() % 7; part > 0; --part) {
+        if (random() % 3 == 0)
+            text += texts[random() % texts.size()];
+        else
+            text += QString(1 + random() % 4, QLatin1Char('\\')) + escapes[random() % escapes.size()];
+    }
+    return u"{\"k\":\"%1\"}"_s.arg(text);
+}
+
+QStringList doneLines(const QByteArray &out)
+{
+    QStringList lines;
+    const QRegularExpression done(uR"(^Data normalization is done, .*instance id: (\d+), rows changed: (\d+)$)"_s);
+    for (const QByteArray &line : out.split('\n')) {
+        const QRegularExpressionMatch match = done.match(QString::fromUtf8(line));
+        if (match.hasMatch())
+            lines << match.captured(1) + u' ' + match.captured(2);
+    }
+    lines.sort();
+    return lines;
+}
+} // namespace
+
+// The product's statement on one copy of the rows and --changed-only on another must leave
+// the same table; --changed-only writes exactly the rows whose text changes, and the dry run
+// counts exactly those.
+TEST_F(ToolTest, ChangedOnlyLeavesTheProductsResultAndWritesOnlyTheRowsThatChange)
+{
+    std::mt19937 random(20261123);
+    QStringList ids;
+    for (int id = 1; id <= kListed; ++id)
+        ids << QString::number(id);
+    sql(u"INSERT INTO warehouse.control_refresh SELECT i, 0 FROM generate_series(1, %1) i"_s.arg(kListed));
+    QStringList rows;
+    for (int i = 0; i < kDocuments; ++i) {
+        const int instance = 1 + random() % kWithRows;
+        const int request = instance == 21 ? random() % 22 : random() % 40;
+        const QString document = random() % 40 == 0 ? u"NULL"_s
+            : random() % 40 == 0                    ? u"''"_s
+                                                    : quoted(fuzzedDocument(random));
+        rows << u"(%1, %2, %3)"_s.arg(instance).arg(request).arg(document);
+    }
+    sql(u"INSERT INTO scan.file (instance_id, request_id, filetype_details) VALUES "_s + rows.join(u',')
+        + u"; INSERT INTO scan.file (instance_id, request_id, filetype_details) VALUES (99, 100, '\\u0000');"
+          "CREATE TABLE original AS SELECT * FROM scan.file"_s);
+    const QString restore = u"TRUNCATE scan.file; INSERT INTO scan.file SELECT * FROM original; DROP TABLE IF "
+                            "EXISTS before; CREATE TABLE before AS SELECT id, xmin::text AS x FROM scan.file"_s;
+
+    ASSERT_EQ(m_sandbox.runTool().exitCode, 0);
+    sql(u"CREATE TABLE by_product AS SELECT id, filetype_details FROM scan.file"_s + u';' + restore);
+    // Per listed instance: rows in range and rows whose text the product's statement changed.
+    const QStringList expected = sql(u"SELECT i || ' ' || count(o.id) || ' ' || count(o.id) FILTER (WHERE "
+                                     "o.filetype_details IS DISTINCT FROM p.filetype_details) FROM generate_series(1, "
+                                     "%1) i LEFT JOIN original o ON o.instance_id = i AND o.request_id > i LEFT JOIN "
+                                     "by_product p USING (id) GROUP BY i ORDER BY i"_s.arg(kListed));
+    EXPECT_GT(sql(u"SELECT count(*) FROM original o JOIN by_product p USING (id) WHERE o.filetype_details IS "
+                  "DISTINCT FROM p.filetype_details"_s)
+                  .value(0)
+                  .toInt(),
+        kDocuments / 4);
+
+    const ToolSandbox::Result dry = m_sandbox.runTool({u"--dry-run"_s});
+    EXPECT_EQ(dry.exitCode, 0);
+    QStringList reported;
+    for (const QByteArray &line : dry.out.split('\n')) {
+        const QString cells = QString::fromUtf8(line).simplified();
+        if (!cells.isEmpty() && (cells.front().isDigit() || cells.startsWith(u"total")))
+            reported << cells;
+    }
+    QStringList expectedTable = expected;
+    std::sort(expectedTable.begin(), expectedTable.end(), [](const QString &a, const QString &b) {
+        return a.section(u' ', 0, 0).toInt() < b.section(u' ', 0, 0).toInt();
+    });
+    expectedTable << sql(u"SELECT 'total ' || count(*) || ' ' || count(*) FILTER (WHERE o.filetype_details IS "
+                         "DISTINCT FROM p.filetype_details) FROM original o JOIN by_product p USING (id) WHERE "
+                         "o.instance_id <= %1 AND o.request_id > o.instance_id"_s.arg(kListed));
+    EXPECT_EQ(reported, expectedTable) << dry.out.constData();
+
+    // A second connection rewrites two rows of instance 1 that the run will repair, and holds them.
+    const QStringList held = sql(u"SELECT id FROM original o JOIN by_product p USING (id) WHERE o.instance_id = 1 "
+                                 "AND o.filetype_details <> p.filetype_details ORDER BY id LIMIT 2"_s);
+    ASSERT_EQ(held.size(), 2);
+    {
+        QSqlDatabase writer = QSqlDatabase::addDatabase(u"QPSQL"_s, u"writer"_s);
+        writer.setHostName(u"127.0.0.1"_s);
+        writer.setPort(server().port());
+        writer.setDatabaseName(u"product"_s);
+        writer.setUserName(QLatin1String(TestServer::kUser));
+        writer.setPassword(QLatin1String(TestServer::kPassword));
+        ASSERT_TRUE(writer.open());
+        QSqlQuery query(writer);
+        ASSERT_TRUE(query.exec(u"BEGIN"_s));
+        ASSERT_TRUE(query.exec(u"UPDATE scan.file SET filetype_details = CASE id WHEN %1 THEN %2 ELSE %3 END WHERE id "
+                               "IN (%1, %4)"_s.arg(held[0], quoted(kNewBad), quoted(kNewGood), held[1])));
+        std::future<ToolSandbox::Result> run = std::async(std::launch::async, [this] {
+            return m_sandbox.runTool({u"--changed-only"_s, u"--jobs=3"_s});
+        });
+        EXPECT_TRUE(waitFor([] {
+            return sql(u"SELECT count(*) FROM pg_stat_activity WHERE wait_event_type = 'Lock' AND query LIKE "
+                       "'UPDATE scan.file%'"_s)
+                == QStringList({u"1"_s});
+        })) << "the run never waited for the held rows";
+        ASSERT_TRUE(query.exec(u"COMMIT"_s));
+        const ToolSandbox::Result changedOnly = run.get();
+        EXPECT_EQ(changedOnly.exitCode, 0) << changedOnly.err.constData();
+        QStringList changed;
+        for (const QString &line : expected) {
+            const int count = line.section(u' ', 2, 2).toInt() - (line.startsWith(u"1 "_s) ? held.size() : 0);
+            changed << line.section(u' ', 0, 0) + u' ' + QString::number(count);
+        }
+        changed.sort();
+        EXPECT_EQ(doneLines(changedOnly.out), changed);
+    }
+    QSqlDatabase::removeDatabase(u"writer"_s);
+    EXPECT_EQ(sql(u"SELECT filetype_details FROM scan.file WHERE id IN (%1, %2) ORDER BY id"_s.arg(held[0], held[1])),
+        QStringList({kNewBad, kNewGood}))
+        << "rows changed during the run are never written from their old text";
+    const QString others = u" AND id NOT IN (%1, %2)"_s.arg(held[0], held[1]);
+    EXPECT_EQ(sql(u"SELECT count(*) FROM scan.file f JOIN by_product p USING (id) WHERE f.filetype_details IS "
+                  "DISTINCT FROM p.filetype_details"_s
+                  + others),
+        QStringList({u"0"_s}));
+    const QString rewrittenButUnchanged
+        = u"SELECT count(*) FROM scan.file f JOIN before b USING (id) JOIN original o USING (id) WHERE (f.xmin::text "
+          "<> b.x) <> (f.filetype_details IS DISTINCT FROM o.filetype_details)"_s;
+    EXPECT_EQ(sql(rewrittenButUnchanged + others), QStringList({u"0"_s})) << "rows rewritten = rows changed";
+
+    const QString rewritten = u"SELECT string_agg(id::text, ' ') FROM scan.file f JOIN before b USING (id) WHERE "
+                              "f.xmin::text <> b.x"_s;
+    for (const QString &left : {held[0], QString()}) {
+        sql(u"DROP TABLE before; CREATE TABLE before AS SELECT id, xmin::text AS x FROM scan.file"_s);
+        const ToolSandbox::Result again = m_sandbox.runTool({u"--changed-only"_s});
+        EXPECT_EQ(again.exitCode, 0);
+        EXPECT_EQ(doneLines(again.out).size(), kListed);
+        EXPECT_EQ(sql(rewritten), QStringList({left})) << "the next run repairs what was left, then nothing";
+    }
+    EXPECT_EQ(sql(u"SELECT filetype_details FROM scan.file WHERE id = "_s + held[0]), QStringList({kNewBadRepaired}));
+}
+
+// One instance's rows cannot be read: its count fails, the others are counted, and the dry run
+// names it with the server's reason and ends with status 1.
+TEST_F(ToolTest, DryRunNamesTheCountsThatFailedAndEndsWithStatusOne)
+{
+    addInstances({1, 2, 3});
+    for (int instance : {1, 2, 3})
+        addRow(instance, 5, uR"({"a":"\ud800"})"_s);
+    sql(u"ALTER TABLE scan.file RENAME TO stored; CREATE FUNCTION refuse(i int, t text) RETURNS text AS $$ BEGIN "
+        "IF i = 2 THEN RAISE EXCEPTION 'rows of instance two are unreadable'; END IF; RETURN t; END $$ LANGUAGE "
+        "plpgsql; CREATE VIEW scan.file AS SELECT instance_id, request_id, refuse(instance_id, filetype_details) AS "
+        "filetype_details FROM scan.stored"_s);
+    const ToolSandbox::Result dry = m_sandbox.runTool({u"--dry-run"_s, u"--jobs"_s, u"2"_s});
+    EXPECT_EQ(dry.exitCode, 1);
+    const QString out = QString::fromUtf8(dry.out).simplified();
+    EXPECT_TRUE(out.contains(u"1 1 1 2 failed failed 3 1 1 total of counted 2 2"_s)) << dry.out.constData();
+    EXPECT_TRUE(dry.err.startsWith("WARNING: Dry run count is failed, data: filetype_details, instance id: 2. "));
+    EXPECT_TRUE(dry.err.contains("rows of instance two are unreadable")) << dry.err.constData();
+    EXPECT_EQ(dry.err.count("WARNING"), 1);
+    EXPECT_TRUE(m_sandbox.runLog().contains(
+        u"[WARNING] <ts>: Dry run count is failed, data: filetype_details, instance id: 2. <server error>"_s));
+}
