@@ -40,10 +40,11 @@ CREATE TABLE pristine (LIKE scan.file);
 SQL
 }
 
-# "seed ROWS [INSTANCES]": about 1 KB of file-type details per row, spread evenly over the
-# instances (default 3); one row in a hundred carries a bad escape.
+# "seed ROWS [INSTANCES] [EVERY]": about 1 KB of file-type details per row, spread evenly over
+# the instances (default 3); one row in EVERY carries a bad escape (default 50), alternately a
+# lone surrogate and a NUL with a \x.
 seed() {
-    local instances=${2:-3}
+    local instances=${2:-3} every=${3:-50}
     sql -d bench -c "TRUNCATE pristine; INSERT INTO pristine
       SELECT n, 1 + n % $instances, 1000 + n,
         '{\"filetype\":\"PE32 executable (GUI) Intel 80386, for MS Windows\",\"mime\":\"application/x-dosexec\",'
@@ -56,8 +57,8 @@ seed() {
         || '\"ProductVersion\":\"10.4.' || (n % 97) || '\",\"OriginalFilename\":\"setup_' || n || '.exe\"},'
         || '\"imports\":[\"KERNEL32.dll\",\"USER32.dll\",\"ADVAPI32.dll\",\"SHELL32.dll\",\"ole32.dll\"],'
         || '\"signature\":{\"signed\":true,\"issuer\":\"Example Code Signing CA \\ud83d\\ude00\"},'
-        || '\"note\":\"' || CASE n % 100 WHEN 0 THEN 'lone \\ud800 surrogate' WHEN 50 THEN 'nul \\u0000 and \\x41'
-                                     ELSE 'clean' END || '\",'
+        || '\"note\":\"' || CASE n % (2 * $every) WHEN 0 THEN 'lone \\ud800 surrogate'
+                                     WHEN $every THEN 'nul \\u0000 and \\x41' ELSE 'clean' END || '\",'
         || '\"padding\":\"' || repeat('0123456789abcdef', 16) || '\"}'
       FROM generate_series(1, $1) n;
       TRUNCATE warehouse.control_refresh;

@@ -74,6 +74,14 @@ public:
     int serviceStatus();
     bool serviceExists();
 
+    // Told every message and the reasons of failures (see PostgresLogRelay::observer).
+    void setObserver(std::function<void(const QString &line)> observer) { m_relay.observer = std::move(observer); }
+    // Copies of information files kept before they were replaced.
+    QStringList keptInformationCopies() const
+    {
+        return m_informationFile ? m_informationFile->keptCopies() : QStringList();
+    }
+
     // Replaces how the platform's service backend is made (before init).
     void setServiceControlFactory(ServiceControlFactory factory) { m_controlFactory = std::move(factory); }
 
@@ -137,6 +145,8 @@ private:
     QProcess m_process;
     QString m_privateUserName;
     QString m_connectionName;
+    // Why the last connection check failed, for the operator.
+    QString m_lastConnectionError;
     bool m_sharedDbMode = false;
     ServerAccount m_account;
     ServiceControlFactory m_controlFactory;

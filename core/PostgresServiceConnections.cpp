@@ -59,6 +59,9 @@ bool PostgresService::openConnection(
     configureHandle(database, dbName);
     if (database.open())
         return true;
+    m_relay.reason(
+        QStringLiteral("connect to database %1 at %2:%3").arg(dbName, m_information.host).arg(m_information.port),
+        database.lastError().text());
     if (logFailure)
         logPostgres(QStringLiteral("Could not connecting to postgres server, dbname = %1").arg(dbName),
             m_information.host, PostgresLogLevel::Error);
@@ -72,6 +75,8 @@ bool PostgresService::checkConnection(const QString &dbName)
         QSqlDatabase database = QSqlDatabase::addDatabase(kDriver, kConnectionName);
         configureHandle(database, dbName);
         ok = database.open();
+        if (!ok)
+            m_lastConnectionError = database.lastError().text();
         database.close();
     } catch (const std::exception &) {
         // The exception text is deliberately not part of the message.

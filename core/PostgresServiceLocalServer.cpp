@@ -24,6 +24,9 @@ bool PostgresService::accountMayRunServer() const
     logPostgres(QStringLiteral("The database server cannot run as root; give the installation folder to an "
                                "unprivileged account"),
         m_configuration->installationFolder(), PostgresLogLevel::Error);
+    m_relay.reason(QStringLiteral("run the database server"),
+        QStringLiteral("the installation folder %1 belongs to root, and PostgreSQL refuses to run as root")
+            .arg(m_configuration->installationFolder()));
     return false;
 }
 
@@ -80,6 +83,7 @@ bool PostgresService::waitUntilReady()
     for (int tries = 1; !answers(); ++tries) {
         logPostgres(QStringLiteral("Trying to connect to database, try count: %1").arg(tries), QString(),
             PostgresLogLevel::Info);
+        m_relay.note(QStringLiteral("waiting for the server to answer, try %1 of %2").arg(tries).arg(kReadyTries));
         if (tries >= kReadyTries || elapsed.elapsed() > kReadyTimeoutMs)
             break;
         QThread::msleep(kReadyRetryIntervalMs);
@@ -90,6 +94,7 @@ bool PostgresService::waitUntilReady()
     }
     logPostgres(QStringLiteral("Failed to connect to postgres server, trying to restart the service..."), QString(),
         PostgresLogLevel::Error);
+    m_relay.reason(QStringLiteral("connect to database %1").arg(kMaintenanceDatabase), m_lastConnectionError);
     stopService();
     return startService();
 }
@@ -158,6 +163,7 @@ bool PostgresService::startService()
             break;
         logPostgres(QStringLiteral("Trying to connect to database, try count: %1").arg(tries), QString(),
             PostgresLogLevel::Info);
+        m_relay.note(QStringLiteral("waiting for the server to start, try %1 of %2").arg(tries).arg(kStartTries));
         QThread::msleep(kStartRetryIntervalMs);
     }
     // Set whether or not the server came up, so the destructor stops what was started.
@@ -167,6 +173,8 @@ bool PostgresService::startService()
     else
         logPostgres(
             QStringLiteral("Failed to connect to postgres server, giving up"), QString(), PostgresLogLevel::Error);
+    if (!connected)
+        m_relay.reason(QStringLiteral("connect to the started server"), m_lastConnectionError);
     return connected;
 }
 

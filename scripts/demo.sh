@@ -42,7 +42,8 @@ section "Provisioning the encrypted information file (zentrix-dbinfo)"
 chown "$account" "$demo/install/zentrix_postgres.dat" "$demo/install/zentrix_postgres.cat"
 
 section "First run: creates the cluster, starts it, finds no product database yet, stops it"
-run_tool
+echo "(--verbose says on standard error why it ends with status 1)"
+run_tool --verbose
 dbname=$(cd "$demo/work" && "$dbinfo" show | sed -n 's/.*"dbname": "\(.*\)".*/\1/p')
 echo "Generated database name: $dbname"
 

@@ -4,10 +4,12 @@
 #include "app/repair/ParallelInstances.h"
 #include "app/repair/RepairStatements.h"
 
+#include <QElapsedTimer>
 #include <QSqlError>
 
-ChangedOnlyPass::ChangedOnlyPass(const QSqlDatabase &database)
+ChangedOnlyPass::ChangedOnlyPass(const QSqlDatabase &database, const VerboseLog &verbose)
     : m_query(database)
+    , m_verbose(verbose)
 { }
 
 bool ChangedOnlyPass::run(RunLog &log, ParallelInstances &parallel, int jobs)
@@ -51,7 +53,12 @@ void ChangedOnlyPass::repairInstance(QSqlQuery &query, int index, RunLog &log) c
     const QStringList tids = (m_readPerInstance ? own : m_candidates).value(instance.first);
     int changed = 0;
     if (!tids.isEmpty()) {
-        if (!query.exec(RepairStatements::targetedUpdate(NormalizationPass::kColumn, instance.first, tids))) {
+        QElapsedTimer elapsed;
+        elapsed.start();
+        const bool done
+            = query.exec(RepairStatements::targetedUpdate(NormalizationPass::kColumn, instance.first, tids));
+        NormalizationPass::explain(m_verbose, instance, query, done, elapsed.elapsed());
+        if (!done) {
             NormalizationPass::reportFailed(instance, log, query.lastError().text());
             return;
         }

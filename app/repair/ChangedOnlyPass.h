@@ -10,6 +10,7 @@
 
 class ParallelInstances;
 class RunLog;
+class VerboseLog;
 
 // --changed-only: the same repair, written only to the rows whose text it changes. One read
 // finds those rows for all instances at once; each instance is then one UPDATE of its rows,
@@ -17,7 +18,7 @@ class RunLog;
 class ChangedOnlyPass
 {
 public:
-    explicit ChangedOnlyPass(const QSqlDatabase &database);
+    ChangedOnlyPass(const QSqlDatabase &database, const VerboseLog &verbose);
 
     // False only when the instance list cannot be read; a failed instance is a warning.
     bool run(RunLog &log, ParallelInstances &parallel, int jobs);
@@ -28,6 +29,7 @@ private:
     void repairInstance(QSqlQuery &query, int index, RunLog &log) const;
 
     QSqlQuery m_query;
+    const VerboseLog &m_verbose;
     QVector<NormalizationPass::Instance> m_instances;
     QHash<QString, QStringList> m_candidates;
     // Set when the read for all instances failed: each instance then reads its own rows, so

@@ -2,9 +2,11 @@
 
 #include "app/output/Console.h"
 #include "app/output/RunLog.h"
+#include "app/output/VerboseLog.h"
 #include "app/repair/ParallelInstances.h"
 #include "app/repair/RepairStatements.h"
 
+#include <QElapsedTimer>
 #include <QSqlError>
 
 namespace {
@@ -24,8 +26,9 @@ const QString NormalizationPass::kUpdateTemplate = QStringLiteral("UPDATE scan.f
     + QStringLiteral("SET %1 = ") + RepairStatements::repaired(QStringLiteral("%1")) + blanks(57)
     + QStringLiteral("WHERE request_id > %2") + blanks(57) + QStringLiteral("AND instance_id = %3;");
 
-NormalizationPass::NormalizationPass(const QSqlDatabase &database)
+NormalizationPass::NormalizationPass(const QSqlDatabase &database, const VerboseLog &verbose)
     : m_query(database)
+    , m_verbose(verbose)
 { }
 
 bool NormalizationPass::readInstances(QSqlQuery &query, RunLog &log, QVector<Instance> &instances)
@@ -50,16 +53,35 @@ bool NormalizationPass::run(RunLog &log, ParallelInstances &parallel, int jobs)
     if (!readInstances(m_query, log, instances))
         return false;
     parallel.run(m_query, instances.size(), jobs, nullptr,
-        [&instances, &log](QSqlQuery &query, int index) { normalizeInstance(query, instances[index], log); });
+        [this, &instances, &log](QSqlQuery &query, int index) { normalizeInstance(query, instances[index], log); });
     return true;
 }
 
-void NormalizationPass::normalizeInstance(QSqlQuery &query, const Instance &instance, RunLog &log)
+void NormalizationPass::normalizeInstance(QSqlQuery &query, const Instance &instance, RunLog &log) const
 {
-    if (query.exec(kUpdateTemplate.arg(kColumn, instance.second, instance.first)))
+    QElapsedTimer elapsed;
+    elapsed.start();
+    const bool done = query.exec(kUpdateTemplate.arg(kColumn, instance.second, instance.first));
+    explain(m_verbose, instance, query, done, elapsed.elapsed());
+    if (done)
         reportDone(instance, log);
     else
         reportFailed(instance, log, query.lastError().text());
+}
+
+void NormalizationPass::explain(
+    const VerboseLog &verbose, const Instance &instance, const QSqlQuery &query, bool done, qint64 elapsedMs)
+{
+    if (!verbose.enabled())
+        return;
+    const QString seconds = QString::number(elapsedMs / 1000.0, 'f', 3);
+    if (done)
+        verbose.line(QStringLiteral("instance %1: %2 s, rows affected: %3")
+                         .arg(instance.first, seconds)
+                         .arg(query.numRowsAffected()));
+    else
+        verbose.line(QStringLiteral("could not repair instance %1 (after %2 s): %3")
+                         .arg(instance.first, seconds, query.lastError().text().trimmed()));
 }
 
 void NormalizationPass::reportDone(const Instance &instance, RunLog &log, const QString &suffix)

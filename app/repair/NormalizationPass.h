@@ -7,6 +7,7 @@
 
 class ParallelInstances;
 class RunLog;
+class VerboseLog;
 
 // Neutralises lone surrogate, NUL and "\x" escapes in the scan rows' file-type JSON, on
 // the server, with one UPDATE per instance of the warehouse control table.
@@ -22,7 +23,7 @@ public:
     static const QString kInstanceQuery;
     static const QString kUpdateTemplate;
 
-    explicit NormalizationPass(const QSqlDatabase &database);
+    NormalizationPass(const QSqlDatabase &database, const VerboseLog &verbose);
 
     // False only when the instance list cannot be read; a failed update is a warning. With
     // more than one job the updates are spread over further connections.
@@ -35,9 +36,13 @@ public:
     static void reportDone(const Instance &instance, RunLog &log, const QString &suffix = QString());
     // An instance's warning line on the console, and with the server's reason in the run log.
     static void reportFailed(const Instance &instance, RunLog &log, const QString &reason);
+    // For --verbose: how long the instance's statement took and what it did, or why it failed.
+    static void explain(
+        const VerboseLog &verbose, const Instance &instance, const QSqlQuery &query, bool done, qint64 elapsedMs);
 
 private:
-    static void normalizeInstance(QSqlQuery &query, const Instance &instance, RunLog &log);
+    void normalizeInstance(QSqlQuery &query, const Instance &instance, RunLog &log) const;
 
     QSqlQuery m_query;
+    const VerboseLog &m_verbose;
 };

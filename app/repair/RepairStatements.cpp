@@ -1,23 +1,24 @@
 #include "app/repair/RepairStatements.h"
 
 namespace {
-// A backslash directly followed by "ud8".."udf", "u0000" or "x", in any case.
-const QString kSuspect = QStringLiteral(R"('[\\]([uU]([dD][89a-fA-F]|0000)|[xX])')");
-// A valid surrogate pair: a high escape directly followed by a low one.
-const QString kPair = QStringLiteral(R"('[\\][uU][dD][89abAB][0-9a-fA-F]{2}[\\][uU][dD][c-fC-F][0-9a-fA-F]{2}')");
+// A high surrogate escape, in any case.
+const QString kHigh = QStringLiteral(R"([\\][uU][dD][89abAB][0-9a-fA-F]{2})");
 
 // True for every row whose text the expression changes, and far cheaper than its look-behind.
-// Each alternative of the expression consumes a run of backslashes whose last one is directly
-// followed (the "i" flag makes it any case) by "u0000", "x", a high surrogate escape that no
-// low one follows, or a low surrogate escape that no high one precedes. No occurrence of a
-// pair (pattern kPair) contains any of those: its backslashes are followed by "ud", and its
-// high escape is followed by a low one and its low escape preceded by a high one. So removing
-// every pair keeps each such backslash with the text after it, and the rest still holds a
-// suspect escape. Rows that only hold valid pairs, common in file-type details, pass it over;
-// the expression itself decides the rest. Explicit classes are cheaper than the "i" flag.
+// Each alternative of the expression consumes a run of backslashes whose last one is followed
+// (in any case: the "i" flag) by "u0000" or "x", by a high surrogate escape that no low one
+// follows, or by a low one where no high escape precedes the run. In the last case the last
+// backslash itself is not preceded by a high escape either: a longer run puts a backslash
+// before it. So the row holds a backslash followed by "u0000" or "x", a high escape with the
+// expression's own look-ahead, or a backslash not preceded by a high escape and followed by
+// "ud" and c to f: this test's three alternatives. Its look-behind is tried only where a low
+// escape begins, where the expression's runs wherever a backslash is; rows whose escapes are
+// all valid pairs, common in file-type details, fail it. The expression decides the rest.
 QString pretest(const QString &column)
 {
-    return QStringLiteral("REGEXP_REPLACE(%1::TEXT, %3, '', 'g') ~ %2").arg(column, kSuspect, kPair);
+    return QStringLiteral(R"(%1::TEXT ~ '[\\]([uU]0000|[xX])|%2(?![\\][uU][dD][c-fC-F][0-9a-fA-F]{2})|)"
+                          R"([\\](?<!%2[\\])[uU][dD][c-fC-F]')")
+        .arg(column, kHigh);
 }
 
 // The range of all listed instances at once: request_id above the row's own instance id is

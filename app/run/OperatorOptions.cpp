@@ -5,6 +5,7 @@ const QString kDryRun = QStringLiteral("--dry-run");
 const QString kChangedOnly = QStringLiteral("--changed-only");
 const QString kJobs = QStringLiteral("--jobs");
 const QString kJobsGnu = QStringLiteral("--jobs=");
+const QStringList kVerbose = {QStringLiteral("--verbose"), QStringLiteral("-v")};
 } // namespace
 
 OperatorOptions OperatorOptions::parse(const QStringList &arguments, int poolSize)
@@ -18,6 +19,8 @@ OperatorOptions OperatorOptions::parse(const QStringList &arguments, int poolSiz
             options.dryRun = true;
         } else if (argument == kChangedOnly && !options.changedOnly) {
             options.changedOnly = true;
+        } else if (kVerbose.contains(argument) && !options.verbose) {
+            options.verbose = true;
         } else if (argument == kJobs && !jobsGiven) {
             jobsGiven = true;
             jobsText = arguments.value(++i);
@@ -28,7 +31,7 @@ OperatorOptions OperatorOptions::parse(const QStringList &arguments, int poolSiz
             return OperatorOptions();
         }
     }
-    options.recognised = options.dryRun || options.changedOnly || jobsGiven;
+    options.recognised = options.dryRun || options.changedOnly || options.verbose || jobsGiven;
     if (!jobsGiven)
         return options;
     bool ok = false;

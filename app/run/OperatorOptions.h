@@ -3,13 +3,14 @@
 #include <QString>
 #include <QStringList>
 
-// Options for operators beyond the product's command line: "--dry-run", "--changed-only"
-// and "--jobs N" (or "--jobs=N"), alone or together. Any other argument list keeps its old meaning (connect, change
-// nothing).
+// Options for operators beyond the product's command line: "--dry-run", "--changed-only",
+// "--verbose" (or "-v") and "--jobs N" (or "--jobs=N"), alone or together. Any other argument list keeps its old
+// meaning (connect, change nothing).
 struct OperatorOptions {
     bool recognised = false;
     bool dryRun = false;
     bool changedOnly = false;
+    bool verbose = false;
     int jobs = 1;
     // Set for a recognised list whose job count is not a number from 1 to the pool size.
     QString error;

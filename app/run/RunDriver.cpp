@@ -2,6 +2,7 @@
 
 #include "app/output/Console.h"
 #include "app/output/RunLog.h"
+#include "app/output/VerboseLog.h"
 #include "app/repair/ChangedOnlyPass.h"
 #include "app/repair/DryRun.h"
 #include "app/repair/NormalizationPass.h"
@@ -97,10 +98,16 @@ RunDriver::Outcome RunDriver::runStages(
             runMode = kNormalizeMode;
     }
 
+    const VerboseLog verbose(log, options.verbose);
     core::PostgresService service(&loader, false, false);
     service.stopOnDestroy = true;
     service.auxiliaryStopOnDestroy = true;
-    if (!service.init(false, true, false)) {
+    service.setObserver([&verbose](const QString &line) { verbose.line(line); });
+    const bool initialised = service.init(false, true, false);
+    for (const QString &copy : service.keptInformationCopies())
+        log.writeLine(
+            RunLog::Warning, QStringLiteral("Kept a copy of the information file before replacing it: %1").arg(copy));
+    if (!initialised) {
         log.writeLine(RunLog::Error, QStringLiteral("Failed to init Postgres service"));
         return Outcome::EarlyExit;
     }
@@ -112,14 +119,14 @@ RunDriver::Outcome RunDriver::runStages(
         return Outcome::EarlyExit;
     }
 
-    return runPass(service, settings.dbName, database, connectionName, runMode, options, log);
+    return runPass(service, settings.dbName, database, connectionName, runMode, options, log, verbose);
 }
 
 // The pass, or the dry run, on the run's connection; the further connections of --jobs are
 // opened through the service under names of their own.
 RunDriver::Outcome RunDriver::runPass(core::PostgresService &service, const QString &dbName,
     const QSqlDatabase &database, const QString &connectionName, const QString &runMode, const OperatorOptions &options,
-    RunLog &log)
+    RunLog &log, const VerboseLog &verbose)
 {
     ParallelInstances parallel([&service, &dbName](QSqlDatabase &extra,
                                    QString &name) { return service.openConnection(extra, dbName, name, true); },
@@ -130,9 +137,10 @@ RunDriver::Outcome RunDriver::runPass(core::PostgresService &service, const QStr
         },
         connectionName);
     if (runMode == kNormalizeMode && options.changedOnly)
-        return ChangedOnlyPass(database).run(log, parallel, options.jobs) ? Outcome::Done : Outcome::EarlyExit;
+        return ChangedOnlyPass(database, verbose).run(log, parallel, options.jobs) ? Outcome::Done : Outcome::EarlyExit;
     if (runMode == kNormalizeMode)
-        return NormalizationPass(database).run(log, parallel, options.jobs) ? Outcome::Done : Outcome::EarlyExit;
+        return NormalizationPass(database, verbose).run(log, parallel, options.jobs) ? Outcome::Done
+                                                                                     : Outcome::EarlyExit;
     if (options.dryRun)
         return DryRun(database).run(log, parallel, options.jobs) ? Outcome::Done : Outcome::EarlyExit;
     return Outcome::Done;

@@ -6,6 +6,7 @@
 
 class QSqlDatabase;
 class RunLog;
+class VerboseLog;
 struct OperatorOptions;
 
 namespace core {
@@ -29,5 +30,6 @@ private:
 
     Outcome runStages(int &argc, char **argv, core::CoreConfigLoader &loader, RunLog &log, QString &connectionName);
     static Outcome runPass(core::PostgresService &service, const QString &dbName, const QSqlDatabase &database,
-        const QString &connectionName, const QString &runMode, const OperatorOptions &options, RunLog &log);
+        const QString &connectionName, const QString &runMode, const OperatorOptions &options, RunLog &log,
+        const VerboseLog &verbose);
 };

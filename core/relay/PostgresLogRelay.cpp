@@ -43,10 +43,24 @@ const char *consolePrefix(PostgresLogLevel level)
 
 void PostgresLogRelay::log(const QString &message, const QString &detail, const PostgresLogLevel &level) const
 {
+    if (observer)
+        observer(QLatin1String(consolePrefix(level)) + message + QStringLiteral(", ") + detail);
     if (useLogger)
         record(message, detail, level);
     else if (consoleEcho)
         echo(message, detail, level);
+}
+
+void PostgresLogRelay::reason(const QString &what, const QString &why) const
+{
+    if (observer)
+        observer(QStringLiteral("could not %1: %2").arg(what, why.trimmed()));
+}
+
+void PostgresLogRelay::note(const QString &text) const
+{
+    if (observer)
+        observer(text);
 }
 
 void PostgresLogRelay::echo(const QString &message, const QString &detail, PostgresLogLevel level) const

@@ -4,6 +4,8 @@
 
 #include <QString>
 
+#include <functional>
+
 namespace core {
 
 // Where every database service message goes: the product logger, the console, or
@@ -13,8 +15,16 @@ class PostgresLogRelay
 public:
     bool useLogger = false;
     bool consoleEcho = false;
+    // Told every message in its console form, whatever the switches, and the reasons of
+    // failures that the messages leave out; set by a caller that explains a run to its
+    // operator. Unset, nothing changes.
+    std::function<void(const QString &line)> observer;
 
     void log(const QString &message, const QString &detail, const PostgresLogLevel &level) const;
+    // "could not <what>: <why>", for the observer only.
+    void reason(const QString &what, const QString &why) const;
+    // Progress that only the observer is told.
+    void note(const QString &text) const;
 
 private:
     void echo(const QString &message, const QString &detail, PostgresLogLevel level) const;

@@ -70,27 +70,32 @@ bool InformationFile::load(bool preferShared, PostgresInformation &information, 
     }
     values = loaded;
     m_unreadablePath.clear();
+    m_loadedPath = path;
     return true;
 }
 
-void InformationFile::keepUnreadableFile()
+void InformationFile::keepCopyOf(const QString &path)
 {
-    if (m_unreadablePath.isEmpty() || !QFile::exists(m_unreadablePath))
+    if (path.isEmpty() || !QFile::exists(path))
         return;
     // The first copy is the file as it was before any run replaced it; beyond it only the
     // newest are kept, so a run that fails again and again does not pile up credentials.
-    const QFileInfo source(m_unreadablePath);
+    const QFileInfo source(path);
     const QString prefix = source.fileName() + QStringLiteral(".unreadable-");
     const QDir folder = source.absoluteDir();
     QStringList copies = folder.entryList({prefix + QLatin1Char('*')}, QDir::Files, QDir::Name);
     while (copies.size() >= kKeptUnreadableCopies)
         QFile::remove(folder.filePath(copies.takeAt(1)));
-    QFile file(m_unreadablePath);
-    if (file.open(QIODevice::ReadOnly)) {
-        const QString stamp = QDateTime::currentDateTime().toString(QStringLiteral("yyyyMMdd-hhmmss-zzz"));
-        SecretFile::write(folder.filePath(prefix + stamp), file.readAll());
-    }
-    m_unreadablePath.clear();
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly))
+        return;
+    const QString stamp = QDateTime::currentDateTime().toString(QStringLiteral("yyyyMMdd-hhmmss-zzz"));
+    QString copy = folder.filePath(prefix + stamp);
+    // Two copies within one millisecond must not overwrite each other.
+    for (int n = 1; QFile::exists(copy); ++n)
+        copy = folder.filePath(prefix + stamp + QStringLiteral("-%1").arg(n));
+    if (SecretFile::write(copy, file.readAll()))
+        m_keptCopies << copy;
 }
 
 bool InformationFile::save(const PostgresInformation &information)
@@ -100,10 +105,14 @@ bool InformationFile::save(const PostgresInformation &information)
     // Encrypted with a key that is not on disk, the record could never be read again.
     if (!m_keyOnDisk)
         return fail(QStringLiteral("Could not open file for write"), m_paths.key);
-    keepUnreadableFile();
+    keepCopyOf(m_unreadablePath);
+    if (m_unreadablePath != m_paths.information && m_loadedPath != m_paths.information)
+        keepCopyOf(m_paths.information);
+    m_unreadablePath.clear();
     const QByteArray text = QJsonDocument(information.toJson()).toJson(QJsonDocument::Compact);
     if (!SecretFile::write(m_paths.information, m_cipher.encrypt(text)))
         return fail(QStringLiteral("Could not open file for write"), m_paths.information);
+    m_loadedPath = m_paths.information;
     return true;
 }
 

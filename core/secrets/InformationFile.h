@@ -5,6 +5,7 @@
 #include "core/secrets/PostgresInformation.h"
 
 #include <QString>
+#include <QStringList>
 #include <QVariantMap>
 
 namespace core {
@@ -30,10 +31,14 @@ public:
     // else the information file. Fills both the record and the raw named values.
     bool load(bool preferShared, PostgresInformation &information, QVariantMap &values);
     // Replaces the information file atomically, readable by its owner only. A file that
-    // failed to load is first kept beside it as "<name>.unreadable-<time>", so nothing of
-    // it is lost when the record is filled in anew (the first such copy and the newest
-    // ones, kKeptUnreadableCopies in all). Refused while the key is not on disk.
+    // failed to load, and an information file whose content was not the one loaded (a
+    // shared copy took precedence), are first kept beside themselves as
+    // "<name>.unreadable-<time>", so nothing of them is lost when the record is written
+    // anew (the first such copy and the newest ones, kKeptUnreadableCopies in all).
+    // Refused while the key is not on disk.
     bool save(const PostgresInformation &information);
+    // The copies kept so far.
+    QStringList keptCopies() const { return m_keptCopies; }
 
     // Loads or makes the key without reading any information.
     void prepareKey();
@@ -44,7 +49,7 @@ public:
 private:
     QString sourcePath(bool preferShared) const;
     bool fail(const QString &message, const QString &detail);
-    void keepUnreadableFile();
+    void keepCopyOf(const QString &path);
 
     Paths m_paths;
     const PostgresLogRelay &m_relay;
@@ -53,6 +58,8 @@ private:
     bool m_keyOnDisk = false;
     QString m_lastError;
     QString m_unreadablePath;
+    QString m_loadedPath;
+    QStringList m_keptCopies;
 };
 
 } // namespace core

@@ -43,6 +43,7 @@ bool ClusterCreator::create()
         const QString output = QString::fromLocal8Bit(process.readAllStandardError() + process.readAllStandardOutput());
         m_relay.log(
             QStringLiteral("Can not create database cluster for the first time"), output, PostgresLogLevel::Error);
+        m_relay.reason(QStringLiteral("run ") + m_settings.initdbPath, process.errorString());
         return false;
     }
     // No overall limit: a slow disk makes initdb slow, not wrong.
@@ -53,6 +54,11 @@ bool ClusterCreator::create()
     const QByteArray errors = process.readAllStandardError();
     if (!errors.isEmpty())
         m_relay.log(QString::fromLocal8Bit(errors), QString(), PostgresLogLevel::Info);
+    // The product counts a started initdb as a success; its operator still learns why it failed.
+    if (process.exitStatus() != QProcess::NormalExit || process.exitCode() != 0)
+        m_relay.reason(QStringLiteral("create the database cluster in ") + m_settings.dataDirectory,
+            errors.isEmpty() ? QStringLiteral("initdb ended with status %1").arg(process.exitCode())
+                             : QString::fromLocal8Bit(errors));
     m_relay.log(QStringLiteral("Creating postgres database cluster successful"), QString(), PostgresLogLevel::Info);
     return true;
 }

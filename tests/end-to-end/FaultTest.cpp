@@ -94,13 +94,15 @@ TEST_F(ToolTest, BadInformationAndKeyFiles)
     const QByteArray good = ToolSandbox::read(m_sandbox.information());
     const QByteArray goodKey = ToolSandbox::read(m_sandbox.key());
     const QByteArray keyIsFolder = "<folder>";
+    const QByteArray noShared = "<none>";
     const struct {
         const char *name;
         QByteArray information;
         QByteArray key;
-        // What zentrix-dbinfo says of the file; what the tool prints on standard error.
+        // What zentrix-dbinfo says of the file (nothing: it loads); what the tool prints on standard error.
         const char *shown;
         const char *toolError;
+        QByteArray shared = "<none>";
     } cases[] = {
         {"truncated", good.left(good.size() / 2), goodKey, "Could not read postgres's information file", ""},
         {"a JSON array", ToolSandbox::openssl(m_sandbox.key(), "[1]"), goodKey,
@@ -116,6 +118,9 @@ TEST_F(ToolTest, BadInformationAndKeyFiles)
             goodKey, "Could not load postgres's information from file: config file is invalid, password is empty", ""},
         {"a short key", good, goodKey.left(10), "Could not read postgres's information file", ""},
         {"an unreadable key", good, keyIsFolder, "Could not read the key file ", "Could not read the key file "},
+        // The shared copy takes precedence; the good file it replaces is kept, not lost.
+        {"an empty shared copy", good, goodKey, nullptr, "", ""},
+        {"a garbage shared copy", good, goodKey, nullptr, "", "garbage"},
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.name);
@@ -126,17 +131,30 @@ TEST_F(ToolTest, BadInformationAndKeyFiles)
         else
             ToolSandbox::write(m_sandbox.key(), c.key);
         ToolSandbox::write(m_sandbox.information(), c.information);
+        const QString shared = m_sandbox.information() + u".shared"_s;
+        if (c.shared != noShared)
+            ToolSandbox::write(shared, c.shared);
         const ToolSandbox::Result shown = m_sandbox.runDbInfo({u"show"_s});
-        EXPECT_EQ(shown.exitCode, 1);
-        EXPECT_TRUE(shown.err.startsWith(c.shown)) << shown.err.constData();
+        EXPECT_EQ(shown.exitCode, c.shown ? 1 : 0);
+        EXPECT_TRUE(shown.err.startsWith(c.shown ? c.shown : "")) << shown.err.constData();
+        QFile::remove(m_sandbox.runLogPath());
         const ToolSandbox::Result result = m_sandbox.runTool();
+        QFile::remove(shared);
         EXPECT_FALSE(result.crashed);
         EXPECT_EQ(result.exitCode, 1) << "values filled in as on a first run name no reachable database";
         EXPECT_TRUE(result.err.startsWith(c.toolError)) << result.err.constData();
         if (c.key == keyIsFolder) {
             EXPECT_EQ(ToolSandbox::read(m_sandbox.information()), good) << "nothing is written without the key";
             EXPECT_TRUE(QFileInfo(m_sandbox.key()).isDir());
+            continue;
         }
+        // The newest copy holds the file as it was, and the run log names it.
+        const QDir installation(m_sandbox.installation());
+        const QString newest = installation.absoluteFilePath(
+            installation.entryList({u"zentrix_postgres.dat.unreadable-*"_s}, QDir::Files, QDir::Name).constLast());
+        EXPECT_EQ(ToolSandbox::read(newest), c.information);
+        EXPECT_TRUE(m_sandbox.runLog().contains(
+            u"[WARNING] <ts>: Kept a copy of the information file before replacing it: "_s + newest + u'\n'));
     }
     // Each file that failed to load was kept before the run replaced it: the first and the newest.
     const QDir installation(m_sandbox.installation());

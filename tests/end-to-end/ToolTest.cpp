@@ -5,6 +5,7 @@
 #include <QFileInfo>
 #include <QRegularExpression>
 #include <QStringDecoder>
+#include <QTcpServer>
 #include <QThread>
 
 #include <functional>
@@ -273,4 +274,51 @@ TEST_F(ToolTest, InformationFileIsOpensslsCipherTextOfSortedJsonReadableByItsOwn
     const ToolSandbox::Result shown = m_sandbox.runDbInfo({u"show"_s});
     EXPECT_TRUE(shown.out.contains("\"host\": \"db.example\"")) << shown.err.constData();
     EXPECT_TRUE(shown.out.contains("\"password\": \"********\"")) << "secrets are masked unless revealed";
+}
+
+// Each way a connection fails names its reason under --verbose, while the plain run keeps the
+// product's console and run log. A server that accepts but never answers is bounded only by
+// libpq's PGCONNECT_TIMEOUT.
+TEST_F(ToolTest, VerboseNamesWhyTheConnectionFailedAndThePlainRunStaysAsItWas)
+{
+    QTcpServer silent;
+    ASSERT_TRUE(silent.listen(QHostAddress::LocalHost));
+    const struct {
+        const char *name;
+        int port;
+        QString dbName;
+        QStringList more;
+        const char *reason;
+    } cases[] = {
+        {"wrong password", server().port(), u"product"_s, {u"password=wrong"_s}, "password authentication failed"},
+        {"unknown database", server().port(), u"nosuch"_s, {}, "database \"nosuch\" does not exist"},
+        {"nothing listens", TestServer::freePort(), u"product"_s, {}, "Connection refused"},
+        {"no answer", silent.serverPort(), u"product"_s, {}, "timeout expired"},
+    };
+    qputenv("PGCONNECT_TIMEOUT", "1");
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.name);
+        ASSERT_TRUE(m_sandbox.provision(c.port, c.dbName, u"remote"_s, c.more));
+        QFile::remove(m_sandbox.runLogPath());
+        const ToolSandbox::Result plain = m_sandbox.runTool();
+        EXPECT_EQ(plain.exitCode, 1);
+        EXPECT_EQ(plain.out, fileLogLine());
+        EXPECT_EQ(plain.err, "");
+        const QString failed = u"[ERROR\t] <ts>: Cannot connect to Postgres server: "_s + c.dbName + u'\n';
+        EXPECT_EQ(m_sandbox.runLog(), failed);
+
+        QFile::remove(m_sandbox.runLogPath());
+        const ToolSandbox::Result verbose = m_sandbox.runTool({u"-v"_s});
+        EXPECT_EQ(verbose.exitCode, 1);
+        EXPECT_EQ(verbose.out, fileLogLine());
+        const QByteArray line = "zentrix-data-normalizer: could not connect to database " + c.dbName.toUtf8()
+            + " at 127.0.0.1:" + QByteArray::number(c.port) + ": ";
+        EXPECT_TRUE(verbose.err.contains(line + "")) << verbose.err.constData();
+        EXPECT_TRUE(verbose.err.mid(verbose.err.indexOf(line)).contains(c.reason)) << verbose.err.constData();
+        EXPECT_TRUE(verbose.err.contains("zentrix-data-normalizer: Postgres info: Database name, "));
+        const QString log = m_sandbox.runLog();
+        EXPECT_TRUE(log.endsWith(failed));
+        EXPECT_TRUE(log.contains(u"[INFO\t] <ts>: could not connect to database "_s + c.dbName)) << log.toStdString();
+    }
+    qunsetenv("PGCONNECT_TIMEOUT");
 }

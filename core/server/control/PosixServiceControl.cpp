@@ -52,9 +52,13 @@ void PosixServiceControl::start()
             QStringLiteral("-l"), logDirectory + QStringLiteral("/pg_ctl.log"), QStringLiteral("-o"),
             QStringLiteral("-p %1 -k ''").arg(m_context.port)},
         kStartTimeoutMs);
-    if (result.exitCode != 0)
-        log(QStringLiteral("Postgres server start failed"),
-            QString::fromLocal8Bit(result.standardError + result.standardOutput), PostgresLogLevel::Error);
+    if (result.exitCode == 0)
+        return;
+    const QString output = QString::fromLocal8Bit(result.standardError + result.standardOutput);
+    log(QStringLiteral("Postgres server start failed"), output, PostgresLogLevel::Error);
+    if (m_context.relay)
+        m_context.relay->reason(QStringLiteral("start the database server in ") + m_context.dataDirectory,
+            result.started ? output : QStringLiteral("%1 could not be run").arg(m_context.pgCtlPath));
 }
 
 int PosixServiceControl::status()
