@@ -3,6 +3,7 @@
 #include "config/exceptions/InvalidValueException.h"
 #include "config/loader/CoreConfigLoader.h"
 #include "core/secrets/InstallationIdentity.h"
+#include "core/server/ClusterCreator.h"
 #include "core/server/process/QProcessRunner.h"
 
 #include <QCryptographicHash>
@@ -91,6 +92,8 @@ bool PostgresService::init(bool writeServerConfig, bool loadSharedInformation, b
         saveInformation();
     }
     settlePaths();
+    // Left only by a killed run: nothing else makes them, and only one run works at a time.
+    ClusterCreator::removeLeftovers(m_installDir.path(), m_dataDir);
     if (m_localMode == 1 && !prepareLocalServer(writeServerConfig))
         return false;
 

@@ -76,6 +76,11 @@ public:
 
     // Told every message and the reasons of failures (see PostgresLogRelay::observer).
     void setObserver(std::function<void(const QString &line)> observer) { m_relay.observer = std::move(observer); }
+    // Asked during the long waits of init (cluster creation, start, readiness): true makes
+    // init give up at once and leave nothing half-made.
+    void setInterruptCheck(std::function<bool()> interrupted) { m_interrupted = std::move(interrupted); }
+    // Set when init failed for a reason only the operator can remove: what to do about it.
+    QString operatorAdvice() const { return m_operatorAdvice; }
     // Copies of information files kept before they were replaced.
     QStringList keptInformationCopies() const
     {
@@ -116,6 +121,8 @@ private:
     bool ensureCluster();
     bool ensureRunning();
     bool waitUntilReady();
+    bool interrupted() const { return m_interrupted && m_interrupted(); }
+    bool holdsCompleteCluster() const;
     bool answers();
     void runUpgradeCheck(QString &connectionName);
     void configureHandle(QSqlDatabase &database, const QString &dbName) const;
@@ -147,6 +154,8 @@ private:
     QString m_connectionName;
     // Why the last connection check failed, for the operator.
     QString m_lastConnectionError;
+    QString m_operatorAdvice;
+    std::function<bool()> m_interrupted;
     bool m_sharedDbMode = false;
     ServerAccount m_account;
     ServiceControlFactory m_controlFactory;

@@ -42,12 +42,27 @@ bool PostgresService::prepareLocalServer(bool writeServerConfig)
     return ensureRunning() && waitUntilReady();
 }
 
+bool PostgresService::holdsCompleteCluster() const
+{
+    return QFileInfo(m_dataDir + QStringLiteral("/PG_VERSION")).isFile()
+        && QFileInfo(m_dataDir + QStringLiteral("/global/pg_control")).isFile();
+}
+
 bool PostgresService::ensureCluster()
 {
-    // Hidden and system entries do not count: such a directory holds no cluster.
+    // Hidden and system entries do not count: such a directory holds no cluster. One that
+    // holds files but no complete cluster is never removed, and no server can start in it.
     const QDir dataDir(m_dataDir);
-    if (dataDir.exists() && !dataDir.entryList(QDir::AllEntries | QDir::NoDotAndDotDot).isEmpty())
-        return true;
+    if (dataDir.exists() && !dataDir.entryList(QDir::AllEntries | QDir::NoDotAndDotDot).isEmpty()) {
+        if (holdsCompleteCluster())
+            return true;
+        m_operatorAdvice = QStringLiteral("The data folder %1 holds files but no complete database cluster (PG_VERSION "
+                                          "or global/pg_control is missing). Move it aside, or remove it once it "
+                                          "holds nothing you need; the next run then creates the cluster anew.")
+                               .arg(m_dataDir);
+        logPostgres(m_operatorAdvice, m_dataDir, PostgresLogLevel::Error);
+        return false;
+    }
     if (!accountMayRunServer())
         return false;
     // A link is never followed to remove what it points to.
@@ -81,6 +96,8 @@ bool PostgresService::waitUntilReady()
     QElapsedTimer elapsed;
     elapsed.start();
     for (int tries = 1; !answers(); ++tries) {
+        if (interrupted())
+            return false;
         logPostgres(QStringLiteral("Trying to connect to database, try count: %1").arg(tries), QString(),
             PostgresLogLevel::Info);
         m_relay.note(QStringLiteral("waiting for the server to answer, try %1 of %2").arg(tries).arg(kReadyTries));
@@ -92,6 +109,8 @@ bool PostgresService::waitUntilReady()
         logPostgres(QStringLiteral("Postgresql server is ready"), QString(), PostgresLogLevel::Info);
         return true;
     }
+    if (interrupted())
+        return false;
     logPostgres(QStringLiteral("Failed to connect to postgres server, trying to restart the service..."), QString(),
         PostgresLogLevel::Error);
     m_relay.reason(QStringLiteral("connect to database %1").arg(kMaintenanceDatabase), m_lastConnectionError);
@@ -134,6 +153,7 @@ bool PostgresService::createCluster()
     settings.dataDirectory = m_dataDir;
     settings.user = m_information.user;
     settings.password = m_information.password;
+    settings.interrupted = m_interrupted;
     return ClusterCreator(settings, m_account, m_relay).create();
 }
 
@@ -157,7 +177,7 @@ bool PostgresService::startService()
     logPostgres(QStringLiteral("Starting zentrix postgresql service..."), QString(), PostgresLogLevel::Info);
     m_control->start();
     bool connected = false;
-    for (int tries = 1; tries <= kStartTries && !connected; ++tries) {
+    for (int tries = 1; tries <= kStartTries && !connected && !interrupted(); ++tries) {
         connected = answers() || checkConnection(m_databaseName);
         if (connected)
             break;

@@ -3,7 +3,7 @@
 # Extra package names given as arguments are installed the same way.
 set -euo pipefail
 
-packages=(qt6-base-dev libqt6sql6-psql libssl-dev postgresql cmake g++ libgtest-dev clang-format openssl strace "$@")
+packages=(qt6-base-dev libqt6sql6-psql libssl-dev libpq-dev pkg-config postgresql cmake g++ libgtest-dev clang-format openssl strace "$@")
 
 missing=()
 for package in "${packages[@]}"; do

@@ -3,6 +3,18 @@
 #include "app/output/Console.h"
 #include "app/output/RunLog.h"
 
+#include <atomic>
+
+namespace {
+std::atomic<const VerboseLog *> g_diagnosticsTo{nullptr};
+
+void onDiagnostic(QtMsgType, const QMessageLogContext &, const QString &message)
+{
+    if (const VerboseLog *const verbose = g_diagnosticsTo.load())
+        verbose->line(QStringLiteral("Qt: ") + message.trimmed());
+}
+} // namespace
+
 VerboseLog::VerboseLog(RunLog &log, bool enabled)
     : m_log(log)
     , m_enabled(enabled)
@@ -14,4 +26,10 @@ void VerboseLog::line(const QString &text) const
         return;
     Console::err(QStringLiteral("zentrix-data-normalizer: ") + text);
     m_log.writeLine(RunLog::Info, text);
+}
+
+void VerboseLog::takeDiagnostics(const VerboseLog *verbose)
+{
+    g_diagnosticsTo = verbose;
+    qInstallMessageHandler(onDiagnostic);
 }

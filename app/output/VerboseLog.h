@@ -15,6 +15,10 @@ public:
     bool enabled() const { return m_enabled; }
     void line(const QString &text) const;
 
+    // Qt's and libpq's own diagnostics reach the console only through this log, as "Qt: "
+    // lines, and only while verbose is set; otherwise they are dropped.
+    static void takeDiagnostics(const VerboseLog *verbose);
+
 private:
     RunLog &m_log;
     const bool m_enabled;

@@ -36,7 +36,7 @@ void ParallelInstances::run(QSqlQuery &mainQuery, int count, int jobs, const Set
 
 void ParallelInstances::takeJobs(QSqlQuery &query, const Job &job)
 {
-    for (int index = m_next++; index < m_count; index = m_next++)
+    for (int index = m_next++; index < m_count && !(m_stop && m_stop()); index = m_next++)
         job(query, index);
 }
 

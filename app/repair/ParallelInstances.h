@@ -29,6 +29,8 @@ public:
 
     // With one job, every instance runs on mainQuery in list order.
     void run(QSqlQuery &mainQuery, int count, int jobs, const Setup &setup, const Job &job);
+    // Asked before each job; true starts no further one.
+    void setStop(std::function<bool()> stop) { m_stop = std::move(stop); }
 
 private:
     void work(const Setup &setup, const Job &job);
@@ -37,6 +39,7 @@ private:
 
     Opener m_open;
     Failure m_failure;
+    std::function<bool()> m_stop;
     std::mutex m_openMutex;
     qint64 m_lastStamp = 0;
     std::atomic<int> m_next{0};

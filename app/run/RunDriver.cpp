@@ -8,8 +8,11 @@
 #include "app/repair/NormalizationPass.h"
 #include "app/repair/ParallelInstances.h"
 #include "app/run/ConfigurationReader.h"
+#include "app/run/Interrupts.h"
 #include "app/run/OperatorOptions.h"
 #include "app/run/ProgramVersion.h"
+#include "app/run/RunLock.h"
+#include "app/run/StatementCanceller.h"
 #include "config/exceptions/Exception.h"
 #include "config/loader/DeploymentIdPrefix.h"
 #include "core/PostgresService.h"
@@ -20,6 +23,14 @@
 
 namespace {
 const QString kNormalizeMode = QStringLiteral("normalize");
+
+// Qt's and libpq's diagnostics go through the verbose log while it lives.
+class DiagnosticsRoute
+{
+public:
+    explicit DiagnosticsRoute(const VerboseLog &verbose) { VerboseLog::takeDiagnostics(&verbose); }
+    ~DiagnosticsRoute() { VerboseLog::takeDiagnostics(nullptr); }
+};
 
 void printUsage()
 {
@@ -99,15 +110,32 @@ RunDriver::Outcome RunDriver::runStages(
     }
 
     const VerboseLog verbose(log, options.verbose);
+    const DiagnosticsRoute diagnostics(verbose);
+    Interrupts &interrupts = Interrupts::instance();
+    interrupts.install();
+    StatementCanceller canceller;
+    const Interrupts::Action cancel([&canceller] { canceller.cancelAll(); });
+    const auto interrupted = [&interrupts] { return interrupts.requested(); };
+    // Declared before the service, so that it is released only after the service has
+    // stopped the server this run started.
+    RunLock runLock(loader.dataDirectory());
+    if (!runLock.acquire(log, interrupted))
+        return interrupts.requested() ? reportInterrupt(log) : Outcome::EarlyExit;
+
     core::PostgresService service(&loader, false, false);
     service.stopOnDestroy = true;
     service.auxiliaryStopOnDestroy = true;
     service.setObserver([&verbose](const QString &line) { verbose.line(line); });
+    service.setInterruptCheck(interrupted);
     const bool initialised = service.init(false, true, false);
     for (const QString &copy : service.keptInformationCopies())
         log.writeLine(
             RunLog::Warning, QStringLiteral("Kept a copy of the information file before replacing it: %1").arg(copy));
+    if (interrupts.requested())
+        return reportInterrupt(log);
     if (!initialised) {
+        if (!service.operatorAdvice().isEmpty())
+            log.writeLine(RunLog::Error, service.operatorAdvice());
         log.writeLine(RunLog::Error, QStringLiteral("Failed to init Postgres service"));
         return Outcome::EarlyExit;
     }
@@ -118,30 +146,51 @@ RunDriver::Outcome RunDriver::runStages(
         log.writeLine(RunLog::Error, QStringLiteral("Cannot connect to Postgres server: %1").arg(settings.dbName));
         return Outcome::EarlyExit;
     }
+    canceller.add(database);
 
-    return runPass(service, settings.dbName, database, connectionName, runMode, options, log, verbose);
+    const Pass pass = {service, settings.dbName, database, connectionName, runMode, options, log, verbose, canceller};
+    const Outcome outcome = runPass(pass);
+    return interrupts.requested() ? reportInterrupt(log) : outcome;
+}
+
+// Only when nothing is in flight any more: the statements were cancelled, no instance is left
+// running, and the teardown that follows stops a server this run started.
+RunDriver::Outcome RunDriver::reportInterrupt(RunLog &log)
+{
+    const QString line = QStringLiteral("The run was interrupted by %1: the statement in flight was cancelled and "
+                                        "rolled back, no further instance was started")
+                             .arg(Interrupts::instance().name());
+    Console::err(QStringLiteral("ERROR: ") + line);
+    log.writeLine(RunLog::Error, line);
+    return Outcome::EarlyExit;
 }
 
 // The pass, or the dry run, on the run's connection; the further connections of --jobs are
 // opened through the service under names of their own.
-RunDriver::Outcome RunDriver::runPass(core::PostgresService &service, const QString &dbName,
-    const QSqlDatabase &database, const QString &connectionName, const QString &runMode, const OperatorOptions &options,
-    RunLog &log, const VerboseLog &verbose)
+RunDriver::Outcome RunDriver::runPass(const Pass &pass)
 {
-    ParallelInstances parallel([&service, &dbName](QSqlDatabase &extra,
-                                   QString &name) { return service.openConnection(extra, dbName, name, true); },
+    RunLog &log = pass.log;
+    ParallelInstances parallel(
+        [&pass](QSqlDatabase &extra, QString &name) {
+            const bool open = pass.service.openConnection(extra, pass.dbName, name, true);
+            if (open)
+                pass.canceller.add(extra);
+            return open;
+        },
         [&log](const QString &error) {
             Console::err(QStringLiteral("WARNING: Cannot open a further connection for --jobs, going on with fewer"));
             log.writeLine(RunLog::Warning,
                 QStringLiteral("Cannot open a further connection for --jobs, going on with fewer. %1").arg(error));
         },
-        connectionName);
-    if (runMode == kNormalizeMode && options.changedOnly)
-        return ChangedOnlyPass(database, verbose).run(log, parallel, options.jobs) ? Outcome::Done : Outcome::EarlyExit;
-    if (runMode == kNormalizeMode)
-        return NormalizationPass(database, verbose).run(log, parallel, options.jobs) ? Outcome::Done
-                                                                                     : Outcome::EarlyExit;
-    if (options.dryRun)
-        return DryRun(database).run(log, parallel, options.jobs) ? Outcome::Done : Outcome::EarlyExit;
-    return Outcome::Done;
+        pass.connectionName);
+    parallel.setStop([] { return Interrupts::instance().requested(); });
+    const OperatorOptions &options = pass.options;
+    bool done = true;
+    if (pass.runMode == kNormalizeMode && options.changedOnly)
+        done = ChangedOnlyPass(pass.database, pass.verbose).run(log, parallel, options.jobs);
+    else if (pass.runMode == kNormalizeMode)
+        done = NormalizationPass(pass.database, pass.verbose).run(log, parallel, options.jobs);
+    else if (options.dryRun)
+        done = DryRun(pass.database).run(log, parallel, options.jobs);
+    return done ? Outcome::Done : Outcome::EarlyExit;
 }

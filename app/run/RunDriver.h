@@ -6,6 +6,7 @@
 
 class QSqlDatabase;
 class RunLog;
+class StatementCanceller;
 class VerboseLog;
 struct OperatorOptions;
 
@@ -28,8 +29,20 @@ public:
 private:
     enum class Outcome { Done, EarlyExit };
 
+    // What the pass needs of the stages before it.
+    struct Pass {
+        core::PostgresService &service;
+        const QString &dbName;
+        const QSqlDatabase &database;
+        const QString &connectionName;
+        const QString &runMode;
+        const OperatorOptions &options;
+        RunLog &log;
+        const VerboseLog &verbose;
+        StatementCanceller &canceller;
+    };
+
     Outcome runStages(int &argc, char **argv, core::CoreConfigLoader &loader, RunLog &log, QString &connectionName);
-    static Outcome runPass(core::PostgresService &service, const QString &dbName, const QSqlDatabase &database,
-        const QString &connectionName, const QString &runMode, const OperatorOptions &options, RunLog &log,
-        const VerboseLog &verbose);
+    static Outcome runPass(const Pass &pass);
+    static Outcome reportInterrupt(RunLog &log);
 };

@@ -132,8 +132,9 @@ TEST_F(PostgresServiceTest, ServiceCommandsOfTheInitSequenceAndTheDestructor)
         script->lines.clear();
         auto under = std::make_unique<ServiceUnderTest>(c.config, QStringList{u"type=local"_s});
         // An existing cluster, so that only the service commands are exercised.
-        QDir().mkpath(under->sandbox.dataDirectory() + u"/pg_data"_s);
-        ToolSandbox::write(under->sandbox.dataDirectory() + u"/pg_data/PG_VERSION"_s, "15");
+        QDir().mkpath(under->sandbox.dataDirectory() + u"/pg_data/global"_s);
+        for (const QString &file : {u"PG_VERSION"_s, u"global/pg_control"_s})
+            ToolSandbox::write(under->sandbox.dataDirectory() + u"/pg_data/"_s + file, "15");
         server().account().handOver(under->sandbox.installation());
         under->service->setServiceControlFactory([&script](const core::ServiceContext &context, const auto &) {
             return std::make_unique<core::WindowsServiceControl>(

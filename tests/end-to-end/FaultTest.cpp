@@ -165,6 +165,25 @@ TEST_F(ToolTest, BadInformationAndKeyFiles)
         EXPECT_EQ(QFile::permissions(installation.filePath(copy)) & 0x0077, 0) << "readable by its owner only";
 }
 
+// A run as root must not write whatever a link planted at a secret file's path names.
+TEST_F(ToolTest, SecretFilesAreNeverWrittenThroughAPlantedLink)
+{
+    const QString victim = m_sandbox.root() + u"/victim"_s;
+    for (const QByteArray &content : {QByteArray("short"), QByteArray("a victim long enough to be read as a key")}) {
+        SCOPED_TRACE(content.constData());
+        ToolSandbox::write(victim, content);
+        for (const QString &secret : {m_sandbox.information(), m_sandbox.key()}) {
+            QFile::remove(secret);
+            ASSERT_TRUE(QFile::link(victim, secret));
+        }
+        EXPECT_NE(m_sandbox.runDbInfo({u"set"_s, u"host=h"_s, u"port=1"_s, u"user=u"_s, u"password=p"_s, u"type=1"_s})
+                      .exitCode,
+            0);
+        EXPECT_EQ(m_sandbox.runTool().exitCode, 1);
+        EXPECT_EQ(ToolSandbox::read(victim), content);
+    }
+}
+
 TEST_F(ToolTest, SecretFilesAreOwnerOnlyFromTheirCreation)
 {
     if (QStandardPaths::findExecutable(u"strace"_s).isEmpty())

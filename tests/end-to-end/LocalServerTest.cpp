@@ -6,10 +6,15 @@
 
 #include <gtest/gtest.h>
 
+#include <QDeadlineTimer>
 #include <QDir>
 #include <QElapsedTimer>
 #include <QFileInfo>
 #include <QProcess>
+#include <QThread>
+
+#include <csignal>
+#include <unistd.h>
 
 using namespace Qt::StringLiterals;
 
@@ -76,8 +81,55 @@ protected:
         ASSERT_TRUE(m_installation.provision(m_installation.port(), u"product"_s, u"local"_s));
     }
 
+    // The product creates its database on the tool's cluster, as it would on its own first
+    // start, with a row of damage per instance; the server is stopped again.
+    void createProductDatabase(const QString &more = QString())
+    {
+        ASSERT_EQ(m_installation.serverCtl({u"start"_s}), 0);
+        m_installation.sql(u"CREATE DATABASE product"_s, u"postgres"_s);
+        m_installation.sql(u"CREATE SCHEMA warehouse; CREATE TABLE warehouse.control_refresh (instance_id int, "
+                           "last_request_id bigint); CREATE SCHEMA scan; CREATE TABLE scan.file (id serial, "
+                           "instance_id int, request_id bigint, filetype_details text); INSERT INTO "
+                           "warehouse.control_refresh VALUES (1, 0), (2, 0), (3, 0); INSERT INTO scan.file "
+                           "(instance_id, request_id, filetype_details) SELECT i, 5, '{\"a\":\"\\ud800\"}' FROM "
+                           "generate_series(1, 3) i;"_s
+            + more);
+        ASSERT_EQ(m_installation.serverCtl({u"stop"_s}), 0);
+    }
+
     LocalInstallation m_installation;
 };
+
+// A tool run of its own, in a process group of its own, so that a test can signal or kill it
+// as a terminal or a service manager would.
+class ToolProcess : public QProcess
+{
+public:
+    explicit ToolProcess(const ToolSandbox &sandbox, const QStringList &arguments = {})
+    {
+        setChildProcessModifier([] { ::setpgid(0, 0); });
+        setWorkingDirectory(sandbox.workDirectory());
+        start(QStringLiteral(ZENTRIX_TOOL_PATH), arguments);
+        waitForStarted();
+    }
+    ~ToolProcess() override
+    {
+        if (state() != NotRunning)
+            ::kill(-static_cast<pid_t>(processId()), SIGKILL);
+        waitForFinished();
+    }
+};
+
+template <typename Condition> bool eventually(Condition condition)
+{
+    constexpr int kWaitLimitMs = 60000;
+    constexpr int kPollMs = 20;
+    for (QDeadlineTimer deadline(kWaitLimitMs); !condition(); QThread::msleep(kPollMs)) {
+        if (deadline.hasExpired())
+            return false;
+    }
+    return true;
+}
 
 } // namespace
 
@@ -107,15 +159,7 @@ TEST_F(LocalServerTest, LifecycleOfAManagedCluster)
             std::make_pair(secret.ownerId(), secret.groupId()), std::make_pair(folder.ownerId(), folder.groupId()));
     const QByteArray information = ToolSandbox::read(m_installation.information());
 
-    // The product creates its database, as it would on its own first start.
-    ASSERT_EQ(m_installation.serverCtl({u"start"_s}), 0);
-    m_installation.sql(u"CREATE DATABASE product"_s, u"postgres"_s);
-    m_installation.sql(
-        u"CREATE SCHEMA warehouse; CREATE TABLE warehouse.control_refresh (instance_id int, last_request_id bigint);"
-        "CREATE SCHEMA scan; CREATE TABLE scan.file (id serial, instance_id int, request_id bigint, "
-        "filetype_details text); INSERT INTO warehouse.control_refresh VALUES (1, 0);"
-        "INSERT INTO scan.file (instance_id, request_id, filetype_details) VALUES (1, 2, '{\"a\":\"\\ud800\"}');"_s);
-    ASSERT_EQ(m_installation.serverCtl({u"stop"_s}), 0);
+    createProductDatabase();
 
     // A stopped cluster whose stale lock file names a live, unrelated process of the server's
     // account (even one working in the data directory) is started, used and stopped, and that
@@ -132,7 +176,7 @@ TEST_F(LocalServerTest, LifecycleOfAManagedCluster)
     m_installation.handOverInstallation();
     result = m_installation.runTool();
     EXPECT_EQ(result.exitCode, 0) << result.err.constData();
-    EXPECT_TRUE(result.out.endsWith("Data normalization is done, data: filetype_details, instance id: 1\n"));
+    EXPECT_TRUE(result.out.endsWith("Data normalization is done, data: filetype_details, instance id: 3\n"));
     EXPECT_FALSE(m_installation.running());
     EXPECT_FALSE(stranger.waitForFinished(100)) << "the process named in the lock file lives";
     EXPECT_TRUE(QFile::exists(lock + u".stale"_s));
@@ -145,7 +189,8 @@ TEST_F(LocalServerTest, LifecycleOfAManagedCluster)
     // A server that was already running is used and left running, even by a privileged run
     // on an installation folder that belongs to root.
     ASSERT_EQ(m_installation.serverCtl({u"start"_s}), 0);
-    EXPECT_EQ(m_installation.sql(u"SELECT filetype_details FROM scan.file"_s), QStringList({uR"({"a":"\\ud800"})"_s}));
+    EXPECT_EQ(m_installation.sql(u"SELECT DISTINCT filetype_details FROM scan.file"_s),
+        QStringList({uR"({"a":"\\ud800"})"_s}));
     core::ServerAccount::current().handOver(m_installation.installation());
     result = m_installation.runTool();
     m_installation.handOverInstallation();
@@ -170,7 +215,11 @@ TEST_F(LocalServerTest, ADataDirectoryWithOnlyHiddenEntriesIsMadeAnewAndANonEmpt
         EXPECT_EQ(QFile::exists(m_installation.pgData() + u"/PG_VERSION"_s), !c.kept);
         EXPECT_FALSE(m_installation.running());
     }
-    EXPECT_TRUE(m_installation.runLog().endsWith(u"[ERROR\t] <ts>: Failed to init Postgres service\n"_s));
+    // The one that holds files but no cluster fails at once and says what to do.
+    EXPECT_TRUE(m_installation.runLog().endsWith(u"[ERROR\t] <ts>: The data folder "_s + m_installation.pgData()
+        + u" holds files but no complete database cluster (PG_VERSION or global/pg_control is missing). Move it "
+          "aside, or remove it once it holds nothing you need; the next run then creates the cluster anew.\n"
+          "[ERROR\t] <ts>: Failed to init Postgres service\n"_s));
 }
 
 TEST_F(LocalServerTest, PortHeldByAnotherServerFailsWithinTheBoundedWaitAndLeavesItAlone)
@@ -209,4 +258,97 @@ TEST_F(LocalServerTest, StopNeverSignalsAnUnrelatedProcessNamedInTheLockFile)
     EXPECT_FALSE(other.waitForFinished(200)) << "the unrelated process lives";
     other.kill();
     other.waitForFinished();
+}
+
+TEST_F(LocalServerTest, AFirstRunKilledWhileItCreatesTheClusterLeavesNothingHalfMadeBehind)
+{
+    const QString password = m_installation.installation() + u"/postgres/password.data"_s;
+    {
+        const ToolProcess killed(m_installation);
+        ASSERT_TRUE(eventually([this] { return QFileInfo::exists(m_installation.pgData() + u".creating/global"_s); }))
+            << "initdb never began";
+        ::kill(-static_cast<pid_t>(killed.processId()), SIGKILL);
+    }
+    EXPECT_TRUE(QFile::exists(password)) << "killed while initdb ran";
+    EXPECT_FALSE(QFileInfo::exists(m_installation.pgData() + u"/PG_VERSION"_s)) << "no half-made cluster in place";
+
+    EXPECT_EQ(m_installation.runTool().exitCode, 1) << "the product database does not exist yet";
+    EXPECT_EQ(m_installation.runLog(), u"[ERROR\t] <ts>: Cannot connect to Postgres server: product\n"_s);
+    for (const QString &file : {u"/PG_VERSION"_s, u"/global/pg_control"_s})
+        EXPECT_TRUE(QFileInfo::exists(m_installation.pgData() + file));
+    EXPECT_FALSE(QFileInfo::exists(m_installation.pgData() + u".creating"_s));
+    EXPECT_FALSE(QFile::exists(password));
+    EXPECT_FALSE(m_installation.running());
+}
+
+// The first interrupt cancels the UPDATE in flight (rolled back whole), starts no further
+// instance, and the run ends as usual: the server as it was before, the reason in the run log.
+TEST_F(LocalServerTest, AnInterruptCancelsTheUpdateInFlightAndEndsTheRunAsUsual)
+{
+    ASSERT_EQ(m_installation.runTool().exitCode, 1) << "the first run makes the cluster";
+    createProductDatabase(u"CREATE FUNCTION slow() RETURNS trigger AS $$ BEGIN IF NEW.instance_id = 2 THEN PERFORM "
+                          "pg_sleep(600); END IF; RETURN NEW; END $$ LANGUAGE plpgsql; CREATE TRIGGER slow BEFORE "
+                          "UPDATE ON scan.file FOR EACH ROW EXECUTE FUNCTION slow();"_s);
+    const QString updates = u"SELECT count(*) FROM pg_stat_activity WHERE query LIKE 'UPDATE scan.file%'"_s;
+    const struct {
+        int signal;
+        const char *name;
+        bool running;
+    } cases[] = {{SIGINT, "SIGINT", false}, {SIGTERM, "SIGTERM", true}};
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.name);
+        if (c.running)
+            ASSERT_EQ(m_installation.serverCtl({u"start"_s}), 0);
+        QFile::remove(m_installation.runLogPath());
+        ToolProcess tool(m_installation);
+        QByteArray out;
+        ASSERT_TRUE(eventually([&] {
+            tool.waitForReadyRead(10);
+            out += tool.readAllStandardOutput();
+            return out.contains("instance id: 1\n");
+        }));
+        ASSERT_TRUE(eventually([&] { return m_installation.sql(updates, u"postgres"_s) == QStringList{u"1"_s}; }));
+        ::kill(static_cast<pid_t>(tool.processId()), c.signal);
+        ASSERT_TRUE(tool.waitForFinished(30000));
+        EXPECT_EQ(tool.exitStatus(), QProcess::NormalExit);
+        EXPECT_EQ(tool.exitCode(), 1);
+        EXPECT_TRUE(m_installation.runLog().contains(u"[ERROR\t] <ts>: The run was interrupted by "_s + c.name))
+            << m_installation.runLog().toStdString();
+        EXPECT_EQ(m_installation.running(), c.running) << "the server is as it was before the run";
+        if (!c.running)
+            ASSERT_EQ(m_installation.serverCtl({u"start"_s}), 0);
+        EXPECT_EQ(m_installation.sql(updates, u"postgres"_s), QStringList{u"0"_s});
+        EXPECT_EQ(m_installation.sql(u"SELECT string_agg(instance_id || ':' || length(filetype_details), ' ' ORDER "
+                                     "BY instance_id) FROM scan.file"_s),
+            QStringList{u"1:15 2:14 3:14"_s})
+            << "instance 1 done, 2 rolled back, 3 never started";
+        m_installation.sql(u"ALTER TABLE scan.file DISABLE TRIGGER slow; UPDATE scan.file SET filetype_details = "
+                           "replace(filetype_details, '\\\\', '\\'); ALTER TABLE scan.file ENABLE TRIGGER slow"_s);
+        ASSERT_EQ(m_installation.serverCtl({u"stop"_s}), 0);
+    }
+}
+
+// A scheduled run overlapping a manual one: the second waits for the first, both repair, and
+// the server is stopped once both are done. Nothing but the tool's own lines reach the console.
+TEST_F(LocalServerTest, TwoRunsStartedTogetherTakeTurns)
+{
+    ASSERT_EQ(m_installation.runTool().exitCode, 1) << "the first run makes the cluster";
+    createProductDatabase();
+    ToolProcess first(m_installation);
+    ToolProcess second(m_installation);
+    QByteArray errors;
+    for (ToolProcess *run : {&first, &second}) {
+        ASSERT_TRUE(run->waitForFinished(120000));
+        EXPECT_EQ(run->exitStatus(), QProcess::NormalExit);
+        EXPECT_EQ(run->exitCode(), 0);
+        errors += run->readAllStandardError();
+    }
+    EXPECT_TRUE(errors.startsWith("Waiting for the run of process ")) << errors.constData();
+    EXPECT_EQ(errors.count('\n'), 1) << errors.constData();
+    EXPECT_EQ(m_installation.runLog().count(u"Data normalization is done"_s), 6);
+    EXPECT_FALSE(m_installation.running());
+    ASSERT_EQ(m_installation.serverCtl({u"start"_s}), 0);
+    EXPECT_EQ(m_installation.sql(u"SELECT DISTINCT filetype_details FROM scan.file"_s),
+        QStringList({uR"({"a":"\\ud800"})"_s}));
+    ASSERT_EQ(m_installation.serverCtl({u"stop"_s}), 0);
 }

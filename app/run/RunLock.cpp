@@ -1,0 +1,44 @@
+#include "app/run/RunLock.h"
+
+#include "app/output/Console.h"
+#include "app/output/RunLog.h"
+
+#include <QDeadlineTimer>
+#include <QDir>
+
+RunLock::RunLock(const QString &dataDirectory)
+    : m_path(QDir(dataDirectory).absoluteFilePath(QLatin1String(kFileName)))
+    , m_lock(m_path)
+{
+    // Only a dead holder makes a lock stale, however long a run takes.
+    m_lock.setStaleLockTime(0);
+}
+
+bool RunLock::acquire(RunLog &log, const std::function<bool()> &interrupted)
+{
+    if (m_lock.tryLock(0))
+        return true;
+    qint64 holder = 0;
+    QString host;
+    QString application;
+    m_lock.getLockInfo(&holder, &host, &application);
+    Console::err(QStringLiteral("Waiting for the run of process %1 on this installation to finish (lock file %2; at "
+                                "most %3 minutes)")
+                     .arg(holder)
+                     .arg(m_path)
+                     .arg(kWaitLimitMs / 60000));
+    for (QDeadlineTimer deadline(kWaitLimitMs); !deadline.hasExpired();) {
+        if (interrupted())
+            return false;
+        if (m_lock.tryLock(kPollMs))
+            return true;
+    }
+    const QString reason = QStringLiteral("Another run (process %1) still holds %2 after %3 minutes; this run did not "
+                                          "start")
+                               .arg(holder)
+                               .arg(m_path)
+                               .arg(kWaitLimitMs / 60000);
+    Console::err(QStringLiteral("ERROR: ") + reason);
+    log.writeLine(RunLog::Error, reason);
+    return false;
+}

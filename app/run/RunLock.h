@@ -1,0 +1,30 @@
+#pragma once
+
+#include <QLockFile>
+#include <QString>
+
+#include <functional>
+
+class RunLog;
+
+// One run at a time per installation: a lock file in the data folder, taken before anything
+// touches the server. The system releases it with the process; a lock whose process is dead
+// is taken over. A second run waits for the first, saying once for which process.
+class RunLock
+{
+public:
+    static constexpr const char *kFileName = "data_normalizer.lock";
+    // A second run waits at most this long for the first one.
+    static constexpr int kWaitLimitMs = 30 * 60 * 1000;
+    static constexpr int kPollMs = 200;
+
+    explicit RunLock(const QString &dataDirectory);
+
+    // False, with the reason on standard error and in the run log, when the other run still
+    // holds the lock after kWaitLimitMs, or when the wait was interrupted.
+    bool acquire(RunLog &log, const std::function<bool()> &interrupted);
+
+private:
+    QString m_path;
+    QLockFile m_lock;
+};
