@@ -38,15 +38,11 @@ QString fuzzedDocument(std::mt19937 &random)
     return u"{\"k\":\"%1\"}"_s.arg(text);
 }
 
+// "<instance> <rows changed>" of each done line, sorted.
 QStringList doneLines(const QByteArray &out)
 {
-    QStringList lines;
-    const QRegularExpression done(uR"(^Data normalization is done, .*instance id: (\d+), rows changed: (\d+)$)"_s);
-    for (const QByteArray &line : out.split('\n')) {
-        const QRegularExpressionMatch match = done.match(QString::fromUtf8(line));
-        if (match.hasMatch())
-            lines << match.captured(1) + u' ' + match.captured(2);
-    }
+    QStringList lines = QString::fromUtf8(out).split(u'\n').filter(u"is done"_s);
+    lines.replaceInStrings(QRegularExpression(uR"(^.*instance id: (\d+), rows changed: (\d+)$)"_s), u"\\1 \\2"_s);
     lines.sort();
     return lines;
 }
@@ -58,9 +54,6 @@ QStringList doneLines(const QByteArray &out)
 TEST_F(ToolTest, ChangedOnlyLeavesTheProductsResultAndWritesOnlyTheRowsThatChange)
 {
     std::mt19937 random(20261123);
-    QStringList ids;
-    for (int id = 1; id <= kListed; ++id)
-        ids << QString::number(id);
     sql(u"INSERT INTO warehouse.control_refresh SELECT i, 0 FROM generate_series(1, %1) i"_s.arg(kListed));
     QStringList rows;
     for (int i = 0; i < kDocuments; ++i) {
@@ -79,18 +72,15 @@ TEST_F(ToolTest, ChangedOnlyLeavesTheProductsResultAndWritesOnlyTheRowsThatChang
 
     ASSERT_EQ(m_sandbox.runTool().exitCode, 0);
     sql(u"CREATE TABLE by_product AS SELECT id, filetype_details FROM scan.file"_s + u';' + restore);
-    // Per listed instance: rows in range and rows whose text the product's statement changed.
-    const QStringList expected = sql(u"SELECT i || ' ' || count(o.id) || ' ' || count(o.id) FILTER (WHERE "
-                                     "o.filetype_details IS DISTINCT FROM p.filetype_details) FROM generate_series(1, "
-                                     "%1) i LEFT JOIN original o ON o.instance_id = i AND o.request_id > i LEFT JOIN "
-                                     "by_product p USING (id) GROUP BY i ORDER BY i"_s.arg(kListed));
-    EXPECT_GT(sql(u"SELECT count(*) FROM original o JOIN by_product p USING (id) WHERE o.filetype_details IS "
-                  "DISTINCT FROM p.filetype_details"_s)
-                  .value(0)
-                  .toInt(),
-        kDocuments / 4);
+    // Per listed instance and in all: rows in range and rows whose text the product's statement changed.
+    QStringList expected = sql(u"SELECT coalesce(i::text, 'total') || ' ' || count(o.id) || ' ' || count(o.id) "
+                               "FILTER (WHERE o.filetype_details IS DISTINCT FROM p.filetype_details) FROM "
+                               "generate_series(1, %1) i LEFT JOIN original o ON o.instance_id = i AND o.request_id "
+                               "> i LEFT JOIN by_product p USING (id) GROUP BY ROLLUP (i) ORDER BY i"_s.arg(kListed));
+    EXPECT_GT(expected.constLast().section(u' ', 2).toInt(), kDocuments / 4);
 
-    const ToolSandbox::Result dry = m_sandbox.runTool({u"--dry-run"_s});
+    QFile::remove(m_sandbox.runLogPath());
+    const ToolSandbox::Result dry = m_sandbox.runTool({u"--dry-run"_s, u"--jobs"_s, u"3"_s});
     EXPECT_EQ(dry.exitCode, 0);
     QStringList reported;
     for (const QByteArray &line : dry.out.split('\n')) {
@@ -98,27 +88,20 @@ TEST_F(ToolTest, ChangedOnlyLeavesTheProductsResultAndWritesOnlyTheRowsThatChang
         if (!cells.isEmpty() && (cells.front().isDigit() || cells.startsWith(u"total")))
             reported << cells;
     }
-    QStringList expectedTable = expected;
-    std::sort(expectedTable.begin(), expectedTable.end(), [](const QString &a, const QString &b) {
-        return a.section(u' ', 0, 0).toInt() < b.section(u' ', 0, 0).toInt();
-    });
-    expectedTable << sql(u"SELECT 'total ' || count(*) || ' ' || count(*) FILTER (WHERE o.filetype_details IS "
-                         "DISTINCT FROM p.filetype_details) FROM original o JOIN by_product p USING (id) WHERE "
-                         "o.instance_id <= %1 AND o.request_id > o.instance_id"_s.arg(kListed));
-    EXPECT_EQ(reported, expectedTable) << dry.out.constData();
+    EXPECT_EQ(reported, expected) << dry.out.constData();
+    EXPECT_EQ(m_sandbox.runLog().count(u"[INFO\t] <ts>: "_s), expected.size() + 2) << "the report, line for line";
+    const QString rewritten = u"SELECT string_agg(id::text, ' ') FROM scan.file f JOIN before b USING (id) WHERE "
+                              "f.xmin::text <> b.x"_s;
+    EXPECT_EQ(sql(rewritten), QStringList({QString()})) << "the dry run writes nothing";
+    expected.removeLast();
 
     // A second connection rewrites two rows of instance 1 that the run will repair, and holds them.
     const QStringList held = sql(u"SELECT id FROM original o JOIN by_product p USING (id) WHERE o.instance_id = 1 "
                                  "AND o.filetype_details <> p.filetype_details ORDER BY id LIMIT 2"_s);
     ASSERT_EQ(held.size(), 2);
     {
-        QSqlDatabase writer = QSqlDatabase::addDatabase(u"QPSQL"_s, u"writer"_s);
-        writer.setHostName(u"127.0.0.1"_s);
-        writer.setPort(server().port());
-        writer.setDatabaseName(u"product"_s);
-        writer.setUserName(QLatin1String(TestServer::kUser));
-        writer.setPassword(QLatin1String(TestServer::kPassword));
-        ASSERT_TRUE(writer.open());
+        const QSqlDatabase writer = TestServer::connectionAt(server().port(), u"product"_s, u"writer"_s);
+        ASSERT_TRUE(writer.isOpen());
         QSqlQuery query(writer);
         ASSERT_TRUE(query.exec(u"BEGIN"_s));
         ASSERT_TRUE(query.exec(u"UPDATE scan.file SET filetype_details = CASE id WHEN %1 THEN %2 ELSE %3 END WHERE id "
@@ -126,7 +109,7 @@ TEST_F(ToolTest, ChangedOnlyLeavesTheProductsResultAndWritesOnlyTheRowsThatChang
         std::future<ToolSandbox::Result> run = std::async(std::launch::async, [this] {
             return m_sandbox.runTool({u"--changed-only"_s, u"--jobs=3"_s});
         });
-        EXPECT_TRUE(waitFor([] {
+        EXPECT_TRUE(eventually([] {
             return sql(u"SELECT count(*) FROM pg_stat_activity WHERE wait_event_type = 'Lock' AND query LIKE "
                        "'UPDATE scan.file%'"_s)
                 == QStringList({u"1"_s});
@@ -156,8 +139,6 @@ TEST_F(ToolTest, ChangedOnlyLeavesTheProductsResultAndWritesOnlyTheRowsThatChang
           "<> b.x) <> (f.filetype_details IS DISTINCT FROM o.filetype_details)"_s;
     EXPECT_EQ(sql(rewrittenButUnchanged + others), QStringList({u"0"_s})) << "rows rewritten = rows changed";
 
-    const QString rewritten = u"SELECT string_agg(id::text, ' ') FROM scan.file f JOIN before b USING (id) WHERE "
-                              "f.xmin::text <> b.x"_s;
     for (const QString &left : {held[0], QString()}) {
         sql(u"DROP TABLE before; CREATE TABLE before AS SELECT id, xmin::text AS x FROM scan.file"_s);
         const ToolSandbox::Result again = m_sandbox.runTool({u"--changed-only"_s});
@@ -166,26 +147,21 @@ TEST_F(ToolTest, ChangedOnlyLeavesTheProductsResultAndWritesOnlyTheRowsThatChang
         EXPECT_EQ(sql(rewritten), QStringList({left})) << "the next run repairs what was left, then nothing";
     }
     EXPECT_EQ(sql(u"SELECT filetype_details FROM scan.file WHERE id = "_s + held[0]), QStringList({kNewBadRepaired}));
-}
 
-// One instance's rows cannot be read: its count fails, the others are counted, and the dry run
-// names it with the server's reason and ends with status 1.
-TEST_F(ToolTest, DryRunNamesTheCountsThatFailedAndEndsWithStatusOne)
-{
-    addInstances({1, 2, 3});
-    for (int instance : {1, 2, 3})
-        addRow(instance, 5, uR"({"a":"\ud800"})"_s);
+    // Rows of instance 2 that cannot be read: its count fails, the others are counted, and the
+    // dry run names it with the server's reason and ends with status 1.
     sql(u"ALTER TABLE scan.file RENAME TO stored; CREATE FUNCTION refuse(i int, t text) RETURNS text AS $$ BEGIN "
         "IF i = 2 THEN RAISE EXCEPTION 'rows of instance two are unreadable'; END IF; RETURN t; END $$ LANGUAGE "
         "plpgsql; CREATE VIEW scan.file AS SELECT instance_id, request_id, refuse(instance_id, filetype_details) AS "
         "filetype_details FROM scan.stored"_s);
-    const ToolSandbox::Result dry = m_sandbox.runTool({u"--dry-run"_s, u"--jobs"_s, u"2"_s});
-    EXPECT_EQ(dry.exitCode, 1);
-    const QString out = QString::fromUtf8(dry.out).simplified();
-    EXPECT_TRUE(out.contains(u"1 1 1 2 failed failed 3 1 1 total of counted 2 2"_s)) << dry.out.constData();
-    EXPECT_TRUE(dry.err.startsWith("WARNING: Dry run count is failed, data: filetype_details, instance id: 2. "));
-    EXPECT_TRUE(dry.err.contains("rows of instance two are unreadable")) << dry.err.constData();
-    EXPECT_EQ(dry.err.count("WARNING"), 1);
+    const ToolSandbox::Result failing = m_sandbox.runTool({u"--dry-run"_s, u"--jobs"_s, u"2"_s});
+    EXPECT_EQ(failing.exitCode, 1);
+    const QString table = QString::fromUtf8(failing.out).simplified();
+    EXPECT_TRUE(table.contains(u" 2 failed failed 3 "_s) && table.contains(u" total of counted "_s))
+        << table.toStdString();
+    EXPECT_TRUE(failing.err.startsWith("WARNING: Dry run count is failed, data: filetype_details, instance id: 2. "));
+    EXPECT_TRUE(failing.err.contains("rows of instance two are unreadable")) << failing.err.constData();
+    EXPECT_EQ(failing.err.count("WARNING"), 1);
     EXPECT_TRUE(m_sandbox.runLog().contains(
         u"[WARNING] <ts>: Dry run count is failed, data: filetype_details, instance id: 2. <server error>"_s));
 }

@@ -43,15 +43,15 @@ TEST_F(ToolTest, AnInterruptedPassLeavesEveryInstanceWholeAndTheNextRunCompletes
         QProcess tool;
         tool.setWorkingDirectory(m_sandbox.workDirectory());
         tool.start(QStringLiteral(ZENTRIX_TOOL_PATH), QStringList());
-        ASSERT_TRUE(ToolTest::waitFor(updateOfInstanceTwoRuns)) << "the update of instance 2 never ran";
+        ASSERT_TRUE(eventually(updateOfInstanceTwoRuns)) << "the update of instance 2 never ran";
         if (killTool) {
             tool.kill();
-            ASSERT_TRUE(tool.waitForFinished(ToolTest::kWaitLimitMs));
+            ASSERT_TRUE(tool.waitForFinished(kEventuallyLimitMs));
             // The server finishes or abandons the statement on its own; either way atomically.
-            ASSERT_TRUE(ToolTest::waitFor([] { return !updateOfInstanceTwoRuns(); }));
+            ASSERT_TRUE(eventually([] { return !updateOfInstanceTwoRuns(); }));
         } else {
             server().stop(u"immediate"_s);
-            ASSERT_TRUE(tool.waitForFinished(ToolTest::kWaitLimitMs)) << "the tool hangs on a vanished server";
+            ASSERT_TRUE(tool.waitForFinished(kEventuallyLimitMs)) << "the tool hangs on a vanished server";
             EXPECT_EQ(tool.exitStatus(), QProcess::NormalExit);
             EXPECT_EQ(tool.exitCode(), 0) << "a failed update is a warning, not a failed run";
             EXPECT_TRUE(tool.readAllStandardError().contains(

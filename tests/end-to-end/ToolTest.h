@@ -1,32 +1,18 @@
 #pragma once
 
+#include "support/Eventually.h"
 #include "support/QtPrinters.h"
 #include "support/TestServer.h"
 #include "support/ToolSandbox.h"
 
 #include <gtest/gtest.h>
 
-#include <QDeadlineTimer>
 #include <QDir>
-#include <QThread>
 
 // The real tool against the program's throwaway server: a fresh product database with the
 // tables the pass reads and writes, and a sandbox whose information file points at it.
 class ToolTest : public ::testing::Test
 {
-public:
-    static constexpr int kWaitLimitMs = 60000;
-    static constexpr int kPollIntervalMs = 20;
-
-    template <typename Condition> static bool waitFor(Condition condition)
-    {
-        for (QDeadlineTimer deadline(kWaitLimitMs); !condition(); QThread::msleep(kPollIntervalMs)) {
-            if (deadline.hasExpired())
-                return false;
-        }
-        return true;
-    }
-
 protected:
     void SetUp() override
     {

@@ -124,19 +124,26 @@ QStringList TestServer::sql(const QString &statements, const QString &database) 
     return sqlAt(m_port, statements, database);
 }
 
+QSqlDatabase TestServer::connectionAt(int port, const QString &database, const QString &name)
+{
+    QSqlDatabase db = QSqlDatabase::addDatabase(u"QPSQL"_s, name);
+    db.setHostName(u"127.0.0.1"_s);
+    db.setPort(port);
+    db.setDatabaseName(database);
+    db.setUserName(QLatin1String(kUser));
+    db.setPassword(QLatin1String(kPassword));
+    db.open();
+    return db;
+}
+
 QStringList TestServer::sqlAt(int port, const QString &statements, const QString &database)
 {
     const QString name = QUuid::createUuid().toString(QUuid::Id128);
     QStringList rows;
     {
-        QSqlDatabase db = QSqlDatabase::addDatabase(u"QPSQL"_s, name);
-        db.setHostName(u"127.0.0.1"_s);
-        db.setPort(port);
-        db.setDatabaseName(database);
-        db.setUserName(QLatin1String(kUser));
-        db.setPassword(QLatin1String(kPassword));
+        QSqlDatabase db = connectionAt(port, database, name);
         QSqlQuery query(db);
-        if (!db.open() || !query.exec(statements))
+        if (!db.isOpen() || !query.exec(statements))
             ADD_FAILURE() << statements.left(200).toStdString() << ": " << db.lastError().text().toStdString()
                           << query.lastError().text().toStdString();
         while (query.next()) {

@@ -2,6 +2,7 @@
 
 #include "core/server/process/ServerAccount.h"
 
+#include <QSqlDatabase>
 #include <QString>
 #include <QStringList>
 #include <QTemporaryDir>
@@ -40,6 +41,8 @@ public:
     void freshProductDatabase() const;
     // The same on any server on the loopback port that knows the test user.
     static QStringList sqlAt(int port, const QString &statements, const QString &database);
+    // An open connection of the test user, registered under the given name.
+    static QSqlDatabase connectionAt(int port, const QString &database, const QString &name);
 
     static QString binDirectory();
     static int freePort();
