@@ -1,6 +1,18 @@
-# Shared by bench/run.sh and bench/jobs.sh: builds the programs, starts a benchmark server of
-# its own with the product's tables, and seeds realistic rows. Source it from the top folder
-# after setting "work" (a fresh temporary folder); it defines functions and variables.
+# Shared by the scripts of bench/: makes their work folder, builds the programs, starts a
+# benchmark server of its own with the product's tables, and seeds realistic rows. Source it
+# from the top folder after setting "top"; it defines functions and variables.
+
+# A fresh work folder named after the script, removed with the servers in it when the script
+# ends, unless KEEP_WORK is set.
+work=$(mktemp -d "/tmp/zentrix-bench-$(basename "$0" .sh).XXXXXX")
+cleanup() {
+    local data
+    for data in "$work/server" "$work/first/data/pg_data" "$work/manual"; do
+        [ ! -d "$data" ] || as_account "$pgbin/pg_ctl" stop -D "$data" -m immediate >/dev/null 2>&1 || true
+    done
+    rm -rf "$work"
+}
+[ -n "${KEEP_WORK:-}" ] || trap cleanup EXIT
 
 ./scripts/install-deps.sh time >/dev/null
 cmake -S . -B build-bench -DCMAKE_BUILD_TYPE=Release -DZENTRIX_BUILD_TESTS=OFF -DZENTRIX_BUILD_BENCH=ON >/dev/null
@@ -91,9 +103,9 @@ ratio() { awk -v a="$1" -v b="$2" 'BEGIN {printf "%.3f", a / b}'; }
 write_block() {
     local name=$1 block=$2 target="$top/docs/benchmarks.md"
     if grep -q "^<!-- $name -->" "$target"; then
-        awk -v block="$block" -v open="<!-- $name -->" -v close="<!-- /$name -->" '
-            $0 == open { while ((getline line < block) > 0) print line; skip = 1; next }
-            $0 == close { skip = 0; next }
+        awk -v block="$block" -v first="<!-- $name -->" -v last="<!-- /$name -->" '
+            $0 == first { while ((getline line < block) > 0) print line; skip = 1; next }
+            $0 == last { skip = 0; next }
             !skip' "$target" >"$target.new"
         mv "$target.new" "$target"
     else

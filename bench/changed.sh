@@ -14,13 +14,6 @@ rows=${1:-200000}
 repeats=${REPEATS:-3}
 instance_counts=${INSTANCE_COUNTS:-3 24}
 
-work=$(mktemp -d /tmp/zentrix-bench-changed.XXXXXX)
-cleanup() {
-    as_account "$pgbin/pg_ctl" stop -D "$work/server" -m immediate >/dev/null 2>&1 || true
-    rm -rf "$work"
-}
-[ -n "${KEEP_WORK:-}" ] || trap cleanup EXIT
-
 . bench/bench-lib.sh
 start_bench_server
 

@@ -14,13 +14,6 @@ rows=${1:-300000}
 repeats=${REPEATS:-3}
 instance_counts=${INSTANCE_COUNTS:-4 3}
 
-work=$(mktemp -d /tmp/zentrix-bench-jobs.XXXXXX)
-cleanup() {
-    as_account "$pgbin/pg_ctl" stop -D "$work/server" -m immediate >/dev/null 2>&1 || true
-    rm -rf "$work"
-}
-[ -n "${KEEP_WORK:-}" ] || trap cleanup EXIT
-
 . bench/bench-lib.sh
 start_bench_server
 

@@ -16,15 +16,6 @@ repeats=${REPEATS:-3}
 client_limit=${CLIENT_LIMIT:-1000000}
 client_timeout=${CLIENT_TIMEOUT:-1800}
 
-work=$(mktemp -d /tmp/zentrix-bench.XXXXXX)
-cleanup() {
-    as_account "$pgbin/pg_ctl" stop -D "$work/server" -m immediate >/dev/null 2>&1 || true
-    as_account "$pgbin/pg_ctl" stop -D "$work/first/data/pg_data" -m immediate >/dev/null 2>&1 || true
-    as_account "$pgbin/pg_ctl" stop -D "$work/manual" -m immediate >/dev/null 2>&1 || true
-    rm -rf "$work"
-}
-[ -n "${KEEP_WORK:-}" ] || trap cleanup EXIT
-
 . bench/bench-lib.sh
 start_bench_server
 

@@ -34,7 +34,7 @@ if [ "$(grep -c '^\./usr/bin/.' <<<"$contents")" -ne 2 ]; then
     echo "package check failed: programs other than the two tools in usr/bin" >&2
     failed=1
 fi
-for dependency in libqt6core6 libqt6sql6 libqt6network6 libssl3 libqt6sql6-psql; do
+for dependency in libqt6core6 libqt6sql6 libqt6network6 libssl3 libpq5 libqt6sql6-psql; do
     expect "$(grep '^Depends:' <<<"$fields")" "(^|[ ,])$dependency([ ,(]|\$)"
 done
 expect "$fields" '^Recommends: postgresql$'
