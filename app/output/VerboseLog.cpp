@@ -24,8 +24,10 @@ void VerboseLog::line(const QString &text) const
 {
     if (!m_enabled)
         return;
-    Console::err(QStringLiteral("zentrix-data-normalizer: ") + text);
-    m_log.writeLine(RunLog::Info, text);
+    // One line each, whatever the driver's or a program's output holds.
+    const QString line = text.simplified();
+    Console::err(QStringLiteral("zentrix-data-normalizer: ") + line);
+    m_log.writeLine(RunLog::Info, line);
 }
 
 void VerboseLog::takeDiagnostics(const VerboseLog *verbose)

@@ -61,6 +61,7 @@ int RunDriver::run(int &argc, char **argv)
         arguments << QString::fromLocal8Bit(argv[i]);
     if (ProgramVersion::printIfAsked(QStringLiteral("zentrix-data-normalizer"), arguments))
         return 0;
+    VerboseLog::takeDiagnostics(nullptr);
 
     const std::unique_ptr<core::CoreConfigLoader> loader = ConfigurationReader::load(true);
     core::DeploymentIdPrefix::set(loader->deploymentIdPrefix());

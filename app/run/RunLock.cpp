@@ -18,6 +18,16 @@ bool RunLock::acquire(RunLog &log, const std::function<bool()> &interrupted)
 {
     if (m_lock.tryLock(0))
         return true;
+    // A data folder this account cannot write to: the run cannot be guarded, but it is not
+    // refused either, since it may need nothing else there.
+    if (m_lock.error() != QLockFile::LockFailedError) {
+        const QString reason = QStringLiteral("Cannot create the lock file %1, going on without guarding against "
+                                              "another run")
+                                   .arg(m_path);
+        Console::err(QStringLiteral("WARNING: ") + reason);
+        log.writeLine(RunLog::Warning, reason);
+        return true;
+    }
     qint64 holder = 0;
     QString host;
     QString application;

@@ -21,7 +21,8 @@ public:
     explicit RunLock(const QString &dataDirectory);
 
     // False, with the reason on standard error and in the run log, when the other run still
-    // holds the lock after kWaitLimitMs, or when the wait was interrupted.
+    // holds the lock after kWaitLimitMs, or when the wait was interrupted. A lock file that
+    // cannot be made at all is a warning, and the run goes on.
     bool acquire(RunLog &log, const std::function<bool()> &interrupted);
 
 private:
