@@ -96,9 +96,11 @@ void DryRun::report(RunLog &log) const
         = {{QStringLiteral("instance id"), QStringLiteral("rows in range"), QStringLiteral("rows to change")}};
     qint64 inRange = 0;
     qint64 toChange = 0;
+    bool complete = true;
     for (int i = 0; i < m_instances.size(); ++i) {
         if (!m_counts[i].counted) {
             rows << QStringList{m_instances[i].first, kFailed, kFailed};
+            complete = false;
             continue;
         }
         rows << QStringList{
@@ -107,7 +109,7 @@ void DryRun::report(RunLog &log) const
         toChange += m_counts[i].toChange;
     }
     // A total over the counted instances only must not pass for the whole.
-    rows << QStringList{m_failed ? QStringLiteral("total of counted") : QStringLiteral("total"),
+    rows << QStringList{complete ? QStringLiteral("total") : QStringLiteral("total of counted"),
         QString::number(inRange), QString::number(toChange)};
     QVector<int> widths(3, 0);
     for (const QStringList &row : rows) {

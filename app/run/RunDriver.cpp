@@ -154,12 +154,12 @@ RunDriver::Outcome RunDriver::runStages(
     return interrupts.requested() ? reportInterrupt(log) : outcome;
 }
 
-// Only when nothing is in flight any more: the statements were cancelled, no instance is left
-// running, and the teardown that follows stops a server this run started.
+// Written once nothing is in flight any more; the teardown that follows stops a server this
+// run started.
 RunDriver::Outcome RunDriver::reportInterrupt(RunLog &log)
 {
-    const QString line = QStringLiteral("The run was interrupted by %1: the statement in flight was cancelled and "
-                                        "rolled back, no further instance was started")
+    const QString line = QStringLiteral("The run was interrupted by %1: what was in flight was cancelled (a "
+                                        "statement is rolled back whole), nothing further was started")
                              .arg(Interrupts::instance().name());
     Console::err(QStringLiteral("ERROR: ") + line);
     log.writeLine(RunLog::Error, line);
