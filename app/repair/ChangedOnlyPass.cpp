@@ -18,13 +18,10 @@ bool ChangedOnlyPass::run(RunLog &log, ParallelInstances &parallel, int jobs)
         return false;
     if (m_instances.isEmpty())
         return true;
-    QStringList ids;
-    for (const NormalizationPass::Instance &instance : m_instances)
-        ids << instance.first;
     // The planner expects half the rows to pass the filter and would read them in one process
     // rather than pay for passing them between processes; a few pass, so the parallel plan wins.
     m_query.exec(QStringLiteral("SET parallel_tuple_cost = 0"));
-    m_readPerInstance = !readCandidates(m_query, ids, m_candidates);
+    m_readPerInstance = !readCandidates(m_query, NormalizationPass::idsOf(m_instances), m_candidates);
     m_query.exec(QStringLiteral("RESET parallel_tuple_cost"));
     parallel.run(m_query, m_instances.size(), jobs, nullptr,
         [this, &log](QSqlQuery &query, int index) { repairInstance(query, index, log); });

@@ -7,6 +7,8 @@
 
 #include <QSqlError>
 
+#include <algorithm>
+
 namespace {
 const QString kColumnGap = QStringLiteral("  ");
 const QString kFailed = QStringLiteral("failed");
@@ -40,12 +42,9 @@ bool DryRun::run(RunLog &log, ParallelInstances &parallel, int jobs)
     if (!NormalizationPass::readInstances(m_query, log, m_instances))
         return false;
     m_counts.resize(m_instances.size());
-    QStringList ids;
-    for (const NormalizationPass::Instance &instance : m_instances)
-        ids << instance.first;
     // A failed statement aborts the transaction: a savepoint keeps it usable for the rest.
     m_query.exec(QStringLiteral("SAVEPOINT counts"));
-    if (!ids.isEmpty() && !countAll(m_query, ids)) {
+    if (!m_instances.isEmpty() && !countAll(m_query, NormalizationPass::idsOf(m_instances))) {
         m_query.exec(QStringLiteral("ROLLBACK TO SAVEPOINT counts"));
         // The extra connections' transactions end when their connections close.
         parallel.run(m_query, m_instances.size(), jobs, beginReadOnly,
@@ -53,7 +52,7 @@ bool DryRun::run(RunLog &log, ParallelInstances &parallel, int jobs)
     }
     m_query.exec(QStringLiteral("ROLLBACK"));
     report(log);
-    return !m_failed;
+    return allCounted();
 }
 
 bool DryRun::countAll(QSqlQuery &query, const QStringList &instanceIds)
@@ -83,11 +82,15 @@ void DryRun::countOne(QSqlQuery &query, int index, RunLog &log)
     }
     const QString reason = query.lastError().text();
     query.exec(QStringLiteral("ROLLBACK TO SAVEPOINT count"));
-    m_failed = true;
     const QString line = QStringLiteral("Dry run count is failed, data: %1, instance id: %2. %3")
                              .arg(NormalizationPass::kColumn, instance.first, reason);
     Console::err(QStringLiteral("WARNING: ") + line);
     log.writeLine(RunLog::Warning, line);
+}
+
+bool DryRun::allCounted() const
+{
+    return std::all_of(m_counts.cbegin(), m_counts.cend(), [](const Count &count) { return count.counted; });
 }
 
 void DryRun::report(RunLog &log) const
@@ -96,11 +99,9 @@ void DryRun::report(RunLog &log) const
         = {{QStringLiteral("instance id"), QStringLiteral("rows in range"), QStringLiteral("rows to change")}};
     qint64 inRange = 0;
     qint64 toChange = 0;
-    bool complete = true;
     for (int i = 0; i < m_instances.size(); ++i) {
         if (!m_counts[i].counted) {
             rows << QStringList{m_instances[i].first, kFailed, kFailed};
-            complete = false;
             continue;
         }
         rows << QStringList{
@@ -109,7 +110,7 @@ void DryRun::report(RunLog &log) const
         toChange += m_counts[i].toChange;
     }
     // A total over the counted instances only must not pass for the whole.
-    rows << QStringList{complete ? QStringLiteral("total") : QStringLiteral("total of counted"),
+    rows << QStringList{allCounted() ? QStringLiteral("total") : QStringLiteral("total of counted"),
         QString::number(inRange), QString::number(toChange)};
     QVector<int> widths(3, 0);
     for (const QStringList &row : rows) {

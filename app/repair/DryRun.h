@@ -6,8 +6,6 @@
 #include <QSqlQuery>
 #include <QVector>
 
-#include <atomic>
-
 class ParallelInstances;
 class RunLog;
 
@@ -22,8 +20,8 @@ class DryRun
 public:
     explicit DryRun(const QSqlDatabase &database);
 
-    // False when the instance list cannot be read (with the pass's own messages) or when a
-    // count failed.
+    // False when the instance list cannot be read (with the pass's own messages) or when an
+    // instance was not counted.
     bool run(RunLog &log, ParallelInstances &parallel, int jobs);
 
     static bool beginReadOnly(QSqlQuery &query);
@@ -39,9 +37,9 @@ private:
     bool countAll(QSqlQuery &query, const QStringList &instanceIds);
     void countOne(QSqlQuery &query, int index, RunLog &log);
     void report(RunLog &log) const;
+    bool allCounted() const;
 
     QSqlQuery m_query;
     QVector<NormalizationPass::Instance> m_instances;
     QVector<Count> m_counts;
-    std::atomic<bool> m_failed{false};
 };

@@ -47,6 +47,14 @@ bool NormalizationPass::readInstances(QSqlQuery &query, RunLog &log, QVector<Ins
     return true;
 }
 
+QStringList NormalizationPass::idsOf(const QVector<Instance> &instances)
+{
+    QStringList ids;
+    for (const Instance &instance : instances)
+        ids << instance.first;
+    return ids;
+}
+
 bool NormalizationPass::run(RunLog &log, ParallelInstances &parallel, int jobs)
 {
     QVector<Instance> instances;

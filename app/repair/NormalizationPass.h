@@ -31,6 +31,7 @@ public:
 
     // Reads the whole instance list, or reports why it cannot be read and returns false.
     static bool readInstances(QSqlQuery &query, RunLog &log, QVector<Instance> &instances);
+    static QStringList idsOf(const QVector<Instance> &instances);
 
     // An instance's done line on the console and in the run log; suffix ends both.
     static void reportDone(const Instance &instance, RunLog &log, const QString &suffix = QString());

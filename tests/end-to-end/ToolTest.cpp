@@ -70,8 +70,6 @@ TEST_F(ToolTest, RunOutcomes)
                 m_sandbox.provision(server().port(), u"product"_s);
             },
             1, "", "", "[ERROR\t] <ts>: Cannot connect to Postgres server: product\n"},
-        {"server unreachable", {{}}, [this] { m_sandbox.provision(TestServer::freePort(), u"product"_s); }, 1, "", "",
-            "[ERROR\t] <ts>: Cannot connect to Postgres server: product\n"},
         {"product exception", {{}}, [this] { m_sandbox.writeConfig(QByteArray(), "db_connection=0\n"); }, 1, "",
             "Invalid total database connections value: 0", "Invalid total database connections value: 0\n"},
         {"bad job count", {{"--jobs", "x"}, {"--jobs", "0"}, {"--jobs", "11"}, {"--jobs"}}, noSetup, 1, "",
