@@ -32,13 +32,17 @@ public:
     // Schema name to the lowest version this build works with, walked in name order.
     static const QMap<QString, int> requiredSchemaVersions;
     static constexpr int kRequiredControlVersion = 3;
-    // After the start command: 150 tries, 200 ms apart (about 30 s).
+    // After the start command: 150 tries, 200 ms apart, at most about 30 s.
     static constexpr int kStartTries = 150;
     static constexpr int kStartRetryIntervalMs = 200;
+    static constexpr int kStartTimeoutMs = 30000;
     // Waiting for a running server: 120 tries, 500 ms apart, at most 180 s.
     static constexpr int kReadyTries = 120;
     static constexpr int kReadyRetryIntervalMs = 500;
     static constexpr int kReadyTimeoutMs = 180000;
+    // Bounds every connection attempt (libpq's connect_timeout), so that a program that
+    // accepts connections but never answers cannot hold a wait; PGCONNECT_TIMEOUT wins.
+    static constexpr int kConnectTimeoutSeconds = 10;
 
     using ServiceControlFactory
         = std::function<std::unique_ptr<ServiceControl>(const ServiceContext &, const ServerAccount &)>;
@@ -124,6 +128,10 @@ private:
     bool interrupted() const { return m_interrupted && m_interrupted(); }
     bool holdsCompleteCluster() const;
     bool answers();
+    // Records why waiting cannot help: a refusal the server repeats on every try.
+    bool refusedForGood(const QString &maintenanceError);
+    bool portTakenByAnother();
+    bool startFailed();
     void runUpgradeCheck(QString &connectionName);
     void configureHandle(QSqlDatabase &database, const QString &dbName) const;
     static QString generatedSecret();

@@ -47,6 +47,8 @@ void PostgresService::configureHandle(QSqlDatabase &database, const QString &dbN
     // The round trip through the local code page is how the product has always passed
     // the password; servers provisioned by it expect exactly these bytes.
     database.setPassword(QString::fromLocal8Bit(m_information.password.toUtf8()));
+    if (qEnvironmentVariableIsEmpty("PGCONNECT_TIMEOUT"))
+        database.setConnectOptions(QStringLiteral("connect_timeout=%1").arg(kConnectTimeoutSeconds));
 }
 
 bool PostgresService::openConnection(

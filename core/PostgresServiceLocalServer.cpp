@@ -2,7 +2,9 @@
 
 #include "config/loader/CoreConfigLoader.h"
 #include "core/server/ClusterCreator.h"
+#include "core/server/ServerAnswer.h"
 #include "core/server/ServerConfigFile.h"
+#include "core/server/port/PortProbe.h"
 
 #include <QElapsedTimer>
 #include <QFile>
@@ -76,7 +78,7 @@ bool PostgresService::ensureRunning()
     const int status = serviceStatus();
     if (status == 0)
         return true;
-    if (!accountMayRunServer() || status != 3)
+    if (!accountMayRunServer() || status != ServiceControl::kNotRunning || portTakenByAnother())
         return false;
     if (serviceExists()) {
         logPostgres(QStringLiteral("Unregistering old postgres service..."), QString(), PostgresLogLevel::Info);
@@ -86,9 +88,52 @@ bool PostgresService::ensureRunning()
     return startService();
 }
 
+// The server this run started is gone again (it could not bind its port, say): no try can
+// reach it any more.
+bool PostgresService::startFailed()
+{
+    const QString failure = m_control->startFailure();
+    if (failure.isEmpty())
+        return false;
+    m_operatorAdvice = QStringLiteral("The database server started by this run stopped at once: %1").arg(failure);
+    m_relay.reason(QStringLiteral("start the database server in ") + m_dataDir, failure);
+    return true;
+}
+
 bool PostgresService::answers()
 {
     return checkConnection(kMaintenanceDatabase);
+}
+
+// The installation's own server is not running, so whatever answers on its port is another
+// program: the run must neither start a server that cannot bind there nor talk to that one.
+bool PostgresService::portTakenByAnother()
+{
+    const PortProbe::Listener listener = PortProbe::find(m_information.host, m_information.port);
+    if (!listener.found)
+        return false;
+    m_operatorAdvice = QStringLiteral("Another program already listens on %1:%2%3, where this installation's database "
+                                      "server must start; the run connected to nothing there. Stop that program, or "
+                                      "give this installation another port.")
+                           .arg(m_information.host)
+                           .arg(m_information.port)
+                           .arg(listener.process.isEmpty() ? QString() : QStringLiteral(" (%1)").arg(listener.process));
+    logPostgres(m_operatorAdvice, m_dataDir, PostgresLogLevel::Error);
+    return true;
+}
+
+// Judged on the maintenance database, which every cluster has: the product's database may
+// rightly not exist yet.
+bool PostgresService::refusedForGood(const QString &maintenanceError)
+{
+    if (!ServerAnswer::isFinalRefusal(maintenanceError))
+        return false;
+    m_operatorAdvice = QStringLiteral("The database server at %1:%2 refused the connection, and trying again cannot "
+                                      "change that: %3")
+                           .arg(m_information.host)
+                           .arg(m_information.port)
+                           .arg(maintenanceError.simplified());
+    return true;
 }
 
 bool PostgresService::waitUntilReady()
@@ -98,6 +143,8 @@ bool PostgresService::waitUntilReady()
     for (int tries = 1; !answers(); ++tries) {
         if (interrupted())
             return false;
+        if (refusedForGood(m_lastConnectionError))
+            break;
         logPostgres(QStringLiteral("Trying to connect to database, try count: %1").arg(tries), QString(),
             PostgresLogLevel::Info);
         m_relay.note(QStringLiteral("waiting for the server to answer, try %1 of %2").arg(tries).arg(kReadyTries));
@@ -177,9 +224,13 @@ bool PostgresService::startService()
     logPostgres(QStringLiteral("Starting zentrix postgresql service..."), QString(), PostgresLogLevel::Info);
     m_control->start();
     bool connected = false;
-    for (int tries = 1; tries <= kStartTries && !connected && !interrupted(); ++tries) {
-        connected = answers() || checkConnection(m_databaseName);
-        if (connected)
+    QElapsedTimer elapsed;
+    elapsed.start();
+    for (int tries = 1; tries <= kStartTries && elapsed.elapsed() < kStartTimeoutMs && !interrupted(); ++tries) {
+        const bool maintenanceAnswers = answers();
+        const QString maintenanceError = m_lastConnectionError;
+        connected = maintenanceAnswers || checkConnection(m_databaseName);
+        if (connected || refusedForGood(maintenanceError) || startFailed())
             break;
         logPostgres(QStringLiteral("Trying to connect to database, try count: %1").arg(tries), QString(),
             PostgresLogLevel::Info);

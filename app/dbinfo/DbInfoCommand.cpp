@@ -80,10 +80,12 @@ int DbInfoCommand::show(bool reveal)
     core::InformationFile file(m_paths, silent);
     core::PostgresInformation information;
     QVariantMap values;
-    if (!file.load(false, information, values)) {
+    // What the tool loads: the shared copy where there is one.
+    if (!file.load(true, information, values)) {
         Console::err(file.lastError());
         return 1;
     }
+    Console::err(QStringLiteral("Information file: ") + file.loadedPath());
     QJsonObject object = QJsonObject::fromVariantMap(values);
     if (!reveal) {
         for (const QString &secret : {QStringLiteral("password"), QStringLiteral("private_password")}) {

@@ -1,5 +1,7 @@
 #include "app/output/RunLog.h"
 
+#include "app/output/Console.h"
+
 #include <QDateTime>
 
 QString RunLog::filePath(const QString &logDirectory, const QDate &date)
@@ -24,28 +26,38 @@ QString RunLog::tag(int level)
 void RunLog::open(const QString &path)
 {
     m_path = path;
+    m_file.setFileName(path);
     // Append mode: several runs of one day share the file and every write lands at its end.
-    m_stream.open(path.toUtf8().constData(), std::ios::out | std::ios::app);
+    if (!m_file.open(QIODevice::WriteOnly | QIODevice::Append | QIODevice::Unbuffered))
+        m_openError = m_file.errorString();
 }
 
 void RunLog::writeLine(int level, const QString &message)
 {
     const QString stamp = QDateTime::currentDateTime().toString(QStringLiteral("yyyy.MM.dd hh:mm:ss.zzz"));
-    const std::lock_guard<std::mutex> lock(m_mutex);
-    m_stream << tag(level).toUtf8().constData() << ' ' << stamp.toUtf8().constData() << ": "
-             << message.toUtf8().constData() << '\n';
-    // Flushed per line so the file is complete up to the last line if the process dies.
-    m_stream.flush();
+    write((tag(level) + QLatin1Char(' ') + stamp + QStringLiteral(": ") + message).toUtf8());
 }
 
 void RunLog::writeRaw(const QString &message)
 {
+    write(message.toUtf8());
+}
+
+// Written unbuffered, line by line, so the file is complete up to the last line if the
+// process dies.
+void RunLog::write(const QByteArray &line)
+{
     const std::lock_guard<std::mutex> lock(m_mutex);
-    m_stream << message.toUtf8().constData() << '\n';
-    m_stream.flush();
+    if (!m_file.isOpen())
+        return;
+    if (m_file.write(line + '\n') == line.size() + 1 || m_writeFailureSaid)
+        return;
+    m_writeFailureSaid = true;
+    Console::err(QStringLiteral("WARNING: Cannot write to the run log %1: %2").arg(m_path, m_file.errorString()));
 }
 
 void RunLog::close()
 {
-    m_stream.close();
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    m_file.close();
 }

@@ -1,12 +1,14 @@
 #pragma once
 
 #include <QDate>
+#include <QFile>
 #include <QString>
 
-#include <fstream>
 #include <mutex>
 
-// The tool's own daily run log, appended to by every run of the day.
+// The tool's own daily run log, appended to by every run of the day. A line that cannot be
+// written (a full disk) is said once on standard error with the system's reason; the run goes
+// on, and later lines are tried again.
 class RunLog
 {
 public:
@@ -16,10 +18,11 @@ public:
     static QString filePath(const QString &logDirectory, const QDate &date);
     static QString tag(int level);
 
-    // The directory is not created; check isOpen() afterwards.
+    // The directory is not created; check isOpen() afterwards, and openError() for why not.
     void open(const QString &path);
-    bool isOpen() const { return m_stream.is_open(); }
+    bool isOpen() const { return m_file.isOpen(); }
     QString path() const { return m_path; }
+    QString openError() const { return m_openError; }
 
     void writeLine(int level, const QString &message);
     // For a caught exception's message: no tag and no time stamp.
@@ -27,8 +30,12 @@ public:
     void close();
 
 private:
+    void write(const QByteArray &line);
+
     // Parallel jobs write from several threads; each line is written whole.
     std::mutex m_mutex;
-    std::ofstream m_stream;
+    QFile m_file;
     QString m_path;
+    QString m_openError;
+    bool m_writeFailureSaid = false;
 };

@@ -18,6 +18,20 @@ Interrupts::Action::~Action()
     interrupts.m_action = nullptr;
 }
 
+Interrupts::LastWords::LastWords(std::function<void()> words)
+{
+    Interrupts &interrupts = instance();
+    const std::lock_guard<std::mutex> lock(interrupts.m_lastWordsMutex);
+    interrupts.m_lastWords = std::move(words);
+}
+
+Interrupts::LastWords::~LastWords()
+{
+    Interrupts &interrupts = instance();
+    const std::lock_guard<std::mutex> lock(interrupts.m_lastWordsMutex);
+    interrupts.m_lastWords = nullptr;
+}
+
 Interrupts &Interrupts::instance()
 {
     static Interrupts *const interrupts = new Interrupts;
@@ -59,9 +73,9 @@ void Interrupts::raise(const QString &name)
     }
     m_requested = true;
     // The limit holds even when the action hangs, say on a server that no longer answers.
-    std::thread([] {
+    std::thread([this] {
         std::this_thread::sleep_for(std::chrono::milliseconds(kEndLimitMs));
-        std::_Exit(kInterruptedExitStatus);
+        endProcess();
     }).detach();
     std::thread([this] { repeatAction(); }).detach();
 }
@@ -76,4 +90,14 @@ void Interrupts::repeatAction()
         }
         std::this_thread::sleep_for(std::chrono::milliseconds(kRepeatMs));
     }
+}
+
+void Interrupts::endProcess()
+{
+    {
+        const std::lock_guard<std::mutex> lock(m_lastWordsMutex);
+        if (m_lastWords)
+            m_lastWords();
+    }
+    std::_Exit(kInterruptedExitStatus);
 }

@@ -31,6 +31,18 @@ public:
         Action &operator=(const Action &) = delete;
     };
 
+    // Run by the watchdog just before it ends the process, for as long as it lives: what the
+    // run must still say and release when its own thread is stuck (in a connection attempt,
+    // in a driver call).
+    class LastWords
+    {
+    public:
+        explicit LastWords(std::function<void()> words);
+        ~LastWords();
+        LastWords(const LastWords &) = delete;
+        LastWords &operator=(const LastWords &) = delete;
+    };
+
     // Never destroyed: the platform's handlers may run until the process is gone.
     static Interrupts &instance();
     static QString consoleEventName(unsigned long event);
@@ -42,18 +54,25 @@ public:
     QString name() const;
     // Called by the platform's handlers, on a thread of their own.
     void raise(const QString &name);
+    // True for the first caller only: the interrupt is reported once, by the run or by the
+    // watchdog, whichever comes first.
+    bool claimReport() { return !m_reported.exchange(true); }
 
 private:
     Interrupts() = default;
     void installHandlers();
     void repeatAction();
+    void endProcess();
 
     std::atomic<bool> m_raised{false};
     std::atomic<bool> m_requested{false};
+    std::atomic<bool> m_reported{false};
     std::once_flag m_installed;
     mutable std::mutex m_nameMutex;
     QString m_name;
     // Held while the action runs, so that it is never run after its owner is gone.
     std::mutex m_actionMutex;
     std::function<void()> m_action;
+    std::mutex m_lastWordsMutex;
+    std::function<void()> m_lastWords;
 };

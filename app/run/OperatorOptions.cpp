@@ -38,7 +38,7 @@ OperatorOptions OperatorOptions::parse(const QStringList &arguments, int poolSiz
     options.jobs = jobsText.toInt(&ok);
     if (!ok || options.jobs < 1 || options.jobs > poolSize)
         options.error
-            = QStringLiteral("ERROR: --jobs needs a number from 1 to %1 (the connection pool, internal/db_connection), "
+            = QStringLiteral("--jobs needs a number from 1 to %1 (the connection pool, internal/db_connection), "
                              "not \"%2\"")
                   .arg(poolSize)
                   .arg(jobsText);

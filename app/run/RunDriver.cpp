@@ -71,6 +71,9 @@ int RunDriver::run(int &argc, char **argv)
     Console::out(QStringLiteral("File log: ") + log.path());
     if (!log.isOpen()) {
         Console::err(QStringLiteral("ERROR: Cannot open file log: ") + log.path());
+        const bool verbose = OperatorOptions::parse(arguments, loader->dbConnectionCount()).verbose;
+        VerboseLog(log, verbose)
+            .line(QStringLiteral("could not open the run log %1: %2").arg(log.path(), log.openError()));
         return 1;
     }
 
@@ -103,7 +106,8 @@ RunDriver::Outcome RunDriver::runStages(
     if (runMode.isEmpty()) {
         options = OperatorOptions::parse(QCoreApplication::arguments().mid(1), loader.dbConnectionCount());
         if (!options.error.isEmpty()) {
-            Console::err(options.error);
+            Console::err(QStringLiteral("ERROR: ") + options.error);
+            log.writeLine(RunLog::Error, options.error);
             return Outcome::EarlyExit;
         }
         if (options.recognised && !options.dryRun)
@@ -120,6 +124,10 @@ RunDriver::Outcome RunDriver::runStages(
     // Declared before the service, so that it is released only after the service has
     // stopped the server this run started.
     RunLock runLock(loader.dataDirectory());
+    const Interrupts::LastWords lastWords([&log, &runLock] {
+        reportInterrupt(log);
+        runLock.release();
+    });
     if (!runLock.acquire(log, interrupted))
         return interrupts.requested() ? reportInterrupt(log) : Outcome::EarlyExit;
 
@@ -154,10 +162,12 @@ RunDriver::Outcome RunDriver::runStages(
     return interrupts.requested() ? reportInterrupt(log) : outcome;
 }
 
-// Written once nothing is in flight any more; the teardown that follows stops a server this
-// run started.
+// Written once nothing is in flight any more (the teardown that follows stops a server this
+// run started), or by the watchdog when the run's thread is stuck.
 RunDriver::Outcome RunDriver::reportInterrupt(RunLog &log)
 {
+    if (!Interrupts::instance().claimReport())
+        return Outcome::EarlyExit;
     const QString line = QStringLiteral("The run was interrupted by %1: what was in flight was cancelled (a "
                                         "statement is rolled back whole), nothing further was started")
                              .arg(Interrupts::instance().name());

@@ -24,6 +24,8 @@ public:
     // holds the lock after kWaitLimitMs, or when the wait was interrupted. A lock file that
     // cannot be made at all is a warning, and the run goes on.
     bool acquire(RunLog &log, const std::function<bool()> &interrupted);
+    // Early, for a process about to end without unwinding.
+    void release() { m_lock.unlock(); }
 
 private:
     QString m_path;

@@ -37,6 +37,8 @@ public:
     // anew (the first such copy and the newest ones, kKeptUnreadableCopies in all).
     // Refused while the key is not on disk.
     bool save(const PostgresInformation &information);
+    // The file the last successful load read: the shared copy or the information file.
+    QString loadedPath() const { return m_loadedPath; }
     // The copies kept so far.
     QStringList keptCopies() const { return m_keptCopies; }
 

@@ -141,10 +141,22 @@ TEST_F(PostgresServiceTest, ServiceCommandsOfTheInitSequenceAndTheDestructor)
                 context, std::make_unique<RecordingProcessRunner>(script));
         });
         under->service->stopOnDestroy = c.stopOnDestroy;
-        ASSERT_TRUE(under->service->init(false, true, false));
+        // Something that answers where the service is not running is not the installation's own
+        // server: init refuses it before any service command, while a start asked for directly
+        // takes it as already started and issues none.
+        EXPECT_EQ(under->service->init(false, true, false), !c.alreadyAnswering);
         EXPECT_EQ(commands(),
-            (QStringList{u"pg_ctl|status"_s, u"sc|query"_s} + registration
-                + (c.alreadyAnswering ? QStringList() : QStringList{u"net|start"_s})));
+            (QStringList{u"pg_ctl|status"_s}
+                + (c.alreadyAnswering ? QStringList()
+                                      : QStringList{u"sc|query"_s} + registration
+                            + QStringList{u"net|start"_s, u"pg_ctl|status"_s})));
+        EXPECT_EQ(under->service->operatorAdvice().startsWith(u"Another program already listens on 127.0.0.1:"_s),
+            c.alreadyAnswering);
+        if (c.alreadyAnswering) {
+            script->lines.clear();
+            EXPECT_TRUE(under->service->startService());
+            EXPECT_EQ(commands(), QStringList());
+        }
         script->lines.clear();
         under.reset();
         QStringList stops;

@@ -118,9 +118,9 @@ TEST_F(ToolTest, BadInformationAndKeyFiles)
             goodKey, "Could not load postgres's information from file: config file is invalid, password is empty", ""},
         {"a short key", good, goodKey.left(10), "Could not read postgres's information file", ""},
         {"an unreadable key", good, keyIsFolder, "Could not read the key file ", "Could not read the key file "},
-        // The shared copy takes precedence; the good file it replaces is kept, not lost.
-        {"an empty shared copy", good, goodKey, nullptr, "", ""},
-        {"a garbage shared copy", good, goodKey, nullptr, "", "garbage"},
+        // The shared copy takes precedence, for zentrix-dbinfo too; the good file it replaces is kept, not lost.
+        {"an empty shared copy", good, goodKey, "Could not read postgres's information file", "", ""},
+        {"a garbage shared copy", good, goodKey, "Could not read postgres's information file", "", "garbage"},
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.name);

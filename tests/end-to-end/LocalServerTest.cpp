@@ -1,3 +1,4 @@
+#include "app/run/Interrupts.h"
 #include "core/server/control/PosixServiceControl.h"
 #include "core/server/process/QProcessRunner.h"
 #include "support/Eventually.h"
@@ -11,8 +12,14 @@
 #include <QElapsedTimer>
 #include <QFileInfo>
 #include <QProcess>
+#include <QRegularExpression>
+#include <QStandardPaths>
+#include <QTcpServer>
 
+#include <arpa/inet.h>
 #include <csignal>
+#include <netinet/in.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 using namespace Qt::StringLiterals;
@@ -50,12 +57,14 @@ public:
                 u"chown"_s, {u"-hR"_s, TestServer::unprivilegedAccount().name() + u":"_s, installation()});
     }
 
-    // pg_ctl as the server account, as an operator would run it.
-    int serverCtl(const QStringList &arguments) const
+    // pg_ctl as the server account, as an operator would run it; a start listens on the
+    // installation's port unless told another.
+    int serverCtl(const QStringList &arguments, int port = 0) const
     {
         QStringList all = arguments + QStringList{u"-D"_s, pgData()};
         if (arguments.value(0) == QLatin1String("start"))
-            all << u"-w"_s << u"-o"_s << u"-p %1 -k ''"_s.arg(m_port) << u"-l"_s << pgData() + u"/manual.log"_s;
+            all << u"-w"_s << u"-o"_s << u"-p %1 -k ''"_s.arg(port ? port : m_port) << u"-l"_s
+                << pgData() + u"/manual.log"_s;
         return core::QProcessRunner(account(), installation())
             .run(TestServer::binDirectory() + u"/pg_ctl"_s, all, 60000)
             .exitCode;
@@ -119,6 +128,36 @@ public:
     }
 };
 
+// A TCP port taken without listening: nothing answers a client there, but no server can bind it.
+class BoundSocket
+{
+public:
+    BoundSocket(const QHostAddress &address, int port)
+    {
+        const bool six = address.protocol() == QAbstractSocket::IPv6Protocol;
+        m_socket = ::socket(six ? AF_INET6 : AF_INET, SOCK_STREAM, 0);
+        sockaddr_storage storage = {};
+        if (six) {
+            auto *in6 = reinterpret_cast<sockaddr_in6 *>(&storage);
+            in6->sin6_family = AF_INET6;
+            in6->sin6_port = htons(static_cast<uint16_t>(port));
+            in6->sin6_addr = in6addr_loopback;
+        } else {
+            auto *in4 = reinterpret_cast<sockaddr_in *>(&storage);
+            in4->sin_family = AF_INET;
+            in4->sin_port = htons(static_cast<uint16_t>(port));
+            in4->sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        }
+        ::bind(m_socket, reinterpret_cast<sockaddr *>(&storage), six ? sizeof(sockaddr_in6) : sizeof(sockaddr_in));
+    }
+    ~BoundSocket() { ::close(m_socket); }
+    BoundSocket(const BoundSocket &) = delete;
+    BoundSocket &operator=(const BoundSocket &) = delete;
+
+private:
+    int m_socket = -1;
+};
+
 } // namespace
 
 TEST_F(LocalServerTest, LifecycleOfAManagedCluster)
@@ -130,7 +169,24 @@ TEST_F(LocalServerTest, LifecycleOfAManagedCluster)
     ASSERT_TRUE(QFile::link(victim, passwordLink));
 
     // First run on an empty installation: cluster and configuration made, server stopped again.
-    ToolSandbox::Result result = m_installation.runTool();
+    // The password file is created exclusively, so a link planted after any removal fails it.
+    const QString trace = m_installation.root() + u"/trace"_s;
+    const bool traced = !QStandardPaths::findExecutable(u"strace"_s).isEmpty();
+    ToolSandbox::Result result = traced ? ToolSandbox::run(u"strace"_s,
+                                     {u"-e"_s, u"trace=open,openat,creat"_s, u"-E"_s, u"ASAN_OPTIONS=detect_leaks=0"_s,
+                                         u"-o"_s, trace, QStringLiteral(ZENTRIX_TOOL_PATH)},
+                                     m_installation.workDirectory())
+                                        : m_installation.runTool();
+    if (traced) {
+        int creates = 0;
+        for (const QByteArray &line : ToolSandbox::read(trace).split('\n')) {
+            if (!line.contains("password.data\", O_WRONLY"))
+                continue;
+            ++creates;
+            EXPECT_TRUE(line.contains("O_CREAT|O_EXCL")) << line.constData();
+        }
+        EXPECT_EQ(creates, 1);
+    }
     EXPECT_EQ(result.exitCode, 1) << "the product database does not exist yet";
     EXPECT_EQ(m_installation.runLog(), u"[ERROR\t] <ts>: Cannot connect to Postgres server: product\n"_s);
     const QString configPath = m_installation.pgData() + u"/postgresql.conf"_s;
@@ -184,6 +240,21 @@ TEST_F(LocalServerTest, LifecycleOfAManagedCluster)
     m_installation.handOverInstallation();
     EXPECT_EQ(result.exitCode, 0) << m_installation.runLog().toStdString();
     EXPECT_TRUE(m_installation.running());
+
+    // Credentials the running server refuses: no try can change that, so the waits end at once.
+    ASSERT_EQ(m_installation.runDbInfo({u"set"_s, u"password=wrong"_s}).exitCode, 0);
+    m_installation.handOverInstallation();
+    QFile::remove(m_installation.runLogPath());
+    QElapsedTimer elapsed;
+    elapsed.start();
+    EXPECT_EQ(m_installation.runTool().exitCode, 1);
+    EXPECT_LT(elapsed.elapsed(), 30000);
+    EXPECT_TRUE(m_installation.runLog().startsWith(
+        u"[ERROR\t] <ts>: The database server at 127.0.0.1:%1 refused the "
+        "connection, and trying again cannot change that: "_s.arg(m_installation.port())))
+        << m_installation.runLog().toStdString();
+    EXPECT_TRUE(m_installation.runLog().contains(u"password authentication failed for user \"zentrix_test\""_s));
+    EXPECT_TRUE(m_installation.runLog().endsWith(u"\n[ERROR\t] <ts>: Failed to init Postgres service\n"_s));
 }
 
 TEST_F(LocalServerTest, ADataDirectoryWithOnlyHiddenEntriesIsMadeAnewAndANonEmptyOneNeverRemoved)
@@ -210,21 +281,60 @@ TEST_F(LocalServerTest, ADataDirectoryWithOnlyHiddenEntriesIsMadeAnewAndANonEmpt
           "[ERROR\t] <ts>: Failed to init Postgres service\n"_s));
 }
 
-TEST_F(LocalServerTest, PortHeldByAnotherServerFailsWithinTheBoundedWaitAndLeavesItAlone)
+// Whatever holds the installation's port while its own server is down ends the run at once,
+// and the run talks to none of it: another server (even one that knows the installation's
+// credentials and holds a product database), a program that accepts and never answers, and
+// sockets that are bound but not listening, where only the server's own failure to bind tells.
+TEST_F(LocalServerTest, APortHeldByAnotherProgramEndsTheRunAtOnceAndConnectsToNothingThere)
 {
     TestServer other;
     ASSERT_EQ(other.error(), QString());
-    ASSERT_TRUE(m_installation.provision(other.port(), u"product"_s, u"local"_s));
-    // Credentials that the other server does not know.
-    ASSERT_EQ(m_installation.runDbInfo({u"set"_s, u"password=other"_s}).exitCode, 0);
-    m_installation.handOverInstallation();
-    QElapsedTimer elapsed;
-    elapsed.start();
-    EXPECT_EQ(m_installation.runTool().exitCode, 1);
-    EXPECT_LT(elapsed.elapsed(), 120000);
-    EXPECT_EQ(m_installation.runLog(), u"[ERROR\t] <ts>: Failed to init Postgres service\n"_s);
-    EXPECT_FALSE(m_installation.running());
-    EXPECT_EQ(other.sql(u"SELECT 1"_s, u"postgres"_s), QStringList({u"1"_s}));
+    other.freshProductDatabase();
+    const QString damaged = uR"({"a":"\ud800"})"_s;
+    other.sql(u"CREATE SCHEMA warehouse; CREATE TABLE warehouse.control_refresh (instance_id int, last_request_id "
+              "bigint); CREATE SCHEMA scan; CREATE TABLE scan.file (instance_id int, request_id bigint, "
+              "filetype_details text); INSERT INTO warehouse.control_refresh VALUES (1, 0); INSERT INTO scan.file "
+              "VALUES (1, 5, '"_s
+        + damaged + u"');"_s);
+    QTcpServer silent;
+    ASSERT_TRUE(silent.listen(QHostAddress::LocalHost));
+    const int boundPort = TestServer::freePort();
+    const BoundSocket bound4(QHostAddress::LocalHost, boundPort);
+    const BoundSocket bound6(QHostAddress::LocalHostIPv6, boundPort);
+    const QString another = uR"(\[ERROR\t\] <ts>: Another program already listens on 127\.0\.0\.1:%1 \(process \d+ )"
+                            uR"(\(%2\)\), where this installation's database server must start; the run connected )"
+                            uR"(to nothing there\. Stop that program, or give this installation another port\.\n)"_s;
+    const struct {
+        const char *name;
+        int port;
+        QStringList more;
+        QString firstLine;
+    } cases[] = {
+        {"another server, other credentials", other.port(), {u"password=other"_s},
+            another.arg(other.port()).arg(u"postgres"_s)},
+        {"another server, the installation's credentials", other.port(), {},
+            another.arg(other.port()).arg(u"postgres"_s)},
+        {"a program that never answers", silent.serverPort(), {},
+            another.arg(silent.serverPort()).arg(u"local_server_te"_s)},
+        {"bound, not listening", boundPort, {},
+            uR"(\[ERROR\t\] <ts>: The database server started by this run stopped at once: .*could not bind IPv4 )"
+            uR"(address "127\.0\.0\.1": Address already in use.*FATAL: could not create any TCP/IP sockets\n)"_s},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.name);
+        ASSERT_TRUE(m_installation.provision(c.port, u"product"_s, u"local"_s, c.more));
+        m_installation.handOverInstallation();
+        QFile::remove(m_installation.runLogPath());
+        QElapsedTimer elapsed;
+        elapsed.start();
+        EXPECT_EQ(m_installation.runTool().exitCode, 1);
+        EXPECT_LT(elapsed.elapsed(), 30000);
+        const QRegularExpression expected(
+            u'^' + c.firstLine + uR"(\[ERROR\t\] <ts>: Failed to init Postgres service\n$)"_s);
+        EXPECT_TRUE(expected.match(m_installation.runLog()).hasMatch()) << m_installation.runLog().toStdString();
+        EXPECT_FALSE(m_installation.running());
+        EXPECT_EQ(other.sql(u"SELECT filetype_details FROM scan.file"_s), QStringList{damaged});
+    }
 }
 
 TEST_F(LocalServerTest, StopNeverSignalsAnUnrelatedProcessNamedInTheLockFile)
@@ -296,8 +406,9 @@ TEST_F(LocalServerTest, KilledInterruptedAndOverlappingRuns)
     } cases[] = {{SIGINT, "SIGINT", false}, {SIGTERM, "SIGTERM", true}};
     for (const auto &c : cases) {
         SCOPED_TRACE(c.name);
-        if (c.running)
+        if (c.running) {
             ASSERT_EQ(m_installation.serverCtl({u"start"_s}), 0);
+        }
         QFile::remove(m_installation.runLogPath());
         ToolProcess tool(m_installation);
         QByteArray out;
@@ -314,8 +425,9 @@ TEST_F(LocalServerTest, KilledInterruptedAndOverlappingRuns)
         EXPECT_TRUE(m_installation.runLog().contains(u"[ERROR\t] <ts>: The run was interrupted by "_s + c.name))
             << m_installation.runLog().toStdString();
         EXPECT_EQ(m_installation.running(), c.running) << "the server is as it was before the run";
-        if (!c.running)
+        if (!c.running) {
             ASSERT_EQ(m_installation.serverCtl({u"start"_s}), 0);
+        }
         EXPECT_EQ(m_installation.sql(updates, u"postgres"_s), QStringList{u"0"_s});
         EXPECT_EQ(m_installation.sql(lengths), QStringList{u"1:15 2:14 3:14"_s})
             << "instance 1 done (again in the second case), 2 rolled back, 3 never started";
@@ -323,6 +435,57 @@ TEST_F(LocalServerTest, KilledInterruptedAndOverlappingRuns)
             m_installation.sql(u"DROP TRIGGER slow ON scan.file"_s);
         ASSERT_EQ(m_installation.serverCtl({u"stop"_s}), 0);
     }
+
+    // Interrupted while it waits for its own running server to answer (running elsewhere here),
+    // the wait gives up at once. Stuck inside a connection attempt to a program that never
+    // answers, the run is ended by the watchdog, which first says so and releases the lock.
+    // Either way the password file of a killed run is gone, though no cluster was made.
+    ASSERT_EQ(m_installation.serverCtl({u"start"_s}, TestServer::freePort()), 0);
+    QTcpServer silent;
+    const QString lockFile = m_installation.dataDirectory() + u"/data_normalizer.lock"_s;
+    const struct {
+        int signal;
+        const char *name;
+        bool stuck;
+    } waits[] = {{SIGINT, "SIGINT", false}, {SIGTERM, "SIGTERM", true}};
+    for (const auto &c : waits) {
+        SCOPED_TRACE(c.name);
+        if (c.stuck) {
+            ASSERT_TRUE(silent.listen(QHostAddress::LocalHost, static_cast<quint16>(m_installation.port())));
+            qputenv("PGCONNECT_TIMEOUT", "600");
+        }
+        ToolSandbox::write(password, "left by a killed run");
+        QFile::remove(m_installation.runLogPath());
+        ToolProcess tool(m_installation, {u"--verbose"_s});
+        QByteArray err;
+        if (c.stuck) {
+            ASSERT_TRUE(silent.waitForNewConnection(60000));
+        } else {
+            ASSERT_TRUE(eventually([&] {
+                tool.waitForReadyRead(10);
+                err += tool.readAllStandardError();
+                return err.contains("waiting for the server to answer, try 2 of 120");
+            }));
+        }
+        QElapsedTimer elapsed;
+        elapsed.start();
+        ::kill(static_cast<pid_t>(tool.processId()), c.signal);
+        ASSERT_TRUE(tool.waitForFinished(30000));
+        EXPECT_EQ(tool.exitCode(), 1);
+        if (!c.stuck) {
+            EXPECT_LT(elapsed.elapsed(), Interrupts::kEndLimitMs) << "the wait gave up before the watchdog";
+        }
+        err += tool.readAllStandardError();
+        const QString line = u"The run was interrupted by "_s + c.name;
+        EXPECT_TRUE(err.contains("ERROR: " + line.toUtf8())) << err.constData();
+        EXPECT_TRUE(m_installation.runLog().contains(u"[ERROR\t] <ts>: "_s + line));
+        EXPECT_FALSE(QFile::exists(lockFile));
+        EXPECT_FALSE(QFile::exists(password));
+        EXPECT_TRUE(m_installation.running()) << "a server the run did not start keeps running";
+    }
+    qunsetenv("PGCONNECT_TIMEOUT");
+    silent.close();
+    ASSERT_EQ(m_installation.serverCtl({u"stop"_s}), 0);
 
     // Nothing but the tool's own lines reach the console.
     QFile::remove(m_installation.runLogPath());

@@ -74,9 +74,15 @@ TEST_F(ToolTest, RunOutcomes)
             "Invalid total database connections value: 0", "Invalid total database connections value: 0\n"},
         {"bad job count", {{"--jobs", "x"}, {"--jobs", "0"}, {"--jobs", "11"}, {"--jobs"}}, noSetup, 1, "",
             "ERROR: --jobs needs a number from 1 to 10 (the connection pool, internal/db_connection), not \"%1\"\n",
-            ""},
+            "[ERROR\t] <ts>: --jobs needs a number from 1 to 10 (the connection pool, internal/db_connection), not "
+            "\"%1\"\n"},
         {"log directory missing", {{}}, [this] { QDir(m_sandbox.dataDirectory() + u"/logs"_s).removeRecursively(); }, 1,
             "", "ERROR: Cannot open file log: %2\n", ""},
+        {"log directory missing, verbose", {{"-v"}},
+            [this] { QDir(m_sandbox.dataDirectory() + u"/logs"_s).removeRecursively(); }, 1, "",
+            "ERROR: Cannot open file log: %2\nzentrix-data-normalizer: could not open the run log %2: No such file or "
+            "directory\n",
+            ""},
         {"configuration refused", {{}}, [this] { m_sandbox.writeConfig("dbmode=shared\n"); }, kCrash, "", "", ""},
         {"no configuration", {{}}, [this] { QFile::remove(m_sandbox.configPath()); }, kCrash, "", "", ""},
     };
@@ -106,7 +112,7 @@ TEST_F(ToolTest, RunOutcomes)
             EXPECT_EQ(ordered(QString::fromUtf8(result.out)), ordered(QString::fromUtf8(fileLogLine() + c.out)));
             EXPECT_EQ(QString::fromUtf8(result.err),
                 QString::fromUtf8(c.err).replace(u"%1"_s, arguments.value(1)).replace(u"%2"_s, m_sandbox.runLogPath()));
-            EXPECT_EQ(ordered(m_sandbox.runLog()), ordered(c.runLog));
+            EXPECT_EQ(ordered(m_sandbox.runLog()), ordered(QString(c.runLog).replace(u"%1"_s, arguments.value(1))));
         }
     }
 }
@@ -227,14 +233,36 @@ TEST_F(ToolTest, InformationFileIsOpensslsCipherTextOfSortedJsonReadableByItsOwn
     ToolSandbox::write(m_sandbox.information(),
         ToolSandbox::openssl(
             m_sandbox.key(), R"({"host":"db.example","port":1,"user":"u","password":"pw","type":"2"})"));
-    const ToolSandbox::Result shown = m_sandbox.runDbInfo({u"show"_s});
+    ToolSandbox::Result shown = m_sandbox.runDbInfo({u"show"_s});
     EXPECT_TRUE(shown.out.contains("\"host\": \"db.example\"")) << shown.err.constData();
     EXPECT_TRUE(shown.out.contains("\"password\": \"********\"")) << "secrets are masked unless revealed";
+    EXPECT_EQ(shown.err, "Information file: " + m_sandbox.information().toUtf8() + "\n");
+
+    // The shared copy, as the tool reads it.
+    const QString shared = m_sandbox.information() + u".shared"_s;
+    ToolSandbox::write(shared, ToolSandbox::openssl(m_sandbox.key(), R"({"host":"db.example","port":55999})"));
+    shown = m_sandbox.runDbInfo({u"show"_s});
+    EXPECT_TRUE(shown.out.contains("\"port\": 55999")) << shown.out.constData();
+    EXPECT_EQ(shown.err, "Information file: " + shared.toUtf8() + "\n");
+}
+
+// A run log that cannot be written (a full disk) is said once, with the system's reason, and the
+// run goes on as it would.
+TEST_F(ToolTest, ARunLogThatCannotBeWrittenIsSaidOnce)
+{
+    addInstances({1, 2});
+    ASSERT_TRUE(QFile::link(u"/dev/full"_s, m_sandbox.runLogPath()));
+    const ToolSandbox::Result result = m_sandbox.runTool();
+    QFile::remove(m_sandbox.runLogPath());
+    EXPECT_EQ(result.exitCode, 0);
+    EXPECT_EQ(result.out, fileLogLine() + doneLine(1) + doneLine(2));
+    EXPECT_EQ(result.err,
+        "WARNING: Cannot write to the run log " + m_sandbox.runLogPath().toUtf8() + ": No space left on device\n");
 }
 
 // Each way a connection fails names its reason under --verbose, while the plain run keeps the
-// product's console and run log. A server that accepts but never answers is bounded only by
-// libpq's PGCONNECT_TIMEOUT.
+// product's console and run log. A server that accepts but never answers is bounded by the
+// tool's own connect timeout, or by libpq's PGCONNECT_TIMEOUT where one is set.
 TEST_F(ToolTest, VerboseNamesWhyTheConnectionFailedAndThePlainRunStaysAsItWas)
 {
     QTcpServer silent;
@@ -245,15 +273,20 @@ TEST_F(ToolTest, VerboseNamesWhyTheConnectionFailedAndThePlainRunStaysAsItWas)
         QString dbName;
         QStringList more;
         const char *reason;
+        const char *connectTimeout = "1";
     } cases[] = {
         {"wrong password", server().port(), u"product"_s, {u"password=wrong"_s}, "password authentication failed"},
         {"unknown database", server().port(), u"nosuch"_s, {}, "database \"nosuch\" does not exist"},
         {"nothing listens", TestServer::freePort(), u"product"_s, {}, "Connection refused"},
         {"no answer", silent.serverPort(), u"product"_s, {}, "timeout expired"},
+        {"no answer, the tool's own bound", silent.serverPort(), u"product"_s, {}, "timeout expired", nullptr},
     };
-    qputenv("PGCONNECT_TIMEOUT", "1");
     for (const auto &c : cases) {
         SCOPED_TRACE(c.name);
+        if (c.connectTimeout)
+            qputenv("PGCONNECT_TIMEOUT", c.connectTimeout);
+        else
+            qunsetenv("PGCONNECT_TIMEOUT");
         ASSERT_TRUE(m_sandbox.provision(c.port, c.dbName, u"remote"_s, c.more));
         QFile::remove(m_sandbox.runLogPath());
         const ToolSandbox::Result plain = m_sandbox.runTool();

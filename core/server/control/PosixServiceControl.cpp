@@ -46,6 +46,8 @@ void PosixServiceControl::start()
     const QString logDirectory = m_context.dataDirectory + QStringLiteral("/log");
     QDir().mkpath(logDirectory);
     m_context.account.handOver(logDirectory);
+    m_serverLog.mark();
+    m_startError.clear();
     // "-k ''": no Unix-domain socket, so nothing outside the data directory is needed.
     const ProcessResult result = m_runner->run(m_context.pgCtlPath,
         {QStringLiteral("start"), QStringLiteral("-D"), m_context.dataDirectory, QStringLiteral("-W"),
@@ -55,10 +57,23 @@ void PosixServiceControl::start()
     if (result.exitCode == 0)
         return;
     const QString output = QString::fromLocal8Bit(result.standardError + result.standardOutput);
+    m_startError = output.simplified();
     log(QStringLiteral("Postgres server start failed"), output, PostgresLogLevel::Error);
     if (m_context.relay)
         m_context.relay->reason(QStringLiteral("start the database server in ") + m_context.dataDirectory,
             result.started ? output : QStringLiteral("%1 could not be run").arg(m_context.pgCtlPath));
+}
+
+// The server writes its lock file before it binds its port and removes it when it gives up,
+// so its own complaint in its log and no live server behind the lock file mean it has gone.
+QString PosixServiceControl::startFailure()
+{
+    if (!m_startError.isEmpty())
+        return m_startError;
+    const QStringList complaints = m_serverLog.complaintsSinceMark();
+    if (complaints.isEmpty() || lockOwner(m_context.dataDirectory) == LockOwner::Server)
+        return QString();
+    return complaints.join(QStringLiteral("; "));
 }
 
 int PosixServiceControl::status()

@@ -37,6 +37,7 @@ public:
     void stop() override;
     void unregisterService() override;
     bool exists() override;
+    QString startFailure() override;
 
     // pid receives the PID the verdict is about, so that what is logged or signalled is
     // exactly the process that was checked, not a later read of the file.
@@ -45,6 +46,9 @@ public:
 private:
     LockOwner checkLockFile(qint64 *pid = nullptr);
     void killLeftover();
+
+    // What pg_ctl itself said when the start failed.
+    QString m_startError;
 };
 
 } // namespace core

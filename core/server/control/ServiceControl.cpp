@@ -13,6 +13,7 @@ namespace core {
 ServiceControl::ServiceControl(const ServiceContext &context, std::unique_ptr<ProcessRunner> runner)
     : m_context(context)
     , m_runner(std::move(runner))
+    , m_serverLog(context.dataDirectory)
 { }
 
 ServiceControl::~ServiceControl() = default;

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "core/relay/PostgresLogRelay.h"
+#include "core/server/ServerLog.h"
 #include "core/server/process/ProcessRunner.h"
 #include "core/server/process/ServerAccount.h"
 
@@ -33,6 +34,8 @@ public:
     static std::unique_ptr<ServiceControl> create(const ServiceContext &context, std::unique_ptr<ProcessRunner> runner);
 
     static constexpr int kStatusTimeoutMs = 30000;
+    // pg_ctl status: no server runs in the data directory.
+    static constexpr int kNotRunning = 3;
 
     ServiceControl(const ServiceContext &context, std::unique_ptr<ProcessRunner> runner);
     virtual ~ServiceControl();
@@ -47,6 +50,9 @@ public:
     virtual void unregisterService() = 0;
     // pg_ctl's status: 0 running, 3 not running, anything else a failure.
     virtual int status();
+    // After start(): why the server is known not to come up (it could not bind its port, say),
+    // or empty while it may still answer.
+    virtual QString startFailure() = 0;
     virtual bool exists() = 0;
 
 protected:
@@ -54,6 +60,8 @@ protected:
 
     ServiceContext m_context;
     std::unique_ptr<ProcessRunner> m_runner;
+    // Marked when a start begins, so that only that start's complaints are read.
+    ServerLog m_serverLog;
 };
 
 } // namespace core

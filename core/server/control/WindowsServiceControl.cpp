@@ -44,7 +44,18 @@ void WindowsServiceControl::registerService()
 
 void WindowsServiceControl::start()
 {
+    m_serverLog.mark();
     runToCompletion(QStringLiteral("net"), {QStringLiteral("start"), kService});
+    // "net start" returns once the service runs or has stopped again, so a server that could
+    // not start is known at once.
+    m_startFailure.clear();
+    if (status() != kNotRunning)
+        return;
+    const QStringList complaints = m_serverLog.complaintsSinceMark();
+    m_startFailure = complaints.isEmpty()
+        ? QStringLiteral("no server runs in %1 after \"net start %2\"; the server's reason is in the Windows event log")
+              .arg(m_context.dataDirectory, kService)
+        : complaints.join(QStringLiteral("; "));
 }
 
 void WindowsServiceControl::stop()

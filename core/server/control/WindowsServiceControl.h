@@ -20,9 +20,12 @@ public:
     void stop() override;
     void unregisterService() override;
     bool exists() override;
+    QString startFailure() override { return m_startFailure; }
 
 private:
     ProcessResult runToCompletion(const QString &program, const QStringList &arguments);
+
+    QString m_startFailure;
 };
 
 } // namespace core

@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <QDir>
 #include <QFile>
 #include <QTemporaryDir>
 
@@ -23,7 +24,21 @@ TEST(WindowsServiceControlTest, CommandLinesOfEveryOperation)
     script->exitCodes.insert(u"pg_ctl.exe status"_s, 3);
     script->exitCodes.insert(u"sc query"_s, 1060);
     control.registerService();
+    // A server that stops again at once is known from the status after "net start", with the
+    // complaint its own log holds.
+    QDir(dataDirectory.path()).mkpath(u"log"_s);
+    const QString serverLog = dataDirectory.filePath(u"log/postgresql.log"_s);
+    ToolSandbox::write(serverLog, "LOG:  a FATAL: of an earlier start\n");
+    script->hooks.insert(u"net start"_s, [&serverLog] {
+        QFile log(serverLog);
+        log.open(QIODevice::Append);
+        log.write("LOG:  could not bind IPv4 address \"127.0.0.1\": Address already in use\nFATAL:  could not create "
+                  "any TCP/IP sockets\n");
+    });
     control.start();
+    EXPECT_EQ(control.startFailure(),
+        u"LOG: could not bind IPv4 address \"127.0.0.1\": Address already in use; FATAL: "
+        "could not create any TCP/IP sockets"_s);
     EXPECT_EQ(control.status(), 3);
     EXPECT_FALSE(control.exists());
     EXPECT_EQ(script->lines,
@@ -32,7 +47,11 @@ TEST(WindowsServiceControlTest, CommandLinesOfEveryOperation)
             u"sc|description|zentrix-postgresql|Sentrova Core PostgreSQL Service @-1"_s,
             u"sc|config|zentrix-postgresql|displayname=|Tarvex Sentrova Core PostgreSQL @-1"_s,
             u"net|start|zentrix-postgresql @-1"_s, pgCtl + "|status|-D|" + dataDirectory.path() + " @30000",
-            u"sc|query|zentrix-postgresql @-1"_s}));
+            pgCtl + "|status|-D|" + dataDirectory.path() + " @30000", u"sc|query|zentrix-postgresql @-1"_s}));
+    script->hooks.clear();
+    script->exitCodes.insert(u"pg_ctl.exe status"_s, 0);
+    control.start();
+    EXPECT_EQ(control.startFailure(), QString()) << "a running server";
 
     // Stopping kills only a usable PID from the lock file, and always unregisters.
     const QStringList unregister
