@@ -1,6 +1,7 @@
+#include "app/run/ProcessEnd.h"
 #include "app/run/RunDriver.h"
 
 int main(int argc, char **argv)
 {
-    return RunDriver().run(argc, argv);
+    return ProcessEnd::finish(RunDriver().run(argc, argv));
 }

@@ -4,7 +4,7 @@
 #include <QSqlError>
 #include <QThread>
 
-#include <thread>
+#include <memory>
 #include <vector>
 
 namespace {
@@ -26,12 +26,16 @@ void ParallelInstances::run(QSqlQuery &mainQuery, int count, int jobs, const Set
 {
     m_count = count;
     m_next = 0;
-    std::vector<std::thread> threads;
-    for (int extra = 1; extra < std::min(jobs, count); ++extra)
-        threads.emplace_back([this, &setup, &job] { work(setup, job); });
+    // Qt's own threads: Qt SQL keeps per-thread data that a thread Qt did not start may leave
+    // behind half torn down when it ends (MinGW's runtime on Windows crashes on it).
+    std::vector<std::unique_ptr<QThread>> threads;
+    for (int extra = 1; extra < std::min(jobs, count); ++extra) {
+        threads.emplace_back(QThread::create([this, &setup, &job] { work(setup, job); }));
+        threads.back()->start();
+    }
     takeJobs(mainQuery, job);
-    for (std::thread &thread : threads)
-        thread.join();
+    for (const std::unique_ptr<QThread> &thread : threads)
+        thread->wait();
 }
 
 void ParallelInstances::takeJobs(QSqlQuery &query, const Job &job)

@@ -33,6 +33,8 @@ TEST_F(ToolTest, AnInterruptedPassLeavesEveryInstanceWholeAndTheNextRunCompletes
 {
     for (const bool killTool : {true, false}) {
         SCOPED_TRACE(killTool ? "tool killed" : "server stopped");
+        if (!killTool && server().isExternal())
+            continue;
         SetUp();
         addInstances({1, 2, 3});
         sql(u"INSERT INTO scan.file (instance_id, request_id, filetype_details) SELECT i, 100, %1 FROM "
@@ -162,7 +164,7 @@ TEST_F(ToolTest, BadInformationAndKeyFiles)
     ASSERT_EQ(kept.size(), 3);
     EXPECT_EQ(ToolSandbox::read(installation.filePath(kept.first())), good.left(good.size() / 2));
     for (const QString &copy : kept)
-        EXPECT_EQ(QFile::permissions(installation.filePath(copy)) & 0x0077, 0) << "readable by its owner only";
+        EXPECT_TRUE(ToolSandbox::ownerOnly(installation.filePath(copy))) << "readable by its owner only";
 }
 
 // A run as root must not write whatever a link planted at a secret file's path names.

@@ -15,11 +15,9 @@
 #include <QRegularExpression>
 #include <QStandardPaths>
 #include <QTcpServer>
+#include <QTcpSocket>
 
-#include <arpa/inet.h>
 #include <csignal>
-#include <netinet/in.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 using namespace Qt::StringLiterals;
@@ -126,36 +124,6 @@ public:
             ::kill(-static_cast<pid_t>(processId()), SIGKILL);
         waitForFinished();
     }
-};
-
-// A TCP port taken without listening: nothing answers a client there, but no server can bind it.
-class BoundSocket
-{
-public:
-    BoundSocket(const QHostAddress &address, int port)
-    {
-        const bool six = address.protocol() == QAbstractSocket::IPv6Protocol;
-        m_socket = ::socket(six ? AF_INET6 : AF_INET, SOCK_STREAM, 0);
-        sockaddr_storage storage = {};
-        if (six) {
-            auto *in6 = reinterpret_cast<sockaddr_in6 *>(&storage);
-            in6->sin6_family = AF_INET6;
-            in6->sin6_port = htons(static_cast<uint16_t>(port));
-            in6->sin6_addr = in6addr_loopback;
-        } else {
-            auto *in4 = reinterpret_cast<sockaddr_in *>(&storage);
-            in4->sin_family = AF_INET;
-            in4->sin_port = htons(static_cast<uint16_t>(port));
-            in4->sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        }
-        ::bind(m_socket, reinterpret_cast<sockaddr *>(&storage), six ? sizeof(sockaddr_in6) : sizeof(sockaddr_in));
-    }
-    ~BoundSocket() { ::close(m_socket); }
-    BoundSocket(const BoundSocket &) = delete;
-    BoundSocket &operator=(const BoundSocket &) = delete;
-
-private:
-    int m_socket = -1;
 };
 
 } // namespace
@@ -298,9 +266,12 @@ TEST_F(LocalServerTest, APortHeldByAnotherProgramEndsTheRunAtOnceAndConnectsToNo
         + damaged + u"');"_s);
     QTcpServer silent;
     ASSERT_TRUE(silent.listen(QHostAddress::LocalHost));
+    // Bound without listening: nothing answers a client there, but no server can bind it.
     const int boundPort = TestServer::freePort();
-    const BoundSocket bound4(QHostAddress::LocalHost, boundPort);
-    const BoundSocket bound6(QHostAddress::LocalHostIPv6, boundPort);
+    QTcpSocket bound4;
+    QTcpSocket bound6;
+    bound4.bind(QHostAddress::LocalHost, static_cast<quint16>(boundPort), QAbstractSocket::DontShareAddress);
+    bound6.bind(QHostAddress::LocalHostIPv6, static_cast<quint16>(boundPort), QAbstractSocket::DontShareAddress);
     const QString another = uR"(\[ERROR\t\] <ts>: Another program already listens on 127\.0\.0\.1:%1 \(process \d+ )"
                             uR"(\(%2\)\), where this installation's database server must start; the run connected )"
                             uR"(to nothing there\. Stop that program, or give this installation another port\.\n)"_s;

@@ -30,6 +30,10 @@ core::ServerAccount TestServer::unprivilegedAccount()
 TestServer::TestServer()
     : m_account(unprivilegedAccount())
 {
+    m_port = qEnvironmentVariableIntValue(kExternalPortVariable);
+    m_external = m_port != 0;
+    if (m_external)
+        return;
     if (!m_account.isValid())
         m_error = u"running as root and no unprivileged 'postgres' account exists"_s;
     else if (binDirectory().isEmpty())
@@ -98,6 +102,8 @@ QString TestServer::run(const QString &program, const QStringList &arguments) co
 
 bool TestServer::start()
 {
+    if (m_external)
+        return false;
     // A restart keeps the port, so clients configured for it find the server again.
     if (m_port == 0)
         m_port = freePort();
@@ -109,6 +115,8 @@ bool TestServer::start()
 
 void TestServer::stop(const QString &mode)
 {
+    if (m_external)
+        return;
     if (QFile::exists(dataDirectory() + u"/postmaster.pid"_s))
         run(u"pg_ctl"_s, {u"stop"_s, u"-D"_s, dataDirectory(), u"-m"_s, mode, u"-w"_s});
 }

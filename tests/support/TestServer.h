@@ -15,6 +15,10 @@ class TestServer
 public:
     static constexpr const char *kUser = "zentrix_test";
     static constexpr const char *kPassword = "s3cret-pw";
+    // Set to a port, the tests use the server listening there on 127.0.0.1 (which knows kUser)
+    // instead of making one: a test script runs it where the test programs cannot, as for the
+    // Windows programs under Wine.
+    static constexpr const char *kExternalPortVariable = "ZENTRIX_TEST_SERVER_PORT";
 
     TestServer();
     ~TestServer();
@@ -27,6 +31,8 @@ public:
 
     // Empty when the server runs; otherwise why it does not.
     QString error() const { return m_error; }
+    // Run by someone else: it cannot be stopped or started here.
+    bool isExternal() const { return m_external; }
     bool start();
     void stop(const QString &mode = QStringLiteral("fast"));
 
@@ -55,5 +61,6 @@ private:
     QTemporaryDir m_root;
     core::ServerAccount m_account;
     int m_port = 0;
+    bool m_external = false;
     QString m_error;
 };

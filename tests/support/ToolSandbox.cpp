@@ -5,8 +5,11 @@
 #include <QDate>
 #include <QDir>
 #include <QFile>
+#include <QFileInfo>
 #include <QProcess>
 #include <QRegularExpression>
+
+#include <openssl/evp.h>
 
 using namespace Qt::StringLiterals;
 
@@ -77,8 +80,13 @@ ToolSandbox::Result ToolSandbox::run(const QString &program, const QStringList &
         process.waitForFinished();
     }
     result.exitCode = process.exitCode();
-    result.out = process.readAllStandardOutput();
-    result.err = process.readAllStandardError();
+#ifdef Q_OS_WIN
+    // abort() ends a Windows process with status 3 rather than by a signal.
+    result.crashed = result.crashed || result.exitCode == 3;
+#endif
+    // A Windows console program ends its lines with CR LF; the lines are the same.
+    result.out = process.readAllStandardOutput().replace("\r\n", "\n");
+    result.err = process.readAllStandardError().replace("\r\n", "\n");
     return result;
 }
 
@@ -90,10 +98,41 @@ QByteArray ToolSandbox::read(const QString &path)
 
 void ToolSandbox::write(const QString &path, const QByteArray &bytes)
 {
+    // On Windows the configuration file's name is a path of nested folders.
+    QDir().mkpath(QFileInfo(path).absolutePath());
     QFile file(path);
     if (file.open(QIODevice::WriteOnly | QIODevice::Truncate))
         file.write(bytes);
 }
+
+bool ToolSandbox::ownerOnly(const QString &path)
+{
+#ifdef Q_OS_WIN
+    Q_UNUSED(path);
+    return true;
+#else
+    return (QFile::permissions(path) & 0x0077) == 0;
+#endif
+}
+
+namespace {
+// libcrypto's own cipher, where the openssl program cannot be run (the Windows test programs
+// under Wine).
+QByteArray evpCipher(const QByteArray &key, const QByteArray &input, bool decrypt)
+{
+    EVP_CIPHER_CTX *context = EVP_CIPHER_CTX_new();
+    QByteArray output(input.size() + 8, '\0');
+    int written = 0;
+    int last = 0;
+    const auto *bytes = reinterpret_cast<const unsigned char *>(key.constData());
+    EVP_CipherInit_ex(context, EVP_des_ede3_cfb8(), nullptr, bytes, bytes, decrypt ? 0 : 1);
+    EVP_CipherUpdate(context, reinterpret_cast<unsigned char *>(output.data()), &written,
+        reinterpret_cast<const unsigned char *>(input.constData()), static_cast<int>(input.size()));
+    EVP_CipherFinal_ex(context, reinterpret_cast<unsigned char *>(output.data()) + written, &last);
+    EVP_CIPHER_CTX_free(context);
+    return output.left(written + last);
+}
+} // namespace
 
 QByteArray ToolSandbox::openssl(const QString &keyFile, const QByteArray &input, bool decrypt)
 {
@@ -103,6 +142,8 @@ QByteArray ToolSandbox::openssl(const QString &keyFile, const QByteArray &input,
         QStringList{u"enc"_s, u"-des-ede3-cfb8"_s, u"-K"_s, QString::fromLatin1(key.toHex()), u"-iv"_s,
             QString::fromLatin1(key.left(8).toHex())}
             + (decrypt ? QStringList{u"-d"_s} : QStringList()));
+    if (!process.waitForStarted())
+        return key.size() == 24 ? evpCipher(key, input, decrypt) : QByteArray();
     process.write(input);
     process.closeWriteChannel();
     process.waitForFinished();

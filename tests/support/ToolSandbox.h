@@ -44,6 +44,8 @@ public:
     // The openssl command line's triple DES in 8-bit CFB with the key file's keys, the first as IV.
     static QByteArray openssl(const QString &keyFile, const QByteArray &input, bool decrypt = false);
     static void write(const QString &path, const QByteArray &bytes);
+    // Only group and other bits clear; where files carry no mode bits (Windows: ACLs), true.
+    static bool ownerOnly(const QString &path);
 
 private:
     QTemporaryDir m_root;

@@ -1,0 +1,160 @@
+#!/usr/bin/env bash
+# Builds the Windows SDK the cross build links against: Qt's Core, Network and Sql with the
+# PostgreSQL driver, OpenSSL (libcrypto, libssl), libpq and GoogleTest, all from Debian's source
+# packages of the versions this machine has, with the MinGW-w64 cross compilers.
+#
+# The SDK goes to $ZENTRIX_WINDOWS_SDK_CACHE/<versions> (default ~/.cache/zentrix-windows-sdk),
+# one folder per set of versions, so a new Debian point release builds a new one. Each component
+# is built once; with the SDK in place the script returns in seconds. The SDK's path is the only
+# thing printed on standard output; progress goes to standard error.
+set -euo pipefail
+repo=$(cd "$(dirname "$0")/.." && pwd)
+
+say() { echo "windows-sdk: $*" >&2; }
+
+"$repo/scripts/install-deps.sh" g++-mingw-w64-x86-64-posix gcc-mingw-w64-x86-64-posix dpkg-dev \
+    ninja-build make perl >&2
+
+cache=${ZENTRIX_WINDOWS_SDK_CACHE:-${XDG_CACHE_HOME:-$HOME/.cache}/zentrix-windows-sdk}
+
+# apt-get source through a deb-src list of our own, for the Debian archives the machine already
+# uses; the machine's own sources and package lists stay as they are. The list is read once and
+# kept with the cache, so the versions below stay put until the cache is removed.
+apt_dir="$cache/apt"
+apt_options=(-o "Dir::Etc::SourceList=$apt_dir/sources.list" -o "Dir::Etc::SourceParts=$apt_dir/parts"
+    -o "Dir::State::Lists=$apt_dir/lists" -o "Dir::Cache=$apt_dir/cache" -o "APT::Sandbox::User=root")
+if [ ! -e "$apt_dir/updated" ]; then
+    mkdir -p "$apt_dir/parts" "$apt_dir/lists/partial" "$apt_dir/cache/archives/partial"
+    apt-get indextargets --format '$(REPO_URI) $(RELEASE) $(COMPONENT)' 'Identifier: Packages' |
+        grep -E '^https?://[^ ]*/debian(-security)?/ ' | sort -u | sed 's/^/deb-src /' >"$apt_dir/sources.list"
+    apt-get "${apt_options[@]}" update -qq >&2
+    touch "$apt_dir/updated"
+fi
+
+# Each library is built in the version of the Linux build's own package where the archive still
+# serves its source, else in the newest it serves. Qt must match exactly: its host tools (moc, rcc
+# from qt6-base-dev) generate code for the Qt they come with. Sources are kept with the cache.
+sources="$cache/sources"
+mkdir -p "$sources"
+source_version() {
+    local package=$1 installed=$2 candidates version
+    candidates=$( (echo "$installed"; apt-cache "${apt_options[@]}" showsrc "$package" |
+        sed -n 's/^Version: //p' | sort -urV) | awk '!seen[$0]++')
+    for version in $candidates; do
+        if [ -e "$sources/${package}_$version.dsc" ]; then echo "$version"; return; fi
+        [ -e "$sources/${package}_$version.unavailable" ] && continue
+        if (cd "$sources" && apt-get "${apt_options[@]}" source --download-only -qq "$package=$version" >&2); then
+            echo "$version"
+            return
+        fi
+        touch "$sources/${package}_$version.unavailable"
+    done
+    say "no source of $package can be fetched"
+    exit 1
+}
+installed_source() { dpkg-query -W -f='${source:Version}' "$1"; }
+declare -A versions=(
+    [openssl]=$(source_version openssl "$(installed_source libssl-dev)")
+    [postgresql-15]=$(source_version postgresql-15 "$(installed_source libpq-dev)")
+    [qt6-base]=$(source_version qt6-base "$(installed_source qt6-base-dev)")
+    [googletest]=$(source_version googletest "$(installed_source libgtest-dev)")
+)
+if [ "${versions[qt6-base]}" != "$(installed_source qt6-base-dev)" ]; then
+    say "the archive no longer serves qt6-base $(installed_source qt6-base-dev), the version of this machine's Qt tools"
+    exit 1
+fi
+mingw_version=$(dpkg-query -W -f='${Version}' g++-mingw-w64-x86-64-posix)
+key="win64-openssl_${versions[openssl]}-pg_${versions[postgresql-15]}-qt_${versions[qt6-base]}"
+key+="-gtest_${versions[googletest]}-gcc_${mingw_version%%-*}"
+sdk="$cache/$key"
+work="$cache/build"
+logs="$cache/logs"
+mkdir -p "$sdk/.built" "$logs"
+
+unpack_source() {
+    local package=$1 version=$2 into=$3
+    rm -rf "$into" && mkdir -p "$into"
+    dpkg-source --no-check -x "$sources/${package}_${version#*:}.dsc" "$into/source"
+}
+
+# Runs one component's build with its output in a log of its own; shows the log's end on failure.
+step=0
+component() {
+    local name=$1 builder=$2 log="$logs/$1.log"
+    step=$((step + 1))
+    if [ -e "$sdk/.built/$name" ]; then
+        say "[$step/4] $name ${versions[$name]}: in place"
+        return
+    fi
+    say "[$step/4] $name ${versions[$name]}: fetching and building (log: $log)"
+    local started=$SECONDS status
+    # Not in a condition, where bash would ignore the builder's own errexit.
+    set +e
+    (set -ex && "$builder" "$work/$name" "${versions[$name]}") >"$log" 2>&1
+    status=$?
+    set -e
+    if [ "$status" -ne 0 ]; then
+        tail -n 40 "$log" >&2
+        say "building $name failed; the whole log is $log"
+        exit 1
+    fi
+    touch "$sdk/.built/$name"
+    rm -rf "$work/$name"
+    say "[$step/4] $name: built in $((SECONDS - started)) s"
+}
+
+host=x86_64-w64-mingw32
+jobs=$(nproc)
+toolchain="$repo/cmake/mingw-w64-x86_64.cmake"
+
+build_openssl() {
+    unpack_source openssl "$2" "$1"
+    cd "$1/source"
+    CC=$host-gcc-posix CXX=$host-g++-posix AR=$host-ar RANLIB=$host-ranlib RC=$host-windres \
+        ./Configure mingw64 shared no-tests --prefix="$sdk" --libdir=lib
+    make -j "$jobs" build_libs
+    make install_dev install_runtime_libs
+}
+
+# libpq only, with TLS through the OpenSSL above; its import library comes out as libpq.a.
+build_postgresql() {
+    unpack_source postgresql-15 "$2" "$1"
+    cd "$1/source"
+    CC=$host-gcc-posix ./configure --build=x86_64-pc-linux-gnu --host=$host --prefix="$sdk" \
+        --without-readline --without-zlib --without-icu --without-llvm --with-ssl=openssl \
+        --with-includes="$sdk/include" --with-libraries="$sdk/lib"
+    make -C src/interfaces/libpq -j "$jobs"
+    make -C src/interfaces/libpq install
+    make -C src/include install
+}
+
+build_qt6-base() {
+    unpack_source qt6-base "$2" "$1"
+    cmake -S "$1/source" -B "$1/build" -G Ninja -DCMAKE_TOOLCHAIN_FILE="$toolchain" \
+        -DZENTRIX_WINDOWS_SDK="$sdk" -DQT_HOST_PATH=/usr -DCMAKE_BUILD_TYPE=Release \
+        -DCMAKE_INSTALL_PREFIX="$sdk" -DPostgreSQL_ROOT="$sdk" \
+        -DQT_BUILD_EXAMPLES=OFF -DQT_BUILD_TESTS=OFF -DQT_BUILD_BENCHMARKS=OFF \
+        -DFEATURE_gui=OFF -DFEATURE_widgets=OFF -DFEATURE_dbus=OFF -DFEATURE_opengl=OFF \
+        -DFEATURE_icu=OFF -DFEATURE_concurrent=OFF -DFEATURE_xml=OFF -DFEATURE_testlib=OFF \
+        -DFEATURE_printsupport=OFF -DFEATURE_openssl=OFF -DFEATURE_glib=OFF -DFEATURE_zstd=OFF \
+        -DFEATURE_brotli=OFF -DFEATURE_libproxy=OFF -DFEATURE_gssapi=OFF \
+        -DFEATURE_system_zlib=OFF -DFEATURE_system_pcre2=OFF -DFEATURE_system_doubleconversion=OFF \
+        -DFEATURE_sql_psql=ON -DFEATURE_sql_sqlite=OFF -DFEATURE_sql_odbc=OFF \
+        -DFEATURE_sql_mysql=OFF -DFEATURE_sql_ibase=OFF -DFEATURE_sql_oci=OFF -DFEATURE_sql_db2=OFF
+    cmake --build "$1/build" -j "$jobs"
+    cmake --install "$1/build"
+}
+
+build_googletest() {
+    unpack_source googletest "$2" "$1"
+    cmake -S "$1/source" -B "$1/build" -G Ninja -DCMAKE_TOOLCHAIN_FILE="$toolchain" \
+        -DZENTRIX_WINDOWS_SDK="$sdk" -DCMAKE_BUILD_TYPE=Release -DCMAKE_INSTALL_PREFIX="$sdk"
+    cmake --build "$1/build" -j "$jobs"
+    cmake --install "$1/build"
+}
+
+component openssl build_openssl
+component postgresql-15 build_postgresql
+component qt6-base build_qt6-base
+component googletest build_googletest
+echo "$sdk"
