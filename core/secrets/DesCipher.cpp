@@ -57,6 +57,8 @@ bool DesCipher::loadOrCreateKeyFile(const QString &path)
         const QByteArray material = file.open(QIODevice::ReadOnly) ? file.read(kKeyMaterialLength) : QByteArray();
         if (file.error() != QFileDevice::NoError)
             throw Exception(QStringLiteral("Could not read the key file %1: %2").arg(path, file.errorString()));
+        // Windows cannot replace a file that is still open.
+        file.close();
         if (material.size() == kKeyMaterialLength) {
             setKeys(material);
             return true;
