@@ -3,10 +3,12 @@
 #include "core/server/FreshFile.h"
 #include "core/server/process/PostgresProcess.h"
 
+#include <QDeadlineTimer>
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
 #include <QProcessEnvironment>
+#include <QThread>
 
 namespace core {
 
@@ -96,7 +98,10 @@ bool ClusterCreator::create()
     else if (!QDir().rename(work, m_settings.dataDirectory))
         m_relay.reason(QStringLiteral("move the new cluster into ") + m_settings.dataDirectory,
             QStringLiteral("renaming %1 failed").arg(work));
-    QDir(work).removeRecursively();
+    // A killed initdb leaves its bootstrap server writing into the folder until that notices its
+    // input is gone, so the removal is tried again for a moment.
+    for (QDeadlineTimer deadline(kWorkRemovalLimitMs); !QDir(work).removeRecursively() && !deadline.hasExpired();)
+        QThread::msleep(kInterruptPollMs);
     if (interruptible && m_settings.interrupted())
         return false;
     m_relay.log(QStringLiteral("Creating postgres database cluster successful"), QString(), PostgresLogLevel::Info);

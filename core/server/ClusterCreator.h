@@ -20,6 +20,9 @@ public:
     static constexpr int kWaitSliceMs = 3000;
     // How often a running initdb is checked for an interrupt of the run.
     static constexpr int kInterruptPollMs = 100;
+    // How long the work folder of a stopped initdb may take to come off the disk: its bootstrap
+    // server ends as soon as it finds initdb, which feeds its input, gone.
+    static constexpr int kWorkRemovalLimitMs = 5000;
     static constexpr const char *kPasswordFileName = "password.data";
     // Appended to the data directory's path: the folder initdb works in. Whatever stands
     // there is the tool's own, left by a killed run.
