@@ -12,24 +12,54 @@ std::mutex &lineMutex()
     static std::mutex mutex;
     return mutex;
 }
+
+QString g_status;
+
+// Carriage returns and blanks rather than terminal escapes, which not every Windows console
+// understands.
+void eraseStatus()
+{
+    if (g_status.isEmpty())
+        return;
+    std::cerr << '\r' << std::string(g_status.size(), ' ') << '\r';
+    std::cerr.flush();
+}
+
+// The line is not drawn again below it: its next redraw says what holds by then.
+void write(std::ostream &stream, const QString &line)
+{
+    const std::lock_guard<std::mutex> lock(lineMutex());
+    eraseStatus();
+    g_status.clear();
+    stream << line.toUtf8().constData() << std::endl;
+}
 } // namespace
 
 void out(const QString &line)
 {
-    const std::lock_guard<std::mutex> lock(lineMutex());
-    std::cout << line.toUtf8().constData() << std::endl;
+    write(std::cout, line);
 }
 
 void err(const QString &line)
 {
-    const std::lock_guard<std::mutex> lock(lineMutex());
-    std::cerr << line.toUtf8().constData() << std::endl;
+    write(std::cerr, line);
 }
 
 void errRaw(const QString &text)
 {
     const std::lock_guard<std::mutex> lock(lineMutex());
+    eraseStatus();
+    g_status.clear();
     std::cerr << text.toUtf8().constData();
+    std::cerr.flush();
+}
+
+void status(const QString &text)
+{
+    const std::lock_guard<std::mutex> lock(lineMutex());
+    eraseStatus();
+    g_status = text;
+    std::cerr << g_status.toUtf8().constData();
     std::cerr.flush();
 }
 

@@ -1,5 +1,6 @@
 #include "app/repair/ChangedOnlyPass.h"
 
+#include "app/output/Progress.h"
 #include "app/output/RunLog.h"
 #include "app/repair/ParallelInstances.h"
 #include "app/repair/RepairStatements.h"
@@ -12,7 +13,7 @@ ChangedOnlyPass::ChangedOnlyPass(const QSqlDatabase &database, const VerboseLog 
     , m_verbose(verbose)
 { }
 
-bool ChangedOnlyPass::run(RunLog &log, ParallelInstances &parallel, int jobs)
+bool ChangedOnlyPass::run(RunLog &log, ParallelInstances &parallel, int jobs, Progress &progress)
 {
     if (!NormalizationPass::readInstances(m_query, log, m_instances))
         return false;
@@ -20,11 +21,15 @@ bool ChangedOnlyPass::run(RunLog &log, ParallelInstances &parallel, int jobs)
         return true;
     // The planner expects half the rows to pass the filter and would read them in one process
     // rather than pay for passing them between processes; a few pass, so the parallel plan wins.
-    m_query.exec(QStringLiteral("SET parallel_tuple_cost = 0"));
-    m_readPerInstance = !readCandidates(m_query, NormalizationPass::idsOf(m_instances), m_candidates);
-    m_query.exec(QStringLiteral("RESET parallel_tuple_cost"));
+    {
+        const Progress::Step finding(progress, QStringLiteral("finding the rows to change"), false);
+        m_query.exec(QStringLiteral("SET parallel_tuple_cost = 0"));
+        m_readPerInstance = !readCandidates(m_query, NormalizationPass::idsOf(m_instances), m_candidates);
+        m_query.exec(QStringLiteral("RESET parallel_tuple_cost"));
+    }
+    progress.setStepCount(m_instances.size(), QStringLiteral("instance"));
     parallel.run(m_query, m_instances.size(), jobs, nullptr,
-        [this, &log](QSqlQuery &query, int index) { repairInstance(query, index, log); });
+        [this, &log, &progress](QSqlQuery &query, int index) { repairInstance(query, index, log, progress); });
     return true;
 }
 
@@ -39,9 +44,10 @@ bool ChangedOnlyPass::readCandidates(
     return query.lastError().type() == QSqlError::NoError;
 }
 
-void ChangedOnlyPass::repairInstance(QSqlQuery &query, int index, RunLog &log) const
+void ChangedOnlyPass::repairInstance(QSqlQuery &query, int index, RunLog &log, Progress &progress) const
 {
     const NormalizationPass::Instance &instance = m_instances[index];
+    const Progress::Step inFlight(progress, NormalizationPass::progressStep(instance));
     QHash<QString, QStringList> own;
     if (m_readPerInstance && !readCandidates(query, {instance.first}, own)) {
         NormalizationPass::reportFailed(instance, log, query.lastError().text());

@@ -9,6 +9,7 @@
 #include <QVector>
 
 class ParallelInstances;
+class Progress;
 class RunLog;
 class VerboseLog;
 
@@ -21,12 +22,12 @@ public:
     ChangedOnlyPass(const QSqlDatabase &database, const VerboseLog &verbose);
 
     // False only when the instance list cannot be read; a failed instance is a warning.
-    bool run(RunLog &log, ParallelInstances &parallel, int jobs);
+    bool run(RunLog &log, ParallelInstances &parallel, int jobs, Progress &progress);
 
 private:
     // ctids by instance id; false when the read fails.
     static bool readCandidates(QSqlQuery &query, const QStringList &instanceIds, QHash<QString, QStringList> &rows);
-    void repairInstance(QSqlQuery &query, int index, RunLog &log) const;
+    void repairInstance(QSqlQuery &query, int index, RunLog &log, Progress &progress) const;
 
     QSqlQuery m_query;
     const VerboseLog &m_verbose;

@@ -1,6 +1,7 @@
 #include "app/repair/DryRun.h"
 
 #include "app/output/Console.h"
+#include "app/output/Progress.h"
 #include "app/output/RunLog.h"
 #include "app/repair/ParallelInstances.h"
 #include "app/repair/RepairStatements.h"
@@ -31,7 +32,7 @@ bool DryRun::beginReadOnly(QSqlQuery &query)
     return query.exec(QStringLiteral("START TRANSACTION READ ONLY"));
 }
 
-bool DryRun::run(RunLog &log, ParallelInstances &parallel, int jobs)
+bool DryRun::run(RunLog &log, ParallelInstances &parallel, int jobs, Progress &progress)
 {
     if (!beginReadOnly(m_query)) {
         Console::err(QStringLiteral("ERROR: Data normalization is failed."));
@@ -44,11 +45,17 @@ bool DryRun::run(RunLog &log, ParallelInstances &parallel, int jobs)
     m_counts.resize(m_instances.size());
     // A failed statement aborts the transaction: a savepoint keeps it usable for the rest.
     m_query.exec(QStringLiteral("SAVEPOINT counts"));
-    if (!m_instances.isEmpty() && !countAll(m_query, NormalizationPass::idsOf(m_instances))) {
+    bool counted = true;
+    if (!m_instances.isEmpty()) {
+        const Progress::Step counting(progress, QStringLiteral("counting the rows to change"), false);
+        counted = countAll(m_query, NormalizationPass::idsOf(m_instances));
+    }
+    if (!counted) {
         m_query.exec(QStringLiteral("ROLLBACK TO SAVEPOINT counts"));
+        progress.setStepCount(m_instances.size(), QStringLiteral("instance"));
         // The extra connections' transactions end when their connections close.
         parallel.run(m_query, m_instances.size(), jobs, beginReadOnly,
-            [this, &log](QSqlQuery &query, int index) { countOne(query, index, log); });
+            [this, &log, &progress](QSqlQuery &query, int index) { countOne(query, index, log, progress); });
     }
     m_query.exec(QStringLiteral("ROLLBACK"));
     report(log);
@@ -72,9 +79,10 @@ bool DryRun::countAll(QSqlQuery &query, const QStringList &instanceIds)
     return true;
 }
 
-void DryRun::countOne(QSqlQuery &query, int index, RunLog &log)
+void DryRun::countOne(QSqlQuery &query, int index, RunLog &log, Progress &progress)
 {
     const NormalizationPass::Instance &instance = m_instances[index];
+    const Progress::Step inFlight(progress, NormalizationPass::progressStep(instance));
     query.exec(QStringLiteral("SAVEPOINT count"));
     if (countAll(query, {instance.first})) {
         query.exec(QStringLiteral("RELEASE SAVEPOINT count"));

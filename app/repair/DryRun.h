@@ -7,6 +7,7 @@
 #include <QVector>
 
 class ParallelInstances;
+class Progress;
 class RunLog;
 
 // What the pass would do, counted on the server inside read-only transactions, so the
@@ -22,7 +23,7 @@ public:
 
     // False when the instance list cannot be read (with the pass's own messages) or when an
     // instance was not counted.
-    bool run(RunLog &log, ParallelInstances &parallel, int jobs);
+    bool run(RunLog &log, ParallelInstances &parallel, int jobs, Progress &progress);
 
     static bool beginReadOnly(QSqlQuery &query);
 
@@ -35,7 +36,7 @@ private:
 
     // Fills the counts of the listed instances; false when the read fails.
     bool countAll(QSqlQuery &query, const QStringList &instanceIds);
-    void countOne(QSqlQuery &query, int index, RunLog &log);
+    void countOne(QSqlQuery &query, int index, RunLog &log, Progress &progress);
     void report(RunLog &log) const;
     bool allCounted() const;
 

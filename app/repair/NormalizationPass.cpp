@@ -1,6 +1,7 @@
 #include "app/repair/NormalizationPass.h"
 
 #include "app/output/Console.h"
+#include "app/output/Progress.h"
 #include "app/output/RunLog.h"
 #include "app/output/VerboseLog.h"
 #include "app/repair/ParallelInstances.h"
@@ -55,21 +56,34 @@ QStringList NormalizationPass::idsOf(const QVector<Instance> &instances)
     return ids;
 }
 
-bool NormalizationPass::run(RunLog &log, ParallelInstances &parallel, int jobs)
+bool NormalizationPass::run(RunLog &log, ParallelInstances &parallel, int jobs, Progress &progress)
 {
     QVector<Instance> instances;
     if (!readInstances(m_query, log, instances))
         return false;
-    parallel.run(m_query, instances.size(), jobs, nullptr,
-        [this, &instances, &log](QSqlQuery &query, int index) { normalizeInstance(query, instances[index], log); });
+    progress.setStepCount(instances.size(), QStringLiteral("instance"));
+    parallel.run(
+        m_query, instances.size(), jobs, nullptr, [this, &instances, &log, &progress](QSqlQuery &query, int index) {
+            normalizeInstance(query, instances[index], log, progress);
+        });
     return true;
 }
 
-void NormalizationPass::normalizeInstance(QSqlQuery &query, const Instance &instance, RunLog &log) const
+QString NormalizationPass::progressStep(const Instance &instance)
+{
+    return QStringLiteral("instance ") + instance.first;
+}
+
+void NormalizationPass::normalizeInstance(
+    QSqlQuery &query, const Instance &instance, RunLog &log, Progress &progress) const
 {
     QElapsedTimer elapsed;
     elapsed.start();
-    const bool done = query.exec(kUpdateTemplate.arg(kColumn, instance.second, instance.first));
+    bool done = false;
+    {
+        const Progress::Step inFlight(progress, progressStep(instance));
+        done = query.exec(kUpdateTemplate.arg(kColumn, instance.second, instance.first));
+    }
     explain(m_verbose, instance, query, done, elapsed.elapsed());
     if (done)
         reportDone(instance, log);

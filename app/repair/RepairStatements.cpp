@@ -1,24 +1,29 @@
 #include "app/repair/RepairStatements.h"
 
 namespace {
-// A high surrogate escape, in any case.
-const QString kHigh = QStringLiteral(R"([\\][uU][dD][89abAB][0-9a-fA-F]{2})");
+// Escapes in any case, spelled out: the expressions below that use them run without the "i"
+// flag.
+const QString kHigh = QStringLiteral(R"([uU][dD][89abAB][0-9a-fA-F]{2})");
+const QString kLow = QStringLiteral(R"([uU][dD][c-fC-F][0-9a-fA-F]{2})");
 
-// True for every row whose text the expression changes, and far cheaper than its look-behind.
-// Each alternative of the expression consumes a run of backslashes whose last one is followed
-// (in any case: the "i" flag) by "u0000" or "x", by a high surrogate escape that no low one
-// follows, or by a low one where no high escape precedes the run. In the last case the last
-// backslash itself is not preceded by a high escape either: a longer run puts a backslash
-// before it. So the row holds a backslash followed by "u0000" or "x", a high escape with the
-// expression's own look-ahead, or a backslash not preceded by a high escape and followed by
-// "ud" and c to f: this test's three alternatives. Its look-behind is tried only where a low
-// escape begins, where the expression's runs wherever a backslash is; rows whose escapes are
-// all valid pairs, common in file-type details, fail it. The expression decides the rest.
-QString pretest(const QString &column)
+// The product's expression, read run by run: only a maximal run of backslashes followed by
+// "u0000", "x", a high surrogate escape or a low one can change, and it becomes exactly two
+// backslashes, except in front of a low escape that follows a high one ("\ud800" then the
+// run), where a run of one stays and a longer one becomes three. A high escape counts as
+// paired only when one backslash and a low escape follow it. So a row changes exactly when it
+// holds such a run of the wrong length, which these alternatives say without a look-behind:
+// the starting non-backslash (or the start) marks the run's beginning, and the six characters
+// in front of a low escape's run are checked by consuming them (one alternative per way they
+// can fail to be a high escape). Each check runs in time linear in the row's length.
+QString changesRow(const QString &column)
 {
-    return QStringLiteral(R"(%1::TEXT ~ '[\\]([uU]0000|[xX])|%2(?![\\][uU][dD][c-fC-F][0-9a-fA-F]{2})|)"
-                          R"([\\](?<!%2[\\])[uU][dD][c-fC-F]')")
-        .arg(column, kHigh);
+    const QString notAfterHigh = QStringLiteral("(^|[^\\\\0-9a-fA-F]|(^|[^0-9a-fA-F])[0-9a-fA-F]|"
+                                                "(^|[^89abAB])[0-9a-fA-F]{2}|(^|[^dD])[89abAB][0-9a-fA-F]{2}|"
+                                                "(^|[^uU])[dD][89abAB][0-9a-fA-F]{2}|(^|[^\\\\])%1)")
+                                     .arg(kHigh);
+    return QStringLiteral(R"(%1::TEXT ~ '(^|[^\\])([\\]|[\\]{3,})([uU]0000|[xX]|%2(?![\\]%3))|[\\]{4,}%3|)"
+                          R"([\\]%2[\\]{2}%3|%4([\\]|[\\]{3})%3')")
+        .arg(column, kHigh, kLow, notAfterHigh);
 }
 
 // The range of all listed instances at once: request_id above the row's own instance id is
@@ -28,12 +33,16 @@ QString inRange(const QStringList &instanceIds)
     return QStringLiteral("instance_id IN (%1) AND request_id > instance_id").arg(instanceIds.join(QLatin1Char(',')));
 }
 
-// CASE fixes the order of evaluation (the planner may reorder the terms of an AND): the
-// pre-test runs only on rows in range, the expression only on rows that pass it.
-QString changes(const QString &column)
+// CASE fixes the order of evaluation (the planner may reorder the terms of an AND): the test
+// of the text runs only on rows in range.
+QString changesInRange(const QString &column, const QStringList &instanceIds)
 {
-    return QStringLiteral("CASE WHEN %1 THEN %2::TEXT IS DISTINCT FROM %3 ELSE false END")
-        .arg(pretest(column), column, RepairStatements::repaired(column));
+    return QStringLiteral("CASE WHEN %1 THEN %2 ELSE false END").arg(inRange(instanceIds), changesRow(column));
+}
+
+QString blockTid(qint64 block)
+{
+    return QStringLiteral("'(%1,0)'").arg(block);
 }
 } // namespace
 
@@ -48,31 +57,57 @@ QString RepairStatements::repaired(const QString &column)
         .arg(column);
 }
 
+// The same result as repaired(), run by run as changesRow() reads it, without the look-behind
+// that the server tries from the start of the text at every backslash (a row's cost grew with
+// the square of its length). A high escape with its runs on both sides is taken as one match,
+// so the run behind it is never looked at on its own: paired, it is copied as it is (group
+// 2); unpaired with a low escape after a run of two or more, both runs are rewritten (groups
+// 3 to 5). Every other run becomes its last backslash twice (group 1). Groups of the
+// alternatives that did not match are empty in the replacement.
+QString RepairStatements::repairedLinear(const QString &column)
+{
+    return QStringLiteral(R"(REGEXP_REPLACE(%1::TEXT, '[\\]*([\\])(?=ud[89ab][0-9a-f]{2}(?![\\]+ud[c-f][0-9a-f]{2})|)"
+                          R"(ud[c-f][0-9a-f]{2}|u0000|x)|([\\]+ud[89ab][0-9a-f]{2}[\\])(?=ud[c-f][0-9a-f]{2})|)"
+                          R"([\\]*([\\])(ud[89ab][0-9a-f]{2})[\\]*([\\])[\\](?=ud[c-f][0-9a-f]{2})', )"
+                          R"('\1\1\2\3\3\4\5\5\5', 'gi'))")
+        .arg(column);
+}
+
 QString RepairStatements::candidates(const QString &column, const QStringList &instanceIds)
 {
-    return QStringLiteral("SELECT instance_id, ctid FROM scan.file WHERE CASE WHEN %1 THEN %2 ELSE false END")
-        .arg(inRange(instanceIds), changes(column));
+    return QStringLiteral("SELECT instance_id, ctid FROM scan.file WHERE %1").arg(changesInRange(column, instanceIds));
 }
 
 QString RepairStatements::counts(const QString &column, const QStringList &instanceIds)
 {
     return QStringLiteral("SELECT instance_id, count(*), count(*) FILTER (WHERE %1) FROM scan.file WHERE %2 "
                           "GROUP BY instance_id")
-        .arg(changes(column), inRange(instanceIds));
+        .arg(changesRow(column), inRange(instanceIds));
 }
 
 // A ctid names one version of a row. A row updated since the candidates were read, before
 // this statement or while it waits for the other writer's commit, has its new version under
 // another ctid; the server checks the ctid again on the newest version, so such a row is left
 // for the next run and never written from its older text. A ctid may also be taken by
-// another row once vacuum has freed it, so the range and the pre-test are checked again and
-// the new text is computed from the row found there. The read has already checked that each
-// listed row's text changes; the pre-test stands in for that check here, since the
-// expression itself would cost as much again as the write.
+// another row once vacuum has freed it, so the range and the test of the text are checked
+// again and the new text is computed from the row found there.
 QString RepairStatements::targetedUpdate(const QString &column, const QString &instanceId, const QStringList &tids)
 {
     return QStringLiteral("UPDATE scan.file SET %1 = %2 WHERE ctid = ANY ('{%3}'::tid[]) AND instance_id = %4 AND "
                           "request_id > %4 AND %5")
-        .arg(column, repaired(column), QLatin1Char('"') + tids.join(QStringLiteral("\",\"")) + QLatin1Char('"'),
-            instanceId, pretest(column));
+        .arg(column, repairedLinear(column), QLatin1Char('"') + tids.join(QStringLiteral("\",\"")) + QLatin1Char('"'),
+            instanceId, changesRow(column));
+}
+
+// A row that another writer updates while this statement waits for it is checked again on
+// its newest version (the block range is not: the range only chose where to look), so it
+// is written from its new text or not at all. A row this pass has rewritten no longer
+// changes, so a later batch that meets its new version leaves it.
+QString RepairStatements::batch(
+    const QString &column, const QStringList &instanceIds, qint64 firstBlock, qint64 endBlock)
+{
+    return QStringLiteral("WITH changed AS (UPDATE scan.file SET %1 = %2 WHERE ctid >= %3 AND ctid < %4 AND %5 "
+                          "RETURNING instance_id) SELECT instance_id, count(*) FROM changed GROUP BY instance_id")
+        .arg(column, repairedLinear(column), blockTid(firstBlock), blockTid(endBlock),
+            changesInRange(column, instanceIds));
 }

@@ -3,6 +3,7 @@
 namespace {
 const QString kDryRun = QStringLiteral("--dry-run");
 const QString kChangedOnly = QStringLiteral("--changed-only");
+const QString kBatched = QStringLiteral("--batched");
 const QString kJobs = QStringLiteral("--jobs");
 const QString kJobsGnu = QStringLiteral("--jobs=");
 const QStringList kVerbose = {QStringLiteral("--verbose"), QStringLiteral("-v")};
@@ -19,6 +20,8 @@ OperatorOptions OperatorOptions::parse(const QStringList &arguments, int poolSiz
             options.dryRun = true;
         } else if (argument == kChangedOnly && !options.changedOnly) {
             options.changedOnly = true;
+        } else if (argument == kBatched && !options.batched) {
+            options.batched = true;
         } else if (kVerbose.contains(argument) && !options.verbose) {
             options.verbose = true;
         } else if (argument == kJobs && !jobsGiven) {
@@ -31,7 +34,9 @@ OperatorOptions OperatorOptions::parse(const QStringList &arguments, int poolSiz
             return OperatorOptions();
         }
     }
-    options.recognised = options.dryRun || options.changedOnly || options.verbose || jobsGiven;
+    options.recognised = options.dryRun || options.changedOnly || options.batched || options.verbose || jobsGiven;
+    // Batches write only the rows that change, as --changed-only does.
+    options.changedOnly = options.changedOnly || options.batched;
     if (!jobsGiven)
         return options;
     bool ok = false;

@@ -1,8 +1,11 @@
 #include "app/run/RunDriver.h"
 
 #include "app/output/Console.h"
+#include "app/output/Progress.h"
 #include "app/output/RunLog.h"
+#include "app/output/Terminal.h"
 #include "app/output/VerboseLog.h"
+#include "app/repair/BatchedPass.h"
 #include "app/repair/ChangedOnlyPass.h"
 #include "app/repair/DryRun.h"
 #include "app/repair/NormalizationPass.h"
@@ -194,14 +197,18 @@ RunDriver::Outcome RunDriver::runPass(const Pass &pass)
                 QStringLiteral("Cannot open a further connection for --jobs, going on with fewer. %1").arg(error));
         },
         pass.connectionName);
-    parallel.setStop([] { return Interrupts::instance().requested(); });
+    const auto interrupted = [] { return Interrupts::instance().requested(); };
+    parallel.setStop(interrupted);
     const OperatorOptions &options = pass.options;
+    Progress progress(log, pass.verbose, Terminal::standardErrorIsTerminal(), options.batched);
     bool done = true;
-    if (pass.runMode == kNormalizeMode && options.changedOnly)
-        done = ChangedOnlyPass(pass.database, pass.verbose).run(log, parallel, options.jobs);
+    if (pass.runMode == kNormalizeMode && options.batched)
+        done = BatchedPass(pass.database, pass.verbose, interrupted).run(log, parallel, options.jobs, progress);
+    else if (pass.runMode == kNormalizeMode && options.changedOnly)
+        done = ChangedOnlyPass(pass.database, pass.verbose).run(log, parallel, options.jobs, progress);
     else if (pass.runMode == kNormalizeMode)
-        done = NormalizationPass(pass.database, pass.verbose).run(log, parallel, options.jobs);
+        done = NormalizationPass(pass.database, pass.verbose).run(log, parallel, options.jobs, progress);
     else if (options.dryRun)
-        done = DryRun(pass.database).run(log, parallel, options.jobs);
+        done = DryRun(pass.database).run(log, parallel, options.jobs, progress);
     return done ? Outcome::Done : Outcome::EarlyExit;
 }

@@ -1,5 +1,8 @@
 #include "end-to-end/ToolTest.h"
 
+#include "app/repair/BatchedPass.h"
+#include "app/repair/RepairStatements.h"
+
 #include <QRegularExpression>
 #include <QSqlDatabase>
 #include <QSqlQuery>
@@ -36,6 +39,24 @@ QString fuzzedDocument(std::mt19937 &random)
             text += QString(1 + random() % 4, QLatin1Char('\\')) + escapes[random() % escapes.size()];
     }
     return u"{\"k\":\"%1\"}"_s.arg(text);
+}
+
+// The product's expression run by PCRE2, whose fixed-length look-behind costs the same at
+// every position: the reference for rows too long for the server to run the product's own.
+QString repairedByPcre(const QString &text)
+{
+    static const QRegularExpression pattern(
+        uR"((?<![\\]ud[89ab][0-9a-f]{2})[\\]+(?=ud[c-f][0-9a-f]{2})|)"
+        uR"([\\]+(?=ud[89ab][0-9a-f]{2}(?![\\]ud[c-f][0-9a-f]{2}))|[\\]+(?=u0000|x))"_s,
+        QRegularExpression::CaseInsensitiveOption);
+    QString repaired;
+    qsizetype done = 0;
+    for (QRegularExpressionMatchIterator it = pattern.globalMatch(text); it.hasNext();) {
+        const QRegularExpressionMatch match = it.next();
+        repaired += text.mid(done, match.capturedStart() - done) + u"\\\\"_s;
+        done = match.capturedEnd();
+    }
+    return repaired + text.mid(done);
 }
 
 // "<instance> <rows changed>" of each done line, sorted.
@@ -78,6 +99,12 @@ TEST_F(ToolTest, ChangedOnlyLeavesTheProductsResultAndWritesOnlyTheRowsThatChang
                                "generate_series(1, %1) i LEFT JOIN original o ON o.instance_id = i AND o.request_id "
                                "> i LEFT JOIN by_product p USING (id) GROUP BY ROLLUP (i) ORDER BY i"_s.arg(kListed));
     EXPECT_GT(expected.constLast().section(u' ', 2).toInt(), kDocuments / 4);
+    int pcreDisagrees = 0;
+    for (const QString &pair :
+        sql(u"SELECT o.filetype_details, p.filetype_details FROM original o JOIN by_product p "
+            "USING (id) WHERE o.instance_id <= %1 AND o.request_id > o.instance_id"_s.arg(kListed)))
+        pcreDisagrees += repairedByPcre(pair.section(u'|', 0, 0)) != pair.section(u'|', 1);
+    EXPECT_EQ(pcreDisagrees, 0) << "PCRE2 reads the product's pattern as the server does";
 
     QFile::remove(m_sandbox.runLogPath());
     const ToolSandbox::Result dry = m_sandbox.runTool({u"--dry-run"_s, u"--jobs"_s, u"3"_s});
@@ -94,6 +121,10 @@ TEST_F(ToolTest, ChangedOnlyLeavesTheProductsResultAndWritesOnlyTheRowsThatChang
                               "f.xmin::text <> b.x"_s;
     EXPECT_EQ(sql(rewritten), QStringList({QString()})) << "the dry run writes nothing";
     expected.removeLast();
+    QStringList changedPerInstance;
+    for (const QString &line : expected)
+        changedPerInstance << line.section(u' ', 0, 0) + u' ' + line.section(u' ', 2, 2);
+    changedPerInstance.sort();
 
     // A second connection rewrites two rows of instance 1 that the run will repair, and holds them.
     const QStringList held = sql(u"SELECT id FROM original o JOIN by_product p USING (id) WHERE o.instance_id = 1 "
@@ -118,11 +149,9 @@ TEST_F(ToolTest, ChangedOnlyLeavesTheProductsResultAndWritesOnlyTheRowsThatChang
         const ToolSandbox::Result changedOnly = run.get();
         EXPECT_EQ(changedOnly.exitCode, 0) << changedOnly.err.constData();
         QStringList changed;
-        for (const QString &line : expected) {
-            const int count = line.section(u' ', 2, 2).toInt() - (line.startsWith(u"1 "_s) ? held.size() : 0);
-            changed << line.section(u' ', 0, 0) + u' ' + QString::number(count);
-        }
-        changed.sort();
+        for (const QString &line : changedPerInstance)
+            changed << line.section(u' ', 0, 0) + u' '
+                    + QString::number(line.section(u' ', 1).toInt() - (line.startsWith(u"1 "_s) ? held.size() : 0));
         EXPECT_EQ(doneLines(changedOnly.out), changed);
     }
     QSqlDatabase::removeDatabase(u"writer"_s);
@@ -148,6 +177,23 @@ TEST_F(ToolTest, ChangedOnlyLeavesTheProductsResultAndWritesOnlyTheRowsThatChang
     }
     EXPECT_EQ(sql(u"SELECT filetype_details FROM scan.file WHERE id = "_s + held[0]), QStringList({kNewBadRepaired}));
 
+    // --batched, one block per batch and three batches at once: the product's table again,
+    // exactly the changed rows rewritten, then nothing.
+    qputenv(BatchedPass::kBatchBlocksVariable, "1");
+    sql(restore);
+    const ToolSandbox::Result batched = m_sandbox.runTool({u"--batched"_s, u"--jobs"_s, u"3"_s});
+    EXPECT_EQ(batched.exitCode, 0) << batched.err.constData();
+    EXPECT_EQ(doneLines(batched.out), changedPerInstance);
+    EXPECT_TRUE(batched.out.contains(" blocks of scan.file (100%) in ")) << batched.out.constData();
+    EXPECT_EQ(sql(u"SELECT count(*) FROM scan.file f JOIN by_product p USING (id) WHERE f.filetype_details IS "
+                  "DISTINCT FROM p.filetype_details"_s),
+        QStringList({u"0"_s}));
+    EXPECT_EQ(sql(rewrittenButUnchanged), QStringList({u"0"_s})) << "rows rewritten = rows changed";
+    sql(u"DROP TABLE before; CREATE TABLE before AS SELECT id, xmin::text AS x FROM scan.file"_s);
+    EXPECT_EQ(m_sandbox.runTool({u"--batched"_s}).exitCode, 0);
+    EXPECT_EQ(sql(rewritten), QStringList({QString()})) << "a second batched run rewrites nothing";
+    qunsetenv(BatchedPass::kBatchBlocksVariable);
+
     // Rows of instance 2 that cannot be read: its count fails, the others are counted, and the
     // dry run names it with the server's reason and ends with status 1.
     sql(u"ALTER TABLE scan.file RENAME TO stored; CREATE FUNCTION refuse(i int, t text) RETURNS text AS $$ BEGIN "
@@ -164,4 +210,47 @@ TEST_F(ToolTest, ChangedOnlyLeavesTheProductsResultAndWritesOnlyTheRowsThatChang
     EXPECT_EQ(failing.err.count("WARNING"), 1);
     EXPECT_TRUE(m_sandbox.runLog().contains(
         u"[WARNING] <ts>: Dry run count is failed, data: filetype_details, instance id: 2. <server error>"_s));
+}
+
+// Rows of 10 KB to 1 MB that the product's expression would take minutes over: the result is
+// the product's (its own statement up to 40 KB, PCRE2's reading of it beyond), the dry run
+// counts them, and a second run over the repaired rows rewrites nothing.
+TEST_F(ToolTest, LongRowsAreRepairedAsTheProductDoes)
+{
+    std::mt19937 random(1123);
+    QString fuzz;
+    while (fuzz.size() < 1'000'000)
+        fuzz += fuzzedDocument(random);
+    const QStringList units
+        = {uR"(\udc00 )"_s, uR"(\\udc00 )"_s, uR"(\ud800\udc00)"_s, uR"(\UD800x\\\uDC00\u0000\X)"_s, fuzz};
+    addInstances({1});
+    QStringList expected;
+    for (const int length : {10'000, 40'000, 300'000, 1'000'000}) {
+        for (const QString &unit : units) {
+            const QString text = unit.repeated(length / unit.size() + 1).left(length);
+            addRow(1, 5, text);
+            expected << repairedByPcre(text);
+            if (length <= 40'000)
+                EXPECT_EQ(sql(u"SELECT "_s + RepairStatements::repaired(quoted(text))), QStringList({expected.last()}))
+                    << "PCRE2 and the server read the product's pattern alike, " << length;
+        }
+    }
+    sql(u"CREATE TABLE original AS SELECT * FROM scan.file"_s);
+    const QStringList originals = sql(u"SELECT filetype_details FROM original ORDER BY id"_s);
+    int changing = 0;
+    for (int i = 0; i < originals.size(); ++i)
+        changing += originals[i] != expected[i];
+    const QString dry = QString::fromUtf8(m_sandbox.runTool({u"--dry-run"_s}).out).simplified();
+    EXPECT_TRUE(dry.endsWith(u"total %1 %2"_s.arg(originals.size()).arg(changing))) << dry.toStdString();
+
+    for (const QString &option : {u"--changed-only"_s, u"--batched"_s}) {
+        SCOPED_TRACE(option.toStdString());
+        sql(u"TRUNCATE scan.file; INSERT INTO scan.file SELECT * FROM original"_s);
+        ASSERT_EQ(m_sandbox.runTool({option}).exitCode, 0);
+        EXPECT_EQ(sql(u"SELECT filetype_details FROM scan.file ORDER BY id"_s), expected);
+        sql(u"DROP TABLE IF EXISTS before; CREATE TABLE before AS SELECT id, xmin::text AS x FROM scan.file"_s);
+        ASSERT_EQ(m_sandbox.runTool({option}).exitCode, 0);
+        EXPECT_EQ(sql(u"SELECT count(*) FROM scan.file f JOIN before b USING (id) WHERE f.xmin::text <> b.x"_s),
+            QStringList({u"0"_s}));
+    }
 }

@@ -1,5 +1,8 @@
 #include "end-to-end/ToolTest.h"
 
+#include "app/repair/BatchedPass.h"
+#include "app/run/Interrupts.h"
+
 #include <QDeadlineTimer>
 #include <QDir>
 #include <QFileInfo>
@@ -9,6 +12,8 @@
 #include <QRandomGenerator>
 #include <QStandardPaths>
 #include <QThread>
+
+#include <csignal>
 
 using namespace Qt::StringLiterals;
 
@@ -67,6 +72,64 @@ TEST_F(ToolTest, AnInterruptedPassLeavesEveryInstanceWholeAndTheNextRunCompletes
         EXPECT_EQ(m_sandbox.runTool().exitCode, 0);
         EXPECT_EQ(sql(u"SELECT count(*) FROM scan.file WHERE filetype_details = %1"_s.arg(quoted(kFixed))),
             QStringList({QString::number(3 * kRowsPerInstance)}));
+    }
+}
+
+// --batched, a batch per block, every row slow to update, killed or interrupted once a quarter of
+// the rows are repaired: each batch is committed whole or not at all, and the next run finishes
+// the job without rewriting a row twice.
+TEST_F(ToolTest, ABatchedRunEndedHalfwayKeepsItsBatchesAndTheNextRunFinishes)
+{
+    for (const bool interrupt : {false, true}) {
+        SCOPED_TRACE(interrupt ? "interrupted" : "killed");
+#ifdef Q_OS_WIN
+        if (interrupt)
+            continue; // a console event cannot be sent to one program here
+#endif
+        SetUp();
+        addInstances({1, 2, 3});
+        sql(u"INSERT INTO scan.file (instance_id, request_id, filetype_details) SELECT i, 100, %1 FROM "
+            "generate_series(1, 3) i, generate_series(1, %2); CREATE TABLE original AS SELECT id, "
+            "(ctid::text::point)[0] "
+            "AS block FROM scan.file; CREATE FUNCTION slow() RETURNS trigger AS $$ BEGIN PERFORM pg_sleep(0.001); "
+            "RETURN NEW; END $$ LANGUAGE plpgsql; CREATE TRIGGER slow BEFORE UPDATE ON scan.file FOR EACH ROW "
+            "EXECUTE FUNCTION slow();"_s.arg(quoted(kBad))
+                .arg(kRowsPerInstance));
+        const QString fixed = u"SELECT count(*) FROM scan.file WHERE filetype_details = %1"_s.arg(quoted(kFixed));
+        qputenv(BatchedPass::kBatchBlocksVariable, "1");
+        QProcess tool;
+        tool.setWorkingDirectory(m_sandbox.workDirectory());
+        tool.start(QStringLiteral(ZENTRIX_TOOL_PATH), {u"--batched"_s});
+        qunsetenv(BatchedPass::kBatchBlocksVariable);
+        ASSERT_TRUE(eventually([&fixed] { return sql(fixed).value(0).toInt() >= 3 * kRowsPerInstance / 4; }));
+        if (interrupt) {
+#ifndef Q_OS_WIN
+            ::kill(static_cast<pid_t>(tool.processId()), SIGINT);
+#endif
+        } else {
+            tool.kill();
+        }
+        ASSERT_TRUE(tool.waitForFinished(Interrupts::kEndLimitMs));
+        const int repaired = sql(fixed).value(0).toInt();
+        EXPECT_LT(repaired, 3 * kRowsPerInstance);
+        EXPECT_EQ(sql(u"SELECT count(*) FROM (SELECT block FROM original JOIN scan.file USING (id) GROUP BY block "
+                      "HAVING count(DISTINCT filetype_details) > 1) torn"_s),
+            QStringList({u"0"_s}))
+            << "a batch is committed whole or not at all";
+        if (interrupt) {
+            EXPECT_EQ(tool.exitCode(), 1);
+            const QByteArray err = tool.readAllStandardError();
+            EXPECT_TRUE(err.contains("ERROR: The run was interrupted by SIGINT")) << err.constData();
+            EXPECT_TRUE(m_sandbox.runLog().contains(u"[WARNING] <ts>: Batched repair covered "_s))
+                << m_sandbox.runLog().toStdString();
+        }
+        sql(u"DROP TRIGGER slow ON scan.file; CREATE TABLE before AS SELECT id, xmin::text AS x, filetype_details = "
+            "%1 AS done FROM scan.file"_s.arg(quoted(kFixed)));
+        EXPECT_EQ(m_sandbox.runTool({u"--batched"_s}).exitCode, 0);
+        EXPECT_EQ(sql(fixed), QStringList({QString::number(3 * kRowsPerInstance)}));
+        EXPECT_EQ(sql(u"SELECT count(*) FROM scan.file f JOIN before USING (id) WHERE done AND f.xmin::text <> x"_s),
+            QStringList({u"0"_s}))
+            << "no row is rewritten twice";
     }
 }
 

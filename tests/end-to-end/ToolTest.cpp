@@ -2,7 +2,9 @@
 
 #include <QDirIterator>
 #include <QFileInfo>
+#include <QProcess>
 #include <QRegularExpression>
+#include <QStandardPaths>
 #include <QStringDecoder>
 #include <QTcpServer>
 
@@ -20,6 +22,8 @@ const QString kDone = u"[INFO\t] <ts>: Data normalization is done, data: filetyp
 const QByteArray kFailedTwo = "WARNING: Data normalization is failed, data: filetype_details, instance id: 2\n";
 const QString kFailedTwoLine
     = u"[WARNING] <ts>: Data normalization is failed, data: filetype_details, instance id: 2. <server error>\n"_s;
+const QByteArray kCoverage
+    = "Batched repair covered 1 of 1 blocks of scan.file (100%) in 1 of 1 batches, rows changed: 1";
 constexpr int kCrash = -1;
 } // namespace
 
@@ -60,6 +64,18 @@ TEST_F(ToolTest, RunOutcomes)
             },
             0, doneLine(1) + doneLine(3) + doneLine(4), kFailedTwo,
             kDone + "1\n" + kFailedTwoLine + kDone + "3\n" + kDone + "4\n", true},
+        {"a batch fails for one instance", {{"--batched"}},
+            [] {
+                addInstances({1, 2, 3});
+                failInstanceTwo();
+                addRow(2, 5, uR"({"b":"\x"})"_s);
+            },
+            0,
+            doneLine(1).chopped(1) + ", rows changed: 1\n" + doneLine(3).chopped(1) + ", rows changed: 0\n" + kCoverage
+                + "\n",
+            kFailedTwo,
+            kDone + "1, rows changed: 1\n" + kFailedTwoLine + kDone
+                + "3, rows changed: 0\n[INFO\t] <ts>: " + QString::fromUtf8(kCoverage) + "\n"},
         {"instance list unreadable", {{}}, [] { sql(u"DROP TABLE warehouse.control_refresh"_s); }, 1, "",
             "ERROR: Data normalization is failed.\n",
             "[ERROR\t] <ts>: Select all last_request_id unsuccessfully. <server error>\n"},
@@ -317,4 +333,42 @@ TEST_F(ToolTest, VerboseNamesWhyTheConnectionFailedAndThePlainRunStaysAsItWas)
         EXPECT_TRUE(log.contains(u"[INFO\t] <ts>: could not connect to database "_s + c.dbName)) << log.toStdString();
     }
     qunsetenv("PGCONNECT_TIMEOUT");
+}
+
+// On a terminal a run shows how far it has got in a line redrawn in place, cleared before every
+// other line; through a pipe, as every other test runs the tool, the console is as it was.
+TEST_F(ToolTest, ATerminalSeesProgress)
+{
+#ifdef Q_OS_WIN
+    GTEST_SKIP() << "no pseudo-terminal to run the tool on here";
+#else
+    const QString script = QStandardPaths::findExecutable(u"script"_s);
+    if (script.isEmpty())
+        GTEST_SKIP() << "no script(1) to give the run a pseudo-terminal";
+    addInstances({1, 2});
+    addRow(1, 5, uR"({"a":"\ud800"})"_s);
+    const struct {
+        const char *arguments;
+        const char *progress;
+    } cases[] = {
+        {"", "instances done"},
+        {" --changed-only", "instances done"},
+        {" --batched", "% of scan.file, rows changed: "},
+        {" --dry-run", "Progress: counting the rows to change"},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.arguments);
+        QProcess terminal;
+        terminal.setWorkingDirectory(m_sandbox.workDirectory());
+        terminal.start(
+            script, {u"-qefc"_s, QStringLiteral(ZENTRIX_TOOL_PATH) + QLatin1String(c.arguments), u"/dev/null"_s});
+        ASSERT_TRUE(terminal.waitForFinished(kEventuallyLimitMs));
+        EXPECT_EQ(terminal.exitCode(), 0);
+        const QByteArray shown = terminal.readAllStandardOutput();
+        EXPECT_TRUE(shown.contains("Progress: ") && shown.contains(c.progress)) << shown.constData();
+        EXPECT_FALSE(
+            QString::fromUtf8(shown).contains(QRegularExpression(u"Progress: [^\r\n]*(Data|Dry|instance id)"_s)))
+            << "a line written over the progress line";
+    }
+#endif
 }

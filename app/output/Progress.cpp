@@ -1,0 +1,154 @@
+#include "app/output/Progress.h"
+
+#include "app/output/Console.h"
+#include "app/output/RunLog.h"
+#include "app/output/VerboseLog.h"
+
+#include <QThread>
+
+#include <chrono>
+
+Progress::Progress(RunLog &log, const VerboseLog &verbose, bool terminal, bool toLog)
+    : m_log(log)
+    , m_verbose(verbose)
+    , m_terminal(terminal)
+    , m_toLog(toLog || terminal || verbose.enabled())
+{
+    m_clock.start();
+    if (!active())
+        return;
+    m_thread.reset(QThread::create([this] { work(); }));
+    m_thread->start();
+}
+
+Progress::~Progress()
+{
+    if (!m_thread)
+        return;
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        m_finished = true;
+    }
+    m_wake.notify_all();
+    m_thread->wait();
+    if (m_terminal)
+        Console::status(QString());
+}
+
+Progress::Step::Step(Progress &progress, const QString &step, bool countsAsStep)
+    : m_progress(progress)
+    , m_step(step)
+    , m_counts(countsAsStep)
+{
+    m_progress.begin(m_step);
+}
+
+Progress::Step::~Step()
+{
+    m_progress.end(m_step, m_counts);
+}
+
+void Progress::setTotal(qint64 units, const QString &whatOf)
+{
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    m_total = units;
+    m_whatOf = whatOf;
+}
+
+void Progress::advance(qint64 units, qint64 rowsChanged)
+{
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    m_done += units;
+    m_changed += rowsChanged;
+}
+
+void Progress::setStepCount(int steps, const QString &stepName)
+{
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    m_steps = steps;
+    m_stepName = stepName;
+}
+
+void Progress::begin(const QString &step)
+{
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        m_inFlight << step;
+        m_stepBegun = true;
+    }
+    m_wake.notify_all();
+}
+
+void Progress::end(const QString &step, bool countsAsStep)
+{
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    m_inFlight.removeOne(step);
+    if (countsAsStep)
+        ++m_stepsDone;
+}
+
+QString Progress::line() const
+{
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    const qint64 elapsed = m_clock.elapsed();
+    if (m_total > 0) {
+        const double share = double(m_done) / double(m_total);
+        const QString left = m_done == 0
+            ? QStringLiteral("estimating the time left")
+            : QStringLiteral("about %1 left").arg(duration(qint64(elapsed * (1 - share) / share)));
+        return QStringLiteral("%1% of %2, rows changed: %3, %4")
+            .arg(int(share * 100))
+            .arg(m_whatOf)
+            .arg(m_changed)
+            .arg(left);
+    }
+    QStringList parts;
+    if (!m_inFlight.isEmpty())
+        parts << m_inFlight.join(QStringLiteral(", "));
+    if (m_steps > 0)
+        parts << QStringLiteral("%1 of %2 %3s done").arg(m_stepsDone).arg(m_steps).arg(m_stepName);
+    parts << duration(elapsed);
+    return parts.join(QStringLiteral("; "));
+}
+
+void Progress::work()
+{
+    qint64 lastLog = 0;
+    std::unique_lock<std::mutex> lock(m_mutex);
+    while (!m_finished) {
+        lock.unlock();
+        const qint64 now = m_clock.elapsed();
+        const bool logDue = now - lastLog >= kLogIntervalMs;
+        if (logDue)
+            lastLog = now;
+        show(logDue);
+        lock.lock();
+        // A step that begins is drawn at once, so that even a short one is seen.
+        m_wake.wait_for(lock, std::chrono::milliseconds(kRedrawMs), [this] { return m_finished || m_stepBegun; });
+        m_stepBegun = false;
+    }
+}
+
+// The first minute is not logged: a short run's log stays as it was.
+void Progress::show(bool logDue)
+{
+    const QString text = QStringLiteral("Progress: ") + line();
+    if (m_terminal)
+        Console::status(text);
+    if (!logDue || m_clock.elapsed() < kLogIntervalMs)
+        return;
+    if (m_verbose.enabled())
+        m_verbose.line(text);
+    else
+        m_log.writeLine(RunLog::Info, text);
+}
+
+QString Progress::duration(qint64 ms)
+{
+    const qint64 seconds = ms / 1000;
+    if (seconds >= 3600)
+        return QStringLiteral("%1 h %2 min").arg(seconds / 3600).arg(seconds % 3600 / 60);
+    if (seconds >= 60)
+        return QStringLiteral("%1 min %2 s").arg(seconds / 60).arg(seconds % 60);
+    return QStringLiteral("%1 s").arg(seconds);
+}

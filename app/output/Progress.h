@@ -1,0 +1,83 @@
+#pragma once
+
+#include <QElapsedTimer>
+#include <QString>
+#include <QStringList>
+
+#include <condition_variable>
+#include <memory>
+#include <mutex>
+
+class QThread;
+class RunLog;
+class VerboseLog;
+
+// How far a long run has got, for an operator who would otherwise take it for hung: on a
+// terminal, a status line redrawn in place; in the run log (and with --verbose on standard
+// error), a line at most once a minute. A pass reports either measured work (units of a known
+// total) or the steps it has in flight (an instance, the finding read). Silent when neither
+// the terminal nor the log is to hear of it.
+class Progress
+{
+public:
+    static constexpr int kRedrawMs = 1000;
+    static constexpr int kLogIntervalMs = 60000;
+
+    // toLog: a line in the run log once a minute even when neither terminal nor --verbose is
+    // there to ask for it.
+    Progress(RunLog &log, const VerboseLog &verbose, bool terminal, bool toLog);
+    ~Progress();
+    Progress(const Progress &) = delete;
+    Progress &operator=(const Progress &) = delete;
+
+    // A step in flight for as long as it lives.
+    class Step
+    {
+    public:
+        // countsAsStep: when it ends, one more of the steps counted by setStepCount() is done.
+        Step(Progress &progress, const QString &step, bool countsAsStep = true);
+        ~Step();
+        Step(const Step &) = delete;
+        Step &operator=(const Step &) = delete;
+
+    private:
+        Progress &m_progress;
+        const QString m_step;
+        const bool m_counts;
+    };
+
+    void setTotal(qint64 units, const QString &whatOf);
+    void advance(qint64 units, qint64 rowsChanged);
+    void setStepCount(int steps, const QString &stepName);
+
+    // The text of the line as it stands.
+    QString line() const;
+
+private:
+    void begin(const QString &step);
+    void end(const QString &step, bool countsAsStep);
+    bool active() const { return m_terminal || m_toLog; }
+    void work();
+    void show(bool logDue);
+    static QString duration(qint64 ms);
+
+    RunLog &m_log;
+    const VerboseLog &m_verbose;
+    const bool m_terminal;
+    const bool m_toLog;
+    QElapsedTimer m_clock;
+
+    mutable std::mutex m_mutex;
+    std::condition_variable m_wake;
+    bool m_finished = false;
+    bool m_stepBegun = false;
+    qint64 m_total = 0;
+    qint64 m_done = 0;
+    qint64 m_changed = 0;
+    QString m_whatOf;
+    int m_steps = 0;
+    int m_stepsDone = 0;
+    QString m_stepName;
+    QStringList m_inFlight;
+    std::unique_ptr<QThread> m_thread;
+};
