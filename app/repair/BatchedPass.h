@@ -26,9 +26,9 @@ class BatchedPass
 public:
     // A TID range scan reads a range of blocks only; older servers would read the whole table.
     static constexpr int kFirstServerWithRanges = 140000;
-    // 8 MB of table per statement at the default block size: measured on rows of about 1 KB
-    // (docs/benchmarks.md), long enough to make the per-statement work vanish, short enough for
-    // a kill to lose a second of work.
+    // 8 MB of table per statement at the default block size. From 128 to 16384 blocks a batch
+    // ran alike on rows of about 1 KB (docs/benchmarks.md); this much loses a fraction of a
+    // second of work to a kill.
     static constexpr qint64 kBatchBlocks = 1024;
     // Overrides kBatchBlocks, for tests and for measuring.
     static const char *const kBatchBlocksVariable;

@@ -32,30 +32,68 @@ bool updateOfInstanceTwoRuns()
 
 } // namespace
 
-// Three instances of many rows, every row of instance 2 slow to update; the tool is killed, or
-// the server stopped in immediate mode, while instance 2's update runs.
-TEST_F(ToolTest, AnInterruptedPassLeavesEveryInstanceWholeAndTheNextRunCompletes)
+// Three instances of many rows. The product's statements, every row of instance 2 slow to
+// update: the tool is killed, or the server stopped in immediate mode, while instance 2's update
+// runs; each instance is then repaired whole or not at all. --batched, a batch per block, every
+// row slow: killed or interrupted once a quarter of the rows are repaired; each batch is then
+// committed whole or not at all, and the next run rewrites no row twice. Either way the next run
+// completes the job.
+TEST_F(ToolTest, AnInterruptedPassKeepsWhatItCommittedWholeAndTheNextRunCompletes)
 {
-    for (const bool killTool : {true, false}) {
-        SCOPED_TRACE(killTool ? "tool killed" : "server stopped");
-        if (!killTool && server().isExternal())
+    enum End { Killed, ServerStopped, Interrupted };
+    const struct {
+        const char *name;
+        End end;
+        bool batched;
+    } cases[] = {{"tool killed", Killed, false}, {"server stopped", ServerStopped, false},
+        {"batched, killed", Killed, true}, {"batched, interrupted", Interrupted, true}};
+    const QString fixed = u"SELECT count(*) FROM scan.file WHERE filetype_details = %1"_s.arg(quoted(kFixed));
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.name);
+#ifdef Q_OS_WIN
+        if (c.end == Interrupted)
+            continue; // a console event cannot be sent to one program here
+#endif
+        if (c.end == ServerStopped && server().isExternal())
             continue;
         SetUp();
         addInstances({1, 2, 3});
         sql(u"INSERT INTO scan.file (instance_id, request_id, filetype_details) SELECT i, 100, %1 FROM "
-            "generate_series(1, 3) i, generate_series(1, %2); CREATE FUNCTION slow() RETURNS trigger AS $$ BEGIN "
-            "IF NEW.instance_id = 2 THEN PERFORM pg_sleep(0.001); END IF; RETURN NEW; END $$ LANGUAGE plpgsql;"
-            "CREATE TRIGGER slow BEFORE UPDATE ON scan.file FOR EACH ROW EXECUTE FUNCTION slow();"_s.arg(quoted(kBad))
-                .arg(kRowsPerInstance));
+            "generate_series(1, 3) i, generate_series(1, %2); CREATE TABLE original AS SELECT id, "
+            "(ctid::text::point)[0] "
+            "AS block FROM scan.file; CREATE FUNCTION slow() RETURNS trigger AS $$ BEGIN IF NEW.instance_id = 2 OR %3 "
+            "THEN PERFORM pg_sleep(0.001); END IF; RETURN NEW; END $$ LANGUAGE plpgsql; CREATE TRIGGER slow BEFORE "
+            "UPDATE ON scan.file FOR EACH ROW EXECUTE FUNCTION slow();"_s.arg(quoted(kBad))
+                .arg(kRowsPerInstance)
+                .arg(c.batched ? u"true"_s : u"false"_s));
+        const QStringList arguments = c.batched ? QStringList{u"--batched"_s} : QStringList();
+        qputenv(BatchedPass::kBatchBlocksVariable, "1");
         QProcess tool;
         tool.setWorkingDirectory(m_sandbox.workDirectory());
-        tool.start(QStringLiteral(ZENTRIX_TOOL_PATH), QStringList());
-        ASSERT_TRUE(eventually(updateOfInstanceTwoRuns)) << "the update of instance 2 never ran";
-        if (killTool) {
+        tool.start(QStringLiteral(ZENTRIX_TOOL_PATH), arguments);
+        qunsetenv(BatchedPass::kBatchBlocksVariable);
+        if (c.batched)
+            ASSERT_TRUE(eventually([&fixed] { return sql(fixed).value(0).toInt() >= 3 * kRowsPerInstance / 4; }));
+        else
+            ASSERT_TRUE(eventually(updateOfInstanceTwoRuns)) << "the update of instance 2 never ran";
+        if (c.end == Killed) {
             tool.kill();
             ASSERT_TRUE(tool.waitForFinished(kEventuallyLimitMs));
             // The server finishes or abandons the statement on its own; either way atomically.
-            ASSERT_TRUE(eventually([] { return !updateOfInstanceTwoRuns(); }));
+            ASSERT_TRUE(eventually([] {
+                return sql(u"SELECT count(*) FROM pg_stat_activity WHERE query LIKE 'UPDATE scan.file%' OR query "
+                           "LIKE 'WITH changed%'"_s)
+                    == QStringList({u"0"_s});
+            }));
+        } else if (c.end == Interrupted) {
+#ifndef Q_OS_WIN
+            ::kill(static_cast<pid_t>(tool.processId()), SIGINT);
+#endif
+            ASSERT_TRUE(tool.waitForFinished(Interrupts::kEndLimitMs));
+            EXPECT_EQ(tool.exitCode(), 1);
+            EXPECT_TRUE(tool.readAllStandardError().contains("ERROR: The run was interrupted by SIGINT"));
+            EXPECT_TRUE(m_sandbox.runLog().contains(u"[WARNING] <ts>: Batched repair covered "_s))
+                << m_sandbox.runLog().toStdString();
         } else {
             server().stop(u"immediate"_s);
             ASSERT_TRUE(tool.waitForFinished(kEventuallyLimitMs)) << "the tool hangs on a vanished server";
@@ -65,71 +103,22 @@ TEST_F(ToolTest, AnInterruptedPassLeavesEveryInstanceWholeAndTheNextRunCompletes
                 "WARNING: Data normalization is failed, data: filetype_details, instance id: 2\n"));
             ASSERT_TRUE(server().start()) << server().error().toStdString();
         }
-        for (const QString &count : sql(u"SELECT count(*) FILTER (WHERE filetype_details = %1) FROM scan.file "
-                                        "GROUP BY instance_id"_s.arg(quoted(kFixed))))
-            EXPECT_TRUE(count == u"0"_s || count == QString::number(kRowsPerInstance)) << count.toStdString();
-        sql(u"DROP TRIGGER slow ON scan.file"_s);
-        EXPECT_EQ(m_sandbox.runTool().exitCode, 0);
-        EXPECT_EQ(sql(u"SELECT count(*) FROM scan.file WHERE filetype_details = %1"_s.arg(quoted(kFixed))),
-            QStringList({QString::number(3 * kRowsPerInstance)}));
-    }
-}
-
-// --batched, a batch per block, every row slow to update, killed or interrupted once a quarter of
-// the rows are repaired: each batch is committed whole or not at all, and the next run finishes
-// the job without rewriting a row twice.
-TEST_F(ToolTest, ABatchedRunEndedHalfwayKeepsItsBatchesAndTheNextRunFinishes)
-{
-    for (const bool interrupt : {false, true}) {
-        SCOPED_TRACE(interrupt ? "interrupted" : "killed");
-#ifdef Q_OS_WIN
-        if (interrupt)
-            continue; // a console event cannot be sent to one program here
-#endif
-        SetUp();
-        addInstances({1, 2, 3});
-        sql(u"INSERT INTO scan.file (instance_id, request_id, filetype_details) SELECT i, 100, %1 FROM "
-            "generate_series(1, 3) i, generate_series(1, %2); CREATE TABLE original AS SELECT id, "
-            "(ctid::text::point)[0] "
-            "AS block FROM scan.file; CREATE FUNCTION slow() RETURNS trigger AS $$ BEGIN PERFORM pg_sleep(0.001); "
-            "RETURN NEW; END $$ LANGUAGE plpgsql; CREATE TRIGGER slow BEFORE UPDATE ON scan.file FOR EACH ROW "
-            "EXECUTE FUNCTION slow();"_s.arg(quoted(kBad))
-                .arg(kRowsPerInstance));
-        const QString fixed = u"SELECT count(*) FROM scan.file WHERE filetype_details = %1"_s.arg(quoted(kFixed));
-        qputenv(BatchedPass::kBatchBlocksVariable, "1");
-        QProcess tool;
-        tool.setWorkingDirectory(m_sandbox.workDirectory());
-        tool.start(QStringLiteral(ZENTRIX_TOOL_PATH), {u"--batched"_s});
-        qunsetenv(BatchedPass::kBatchBlocksVariable);
-        ASSERT_TRUE(eventually([&fixed] { return sql(fixed).value(0).toInt() >= 3 * kRowsPerInstance / 4; }));
-        if (interrupt) {
-#ifndef Q_OS_WIN
-            ::kill(static_cast<pid_t>(tool.processId()), SIGINT);
-#endif
-        } else {
-            tool.kill();
-        }
-        ASSERT_TRUE(tool.waitForFinished(Interrupts::kEndLimitMs));
-        const int repaired = sql(fixed).value(0).toInt();
-        EXPECT_LT(repaired, 3 * kRowsPerInstance);
-        EXPECT_EQ(sql(u"SELECT count(*) FROM (SELECT block FROM original JOIN scan.file USING (id) GROUP BY block "
-                      "HAVING count(DISTINCT filetype_details) > 1) torn"_s),
-            QStringList({u"0"_s}))
-            << "a batch is committed whole or not at all";
-        if (interrupt) {
-            EXPECT_EQ(tool.exitCode(), 1);
-            const QByteArray err = tool.readAllStandardError();
-            EXPECT_TRUE(err.contains("ERROR: The run was interrupted by SIGINT")) << err.constData();
-            EXPECT_TRUE(m_sandbox.runLog().contains(u"[WARNING] <ts>: Batched repair covered "_s))
-                << m_sandbox.runLog().toStdString();
-        }
+        const QString whole = c.batched ? u"block FROM original JOIN scan.file USING (id) GROUP BY block"_s
+                                        : u"instance_id FROM scan.file GROUP BY instance_id"_s;
+        EXPECT_EQ(
+            sql(u"SELECT count(*) FROM (SELECT %1 HAVING count(DISTINCT filetype_details) > 1) torn"_s.arg(whole)),
+            QStringList({u"0"_s}));
+        EXPECT_LT(sql(fixed).value(0).toInt(), 3 * kRowsPerInstance);
         sql(u"DROP TRIGGER slow ON scan.file; CREATE TABLE before AS SELECT id, xmin::text AS x, filetype_details = "
             "%1 AS done FROM scan.file"_s.arg(quoted(kFixed)));
-        EXPECT_EQ(m_sandbox.runTool({u"--batched"_s}).exitCode, 0);
+        EXPECT_EQ(m_sandbox.runTool(arguments).exitCode, 0);
         EXPECT_EQ(sql(fixed), QStringList({QString::number(3 * kRowsPerInstance)}));
-        EXPECT_EQ(sql(u"SELECT count(*) FROM scan.file f JOIN before USING (id) WHERE done AND f.xmin::text <> x"_s),
-            QStringList({u"0"_s}))
-            << "no row is rewritten twice";
+        if (c.batched) {
+            EXPECT_EQ(
+                sql(u"SELECT count(*) FROM scan.file f JOIN before USING (id) WHERE done AND f.xmin::text <> x"_s),
+                QStringList({u"0"_s}))
+                << "no row is rewritten twice";
+        }
     }
 }
 
