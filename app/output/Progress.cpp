@@ -69,14 +69,15 @@ void Progress::setStepCount(int steps, const QString &stepName)
     m_stepName = stepName;
 }
 
+// A step that begins is drawn at once, so that even a short one is seen.
 void Progress::begin(const QString &step)
 {
     {
         const std::lock_guard<std::mutex> lock(m_mutex);
         m_inFlight << step;
-        m_stepBegun = true;
     }
-    m_wake.notify_all();
+    if (m_terminal)
+        Console::status(QStringLiteral("Progress: ") + line());
 }
 
 void Progress::end(const QString &step, bool countsAsStep)
@@ -123,9 +124,7 @@ void Progress::work()
             lastLog = now;
         show(logDue);
         lock.lock();
-        // A step that begins is drawn at once, so that even a short one is seen.
-        m_wake.wait_for(lock, std::chrono::milliseconds(kRedrawMs), [this] { return m_finished || m_stepBegun; });
-        m_stepBegun = false;
+        m_wake.wait_for(lock, std::chrono::milliseconds(kRedrawMs), [this] { return m_finished; });
     }
 }
 

@@ -70,7 +70,6 @@ private:
     mutable std::mutex m_mutex;
     std::condition_variable m_wake;
     bool m_finished = false;
-    bool m_stepBegun = false;
     qint64 m_total = 0;
     qint64 m_done = 0;
     qint64 m_changed = 0;

@@ -351,8 +351,8 @@ TEST_F(ToolTest, ATerminalSeesProgress)
         const char *arguments;
         const char *progress;
     } cases[] = {
-        {"", "instances done"},
-        {" --changed-only", "instances done"},
+        {"", "Progress: instance 1; 0 of 2 instances done"},
+        {" --changed-only", "Progress: finding the rows to change"},
         {" --batched", "% of scan.file, rows changed: "},
         {" --dry-run", "Progress: counting the rows to change"},
     };
