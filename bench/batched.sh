@@ -28,7 +28,8 @@ sql -d postgres -q -c "ALTER SYSTEM SET log_statement = 'all'" -c "SELECT pg_rel
 high='[uU][dD][89abAB][0-9a-fA-F]{2}'
 low='[uU][dD][c-fC-F][0-9a-fA-F]{2}'
 not_after_high="(^|[^\\\\0-9a-fA-F]|(^|[^0-9a-fA-F])[0-9a-fA-F]|(^|[^89abAB])[0-9a-fA-F]{2}|(^|[^dD])[89abAB][0-9a-fA-F]{2}|(^|[^uU])[dD][89abAB][0-9a-fA-F]{2}|(^|[^\\\\])$high)"
-test="filetype_details::TEXT ~ '(^|[^\\\\])([\\\\]|[\\\\]{3,})([uU]0000|[xX]|$high(?![\\\\]$low))|[\\\\]{4,}$low|[\\\\]$high[\\\\]{2}$low|$not_after_high([\\\\]|[\\\\]{3})$low'"
+not_low_after="(\$|[^\\\\]|[\\\\](\$|[^uU]|[uU](\$|[^dD]|[dD](\$|[^c-fC-F]|[c-fC-F](\$|[^0-9a-fA-F]|[0-9a-fA-F](\$|[^0-9a-fA-F]))))))"
+test="filetype_details::TEXT ~ '(^|[^\\\\])([\\\\]|[\\\\]{3,})([uU]0000|[xX]|$high$not_low_after)|[\\\\]{4,}$low|[\\\\]$high[\\\\]{2}$low|$not_after_high([\\\\]|[\\\\]{3})$low'"
 
 options_of() {
     case $1 in
