@@ -8,6 +8,8 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 source scripts/windows-env.sh
 source scripts/sandbox-lib.sh
+# Wine converts command lines and names through the locale's character set.
+export LC_ALL=C.UTF-8
 
 ./scripts/install-deps.sh wine64 zip unzip >/dev/null
 repo=$(pwd)
@@ -47,13 +49,14 @@ zip_file=$(ls dist/zentrix-data-normalizer-*-win64.zip)
 make_wine_prefix "$work/fresh"
 unzip -q "$zip_file" -d "$work/fresh/drive_c/zentrix"
 program='C:\zentrix\'$(basename "$zip_file" .zip)
-mkdir -p "$work/fresh/drive_c/zentrix-data/logs"
+data_folder='zentrix-données'
+mkdir -p "$work/fresh/drive_c/$data_folder/logs"
 key='HKEY_LOCAL_MACHINE\Software\Tarvex\Bravik'
 reg() { "$wine" reg add "$@" /f >/dev/null; }
 reg "$key" /v InstallationFolder /t REG_SZ /d "$program"
 reg "$key\\global" /v restaddress /t REG_SZ /d 127.0.0.1
 reg "$key\\global" /v restport /t REG_DWORD /d 8008
-reg "$key\\internal" /v data_directory /t REG_SZ /d 'C:/zentrix-data'
+reg "$key\\internal" /v data_directory /t REG_SZ /d "C:/$data_folder"
 reg "$key\\internal" /v db_connection /t REG_DWORD /d 3
 
 sql() { env PGPASSWORD=s3cret-pw PGOPTIONS="-c client_min_messages=warning" "$pgbin/psql" -h 127.0.0.1 -p "$port" -U zentrix_test -qAt "$@"; }
@@ -74,7 +77,7 @@ grep -q "\"port\": $port" <<<"$shown" || { echo "the Linux build cannot read the
 windows_out=$(cd "$work/fresh/drive_c" && "$wine" "$program\\zentrix-data-normalizer.exe" --changed-only --jobs 2 \
     2>&1 | tr -d '\r')
 windows_rows=$(sql windows -c "SELECT string_agg(filetype_details, ' ' ORDER BY instance_id, request_id) FROM scan.file")
-windows_log=$(sed -E 's/^(\[[A-Z]+\s*\] )[0-9.: ]+:/\1<ts>:/' "$work/fresh/drive_c/zentrix-data/logs/"*.log)
+windows_log=$(sed -E 's/^(\[[A-Z]+\s*\] )[0-9.: ]+:/\1<ts>:/' "$work/fresh/drive_c/$data_folder/logs/"*.log)
 
 # The same rows repaired by the Linux build.
 sql windows -c "UPDATE scan.file SET filetype_details = v FROM (VALUES (1, 5, '{\"a\":\"\\ud800\"}'),
@@ -100,5 +103,13 @@ same "repaired rows" "$windows_rows" "$linux_rows"
 same "console (after the log path)" "$(tail -n +2 <<<"$windows_out" | sort)" "$(tail -n +2 <<<"$linux_out" | sort)"
 same "run log" "$(sort <<<"$windows_log")" "$(sort <<<"$linux_log")"
 [ "$windows_rows" != "$before" ] || { echo "the Windows build repaired nothing" >&2; failed=1; }
+# Text outside ASCII, from the registry and from the command line, stays UTF-8 on the console
+# and in the run log.
+first="File log: C:/$data_folder/logs/data_normalizer-$(date +%Y%m%d).log"
+[ "$(head -1 <<<"$windows_out")" = "$first" ] || { echo "the log path is not \"$first\" in UTF-8" >&2; failed=1; }
+(cd "$work/fresh/drive_c" && "$wine" "$program\\zentrix-dbinfo.exe" set dbname=fenêtre >/dev/null &&
+    ! "$wine" "$program\\zentrix-data-normalizer.exe" >/dev/null 2>&1)
+grep -qF "Cannot connect to Postgres server: fenêtre" "$work/fresh/drive_c/$data_folder/logs/"*.log ||
+    { echo "the database name is not in the run log in UTF-8" >&2; failed=1; }
 [ "$failed" -eq 0 ] && echo "Windows zip: repaired like the Linux build (rows, console, run log)"
 exit "$failed"

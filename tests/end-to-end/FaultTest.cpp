@@ -13,7 +13,6 @@
 #include <QStandardPaths>
 #include <QThread>
 
-#include <csignal>
 
 using namespace Qt::StringLiterals;
 
@@ -50,10 +49,6 @@ TEST_F(ToolTest, AnInterruptedPassKeepsWhatItCommittedWholeAndTheNextRunComplete
     const QString fixed = u"SELECT count(*) FROM scan.file WHERE filetype_details = %1"_s.arg(quoted(kFixed));
     for (const auto &c : cases) {
         SCOPED_TRACE(c.name);
-#ifdef Q_OS_WIN
-        if (c.end == Interrupted)
-            continue; // a console event cannot be sent to one program here
-#endif
         if (c.end == ServerStopped && server().isExternal())
             continue;
         SetUp();
@@ -69,8 +64,7 @@ TEST_F(ToolTest, AnInterruptedPassKeepsWhatItCommittedWholeAndTheNextRunComplete
         const QStringList arguments = c.batched ? QStringList{u"--batched"_s} : QStringList();
         qputenv(BatchedPass::kBatchBlocksVariable, "1");
         QProcess tool;
-        tool.setWorkingDirectory(m_sandbox.workDirectory());
-        tool.start(QStringLiteral(ZENTRIX_TOOL_PATH), arguments);
+        m_sandbox.startTool(tool, arguments);
         qunsetenv(BatchedPass::kBatchBlocksVariable);
         if (c.batched)
             ASSERT_TRUE(eventually([&fixed] { return sql(fixed).value(0).toInt() >= 3 * kRowsPerInstance / 4; }));
@@ -86,12 +80,10 @@ TEST_F(ToolTest, AnInterruptedPassKeepsWhatItCommittedWholeAndTheNextRunComplete
                     == QStringList({u"0"_s});
             }));
         } else if (c.end == Interrupted) {
-#ifndef Q_OS_WIN
-            ::kill(static_cast<pid_t>(tool.processId()), SIGINT);
-#endif
+            const QString name = ToolSandbox::interrupt(tool);
             ASSERT_TRUE(tool.waitForFinished(Interrupts::kEndLimitMs));
             EXPECT_EQ(tool.exitCode(), 1);
-            EXPECT_TRUE(tool.readAllStandardError().contains("ERROR: The run was interrupted by SIGINT"));
+            EXPECT_TRUE(tool.readAllStandardError().contains("ERROR: The run was interrupted by " + name.toUtf8()));
             EXPECT_TRUE(m_sandbox.runLog().contains(u"[WARNING] <ts>: Batched repair covered "_s))
                 << m_sandbox.runLog().toStdString();
         } else {

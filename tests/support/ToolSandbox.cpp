@@ -11,6 +11,12 @@
 
 #include <openssl/evp.h>
 
+#ifdef Q_OS_WIN
+#include <windows.h>
+#else
+#include <csignal>
+#endif
+
 using namespace Qt::StringLiterals;
 
 namespace {
@@ -66,6 +72,32 @@ ToolSandbox::Result ToolSandbox::runTool(const QStringList &arguments) const
 ToolSandbox::Result ToolSandbox::runDbInfo(const QStringList &arguments) const
 {
     return run(QStringLiteral(ZENTRIX_DBINFO_PATH), arguments, workDirectory());
+}
+
+void ToolSandbox::startTool(QProcess &process, const QStringList &arguments) const
+{
+    process.setWorkingDirectory(workDirectory());
+#ifdef Q_OS_WIN
+    process.setCreateProcessArgumentsModifier(
+        [](QProcess::CreateProcessArguments *arguments) { arguments->flags |= CREATE_NEW_CONSOLE; });
+#endif
+    process.start(QStringLiteral(ZENTRIX_TOOL_PATH), arguments);
+}
+
+QString ToolSandbox::interrupt(const QProcess &process)
+{
+#ifdef Q_OS_WIN
+    // A console event reaches every program of a console: join the tool's, deaf to it here.
+    FreeConsole();
+    AttachConsole(static_cast<DWORD>(process.processId()));
+    SetConsoleCtrlHandler(nullptr, TRUE);
+    GenerateConsoleCtrlEvent(CTRL_C_EVENT, 0);
+    FreeConsole();
+    return u"Ctrl-C"_s;
+#else
+    ::kill(static_cast<pid_t>(process.processId()), SIGINT);
+    return u"SIGINT"_s;
+#endif
 }
 
 ToolSandbox::Result ToolSandbox::run(const QString &program, const QStringList &arguments, const QString &workDirectory)

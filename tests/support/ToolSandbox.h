@@ -5,6 +5,8 @@
 #include <QStringList>
 #include <QTemporaryDir>
 
+class QProcess;
+
 // A self-contained installation for running the real binaries: an installation folder,
 // a data folder with logs/, and a working folder holding the configuration file.
 class ToolSandbox
@@ -38,6 +40,11 @@ public:
         const QStringList &more = QStringList()) const;
     Result runTool(const QStringList &arguments = {}) const;
     Result runDbInfo(const QStringList &arguments) const;
+    // Starts the tool so that interrupt() reaches it as an operator's Ctrl-C would: on Windows
+    // in a console of its own.
+    void startTool(QProcess &process, const QStringList &arguments) const;
+    // Ctrl-C: SIGINT on POSIX, the console event on Windows. Returns the name the run gives it.
+    static QString interrupt(const QProcess &process);
 
     static Result run(const QString &program, const QStringList &arguments, const QString &workDirectory);
     static QByteArray read(const QString &path);
