@@ -48,12 +48,12 @@ unset WINEPATH QT_PLUGIN_PATH ZENTRIX_TEST_SERVER_PORT
 zip_file=$(ls dist/zentrix-data-normalizer-*-win64.zip)
 make_wine_prefix "$work/fresh"
 unzip -q "$zip_file" -d "$work/fresh/drive_c/zentrix"
-program='C:\zentrix\'$(basename "$zip_file" .zip)
+windows_folder='C:\zentrix\'$(basename "$zip_file" .zip)
 data_folder='zentrix-données'
 mkdir -p "$work/fresh/drive_c/$data_folder/logs"
 key='HKEY_LOCAL_MACHINE\Software\Tarvex\Bravik'
 reg() { "$wine" reg add "$@" /f >/dev/null; }
-reg "$key" /v InstallationFolder /t REG_SZ /d "$program"
+reg "$key" /v InstallationFolder /t REG_SZ /d "$windows_folder"
 reg "$key\\global" /v restaddress /t REG_SZ /d 127.0.0.1
 reg "$key\\global" /v restport /t REG_DWORD /d 8008
 reg "$key\\internal" /v data_directory /t REG_SZ /d "C:/$data_folder"
@@ -67,14 +67,14 @@ sql windows -c "CREATE SCHEMA warehouse; CREATE TABLE warehouse.control_refresh 
     (1, 5, '{\"a\":\"\\ud800\"}'), (2, 5, '{\"b\":\"\\u0000\",\"c\":\"\\x41\"}'), (2, 1, '{\"d\":\"\\udc00\"}');"
 before=$(sql windows -c "SELECT string_agg(filetype_details, ' ' ORDER BY instance_id, request_id) FROM scan.file")
 
-(cd "$work/fresh/drive_c" && "$wine" "$program\\zentrix-dbinfo.exe" set host=127.0.0.1 port="$port" \
+(cd "$work/fresh/drive_c" && "$wine" "$windows_folder\\zentrix-dbinfo.exe" set host=127.0.0.1 port="$port" \
     user=zentrix_test password=s3cret-pw type=remote dbname=windows >/dev/null)
 # The Linux build reads what the Windows build wrote.
 cp "$work/fresh/drive_c/zentrix/$(basename "$zip_file" .zip)/zentrix_postgres."{dat,cat} "$work/"
 shown=$(./build/app/zentrix-dbinfo --installation "$work" show 2>/dev/null)
 grep -q "\"port\": $port" <<<"$shown" || { echo "the Linux build cannot read the Windows information file" >&2; exit 1; }
 
-windows_out=$(cd "$work/fresh/drive_c" && "$wine" "$program\\zentrix-data-normalizer.exe" --changed-only --jobs 2 \
+windows_out=$(cd "$work/fresh/drive_c" && "$wine" "$windows_folder\\zentrix-data-normalizer.exe" --changed-only --jobs 2 \
     2>&1 | tr -d '\r')
 windows_rows=$(sql windows -c "SELECT string_agg(filetype_details, ' ' ORDER BY instance_id, request_id) FROM scan.file")
 windows_log=$(sed -E 's/^(\[[A-Z]+\s*\] )[0-9.: ]+:/\1<ts>:/' "$work/fresh/drive_c/$data_folder/logs/"*.log)
@@ -107,8 +107,8 @@ same "run log" "$(sort <<<"$windows_log")" "$(sort <<<"$linux_log")"
 # and in the run log.
 first="File log: C:/$data_folder/logs/data_normalizer-$(date +%Y%m%d).log"
 [ "$(head -1 <<<"$windows_out")" = "$first" ] || { echo "the log path is not \"$first\" in UTF-8" >&2; failed=1; }
-(cd "$work/fresh/drive_c" && "$wine" "$program\\zentrix-dbinfo.exe" set dbname=fenêtre >/dev/null &&
-    ! "$wine" "$program\\zentrix-data-normalizer.exe" >/dev/null 2>&1)
+(cd "$work/fresh/drive_c" && "$wine" "$windows_folder\\zentrix-dbinfo.exe" set dbname=fenêtre >/dev/null &&
+    ! "$wine" "$windows_folder\\zentrix-data-normalizer.exe" >/dev/null 2>&1)
 grep -qF "Cannot connect to Postgres server: fenêtre" "$work/fresh/drive_c/$data_folder/logs/"*.log ||
     { echo "the database name is not in the run log in UTF-8" >&2; failed=1; }
 [ "$failed" -eq 0 ] && echo "Windows zip: repaired like the Linux build (rows, console, run log)"
