@@ -13,7 +13,6 @@
 #include <QStandardPaths>
 #include <QThread>
 
-
 using namespace Qt::StringLiterals;
 
 namespace {
