@@ -151,7 +151,7 @@ TEST_F(PostgresServiceTest, ServiceCommandsOfTheInitSequenceAndTheDestructor)
             (QStringList{u"pg_ctl|status"_s}
                 + (c.alreadyAnswering ? QStringList()
                                       : QStringList{u"sc|query"_s} + registration
-                            + QStringList{u"net|start"_s, u"pg_ctl|status"_s})));
+                            + QStringList{u"net|start"_s, u"pg_ctl|status"_s, u"sc|query"_s})));
         EXPECT_EQ(under->service->operatorAdvice().startsWith(u"Another program already listens on 127.0.0.1:"_s),
             c.alreadyAnswering);
         if (c.alreadyAnswering) {

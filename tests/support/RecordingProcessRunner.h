@@ -18,6 +18,7 @@ public:
         QStringList lines;
         // Keyed by "program first-argument", e.g. "sc query".
         QHash<QString, int> exitCodes;
+        QHash<QString, QByteArray> outputs;
         QHash<QString, std::function<void()>> hooks;
     };
 
@@ -35,6 +36,7 @@ public:
         core::ProcessResult result;
         result.started = result.finished = true;
         result.exitCode = m_script->exitCodes.value(key, 0);
+        result.standardOutput = m_script->outputs.value(key);
         return result;
     }
 

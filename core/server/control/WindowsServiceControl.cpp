@@ -2,11 +2,18 @@
 
 #include "core/server/PostmasterPidFile.h"
 
+#include <QDeadlineTimer>
+#include <QRegularExpression>
+#include <QThread>
+
 namespace core {
 
 namespace {
 const QString kService = QLatin1String(ServiceControl::kServiceName);
-}
+// The states sc reports, as Windows numbers them.
+constexpr int kServiceStartPending = 2;
+constexpr int kServiceRunning = 4;
+} // namespace
 
 WindowsServiceControl::WindowsServiceControl(const ServiceContext &context, std::unique_ptr<ProcessRunner> runner)
     : ServiceControl(context, std::move(runner))
@@ -47,10 +54,20 @@ void WindowsServiceControl::start()
     m_serverLog.mark();
     runToCompletion(QStringLiteral("net"), {QStringLiteral("start"), kService});
     // "net start" returns once the service runs or has stopped again, so a server that could
-    // not start is known at once.
+    // not start is known at once, unless the service is still on its way.
     m_startFailure.clear();
-    if (status() != kNotRunning)
-        return;
+    const QDeadlineTimer limit(kStartPendingLimitMs);
+    while (status() == kNotRunning) {
+        if (!starting() || limit.hasExpired()) {
+            setStartFailure();
+            return;
+        }
+        QThread::msleep(kStartPendingPollMs);
+    }
+}
+
+void WindowsServiceControl::setStartFailure()
+{
     const QStringList complaints = m_serverLog.complaintsSinceMark();
     m_startFailure = complaints.isEmpty()
         ? QStringLiteral("no server runs in %1 after \"net start %2\"; the server's reason is in the Windows event log")
@@ -78,6 +95,14 @@ void WindowsServiceControl::unregisterService()
         = runToCompletion(m_context.pgCtlPath, {QStringLiteral("unregister"), QStringLiteral("-N"), kService});
     log(QStringLiteral("Unregister postgres service. Exit code: %1").arg(result.exitCode), QString(),
         PostgresLogLevel::Info);
+}
+
+bool WindowsServiceControl::starting()
+{
+    static const QRegularExpression state(QStringLiteral(R"(STATE\s*:\s*(\d+))"));
+    const ProcessResult query = runToCompletion(QStringLiteral("sc"), {QStringLiteral("query"), kService});
+    const int number = state.match(QString::fromLocal8Bit(query.standardOutput)).captured(1).toInt();
+    return number == kServiceStartPending || number == kServiceRunning;
 }
 
 bool WindowsServiceControl::exists()

@@ -47,11 +47,16 @@ TEST(WindowsServiceControlTest, CommandLinesOfEveryOperation)
             u"sc|description|zentrix-postgresql|Sentrova Core PostgreSQL Service @-1"_s,
             u"sc|config|zentrix-postgresql|displayname=|Tarvex Sentrova Core PostgreSQL @-1"_s,
             u"net|start|zentrix-postgresql @-1"_s, pgCtl + "|status|-D|" + dataDirectory.path() + " @30000",
-            pgCtl + "|status|-D|" + dataDirectory.path() + " @30000", u"sc|query|zentrix-postgresql @-1"_s}));
+            u"sc|query|zentrix-postgresql @-1"_s, pgCtl + "|status|-D|" + dataDirectory.path() + " @30000",
+            u"sc|query|zentrix-postgresql @-1"_s}));
+    // A service still starting once "net start" has returned (Wine's returns at once) is waited for.
     script->hooks.clear();
-    script->exitCodes.insert(u"pg_ctl.exe status"_s, 0);
+    script->lines.clear();
+    script->outputs.insert(u"sc query"_s, "        STATE              : 2  START_PENDING \r\n");
+    script->hooks.insert(u"sc query"_s, [&script] { script->exitCodes.insert(u"pg_ctl.exe status"_s, 0); });
     control.start();
-    EXPECT_EQ(control.startFailure(), QString()) << "a running server";
+    EXPECT_EQ(control.startFailure(), QString()) << "a server that came up";
+    EXPECT_EQ(script->lines.size(), 4) << "net start, status, sc query, status";
 
     // Stopping kills only a usable PID from the lock file, and always unregisters.
     const QStringList unregister
