@@ -3,7 +3,8 @@
 # against a real PostgreSQL server started here on the Linux side (the Windows test programs
 # reach it on 127.0.0.1; they cannot start Linux programs themselves). Tests that need a local
 # Windows server skip with their reason. Then the packaged zip, unzipped into a fresh prefix,
-# repairs a database configured only in that prefix's registry, like the Linux build.
+# repairs a database configured only in that prefix's registry, like the Linux build, and, in
+# another prefix, a server of its own made and run with PostgreSQL's Windows programs.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 source scripts/windows-env.sh
@@ -112,4 +113,53 @@ first="File log: C:/$data_folder/logs/data_normalizer-$(date +%Y%m%d).log"
 grep -qF "Cannot connect to Postgres server: fenêtre" "$work/fresh/drive_c/$data_folder/logs/"*.log ||
     { echo "the database name is not in the run log in UTF-8" >&2; failed=1; }
 [ "$failed" -eq 0 ] && echo "Windows zip: repaired like the Linux build (rows, console, run log)"
+
+# The local path: PostgreSQL's own Windows programs in the installation, the service driven
+# through Wine's sc and net. The first run makes the cluster and the service and finds no product
+# database; once the product has made it, the next run repairs and stops the service again.
+make_wine_prefix "$work/local"
+drive="$work/local/drive_c"
+unzip -q "$zip_file" -d "$drive/zentrix"
+install="$drive/zentrix/$(basename "$zip_file" .zip)"
+mkdir -p "$install/postgres" "$drive/zentrix-data/logs"
+cp -r "$sdk/postgresql/"{bin,lib,share} "$install/postgres/"
+cp "$install/"*.dll "$install/postgres/bin/"
+reg "$key" /v InstallationFolder /t REG_SZ /d "$windows_folder"
+reg "$key\\global" /v restaddress /t REG_SZ /d 127.0.0.1
+reg "$key\\global" /v restport /t REG_SZ /d 8008
+reg "$key\\internal" /v data_directory /t REG_SZ /d 'C:\zentrix-data'
+local_port=$(free_port 47400)
+local_run() { (cd "$drive" && "$wine" "$windows_folder\\$1" "${@:2}"); }
+local_run zentrix-dbinfo.exe set host=127.0.0.1 port="$local_port" user=zentrix password=local-pw type=local \
+    dbname=product >/dev/null
+local_sql() { env PGPASSWORD=local-pw "$pgbin/psql" -h 127.0.0.1 -p "$local_port" -U zentrix -qAt "$@"; }
+pg_data='C:\zentrix-data\pg_data'
+# The product's own use of its server, outside the tool's runs.
+product_server() {
+    if [ "$1" = start ]; then
+        local_run 'postgres\bin\pg_ctl.exe' start -W -D "$pg_data" -o "-p $local_port" >/dev/null
+        for _ in $(seq 60); do "$pgbin/pg_isready" -q -h 127.0.0.1 -p "$local_port" && return; sleep 1; done
+        return 1
+    fi
+    local_run 'postgres\bin\pg_ctl.exe' stop -D "$pg_data" -m fast >/dev/null
+}
+local_log="$drive/zentrix-data/logs/data_normalizer-$(date +%Y%m%d).log"
+local_failed() { echo "local server under Wine: $1" >&2; failed=1; }
+if local_run zentrix-data-normalizer.exe >/dev/null 2>&1; then local_failed "the first run found a database"; fi
+grep -qF "Cannot connect to Postgres server: product" "$local_log" || local_failed "no connection failure logged"
+[ -f "$drive/zentrix-data/pg_data/PG_VERSION" ] || local_failed "no cluster made"
+! "$pgbin/pg_isready" -q -h 127.0.0.1 -p "$local_port" || local_failed "the first run left the server running"
+product_server start
+local_sql postgres -c "CREATE DATABASE product"
+local_sql product -c "CREATE SCHEMA warehouse; CREATE TABLE warehouse.control_refresh (instance_id int, last_request_id
+    bigint); CREATE SCHEMA scan; CREATE TABLE scan.file (instance_id int, request_id bigint, filetype_details text);
+    INSERT INTO warehouse.control_refresh VALUES (1, 0); INSERT INTO scan.file VALUES (1, 5, '{\"a\":\"\\ud800\"}');"
+product_server stop
+local_run zentrix-data-normalizer.exe >/dev/null 2>&1 || local_failed "the second run failed"
+! "$pgbin/pg_isready" -q -h 127.0.0.1 -p "$local_port" || local_failed "the second run left the server running"
+product_server start
+[ "$(local_sql product -c "SELECT filetype_details FROM scan.file")" = '{"a":"\\ud800"}' ] ||
+    local_failed "the row was not repaired"
+product_server stop
+[ "$failed" -eq 0 ] && echo "Windows local server: cluster made, service started, rows repaired, service stopped"
 exit "$failed"

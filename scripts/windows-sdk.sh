@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Builds the Windows SDK the cross build links against: Qt's Core, Network and Sql with the
-# PostgreSQL driver, OpenSSL (libcrypto, libssl), libpq and GoogleTest, all from Debian's source
-# packages of the versions this machine has, with the MinGW-w64 cross compilers.
+# PostgreSQL driver, OpenSSL (libcrypto, libssl), libpq, GoogleTest and, for the tests of a local
+# server, PostgreSQL's own server programs, all from Debian's source packages of the versions this
+# machine has, with the MinGW-w64 cross compilers.
 #
 # The SDK goes to $ZENTRIX_WINDOWS_SDK_CACHE/<versions> (default ~/.cache/zentrix-windows-sdk),
 # one folder per set of versions, so a new Debian point release builds a new one. Each component
@@ -59,6 +60,7 @@ declare -A versions=(
     [qt6-base]=$(source_version qt6-base "$(installed_source qt6-base-dev)")
     [googletest]=$(source_version googletest "$(installed_source libgtest-dev)")
 )
+versions[postgresql-server]=${versions[postgresql-15]}
 if [ "${versions[qt6-base]}" != "$(installed_source qt6-base-dev)" ]; then
     say "the archive no longer serves qt6-base $(installed_source qt6-base-dev), the version of this machine's Qt tools"
     exit 1
@@ -79,14 +81,15 @@ unpack_source() {
 
 # Runs one component's build with its output in a log of its own; shows the log's end on failure.
 step=0
+steps=5
 component() {
     local name=$1 builder=$2 log="$logs/$1.log"
     step=$((step + 1))
     if [ -e "$sdk/.built/$name" ]; then
-        say "[$step/4] $name ${versions[$name]}: in place"
+        say "[$step/$steps] $name ${versions[$name]}: in place"
         return
     fi
-    say "[$step/4] $name ${versions[$name]}: fetching and building (log: $log)"
+    say "[$step/$steps] $name ${versions[$name]}: fetching and building (log: $log)"
     local started=$SECONDS status
     # Not in a condition, where bash would ignore the builder's own errexit.
     set +e
@@ -100,7 +103,7 @@ component() {
     fi
     touch "$sdk/.built/$name"
     rm -rf "$work/$name"
-    say "[$step/4] $name: built in $((SECONDS - started)) s"
+    say "[$step/$steps] $name: built in $((SECONDS - started)) s"
 }
 
 host=x86_64-w64-mingw32
@@ -126,6 +129,24 @@ build_postgresql() {
     make -C src/interfaces/libpq -j "$jobs"
     make -C src/interfaces/libpq install
     make -C src/include install
+}
+
+# The server's own programs, for the tests of a server the tool manages itself: initdb.exe,
+# pg_ctl.exe and postgres.exe with what they load, in a folder of their own. The time zone data
+# is compiled by the build machine's zic (the one built here is a Windows program).
+build_postgresql-server() {
+    unpack_source postgresql-15 "$2" "$1"
+    cd "$1/source"
+    CC=$host-gcc-posix ./configure --build=x86_64-pc-linux-gnu --host=$host --prefix="$sdk/postgresql" \
+        --without-readline --without-zlib --without-icu --without-llvm --with-ssl=openssl \
+        --with-includes="$sdk/include" --with-libraries="$sdk/lib"
+    local dir
+    for dir in src/port src/common src/backend src/backend/utils/mb/conversion_procs src/backend/snowball src/pl/plpgsql \
+        src/bin/initdb src/bin/pg_ctl; do
+        make -C "$dir" -j "$jobs"
+        make -C "$dir" install
+    done
+    make -C src/timezone install ZIC=/usr/sbin/zic
 }
 
 build_qt6-base() {
@@ -157,4 +178,5 @@ component openssl build_openssl
 component postgresql-15 build_postgresql
 component qt6-base build_qt6-base
 component googletest build_googletest
+component postgresql-server build_postgresql-server
 echo "$sdk"
