@@ -6,8 +6,10 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 source scripts/windows-env.sh
 
-./scripts/install-deps.sh zip binutils-mingw-w64-x86-64 >/dev/null
+./scripts/install-deps.sh zip file binutils-mingw-w64-x86-64 >/dev/null
 build_windows build-windows-package OFF
+runtime=$(mingw_runtime_dlls)
+mapfile -t mingw_runtime <<<"$runtime"
 
 version=$(sed -n 's/^project(zentrix-data-normalizer VERSION \([0-9.]*\).*/\1/p' CMakeLists.txt)
 name="zentrix-data-normalizer-$version-win64"

@@ -1,7 +1,12 @@
 # Shared by scripts/demo.sh and bench/run.sh: sandbox installations of the product and the
 # account its database server runs under. Source it; it defines functions and variables only.
 
-pgbin=$(ls -d /usr/lib/postgresql/*/bin | sort -V | tail -n 1)
+# Sourced after scripts/install-deps.sh has installed PostgreSQL.
+pgbin=$(ls -d /usr/lib/postgresql/*/bin 2>/dev/null | sort -V | tail -n 1)
+if [ -z "$pgbin" ]; then
+    echo "$(basename "$0"): no PostgreSQL programs in /usr/lib/postgresql/*/bin; they come with the Debian package postgresql" >&2
+    exit 1
+fi
 
 # PostgreSQL refuses to run as root: as root, installations belong to "postgres" and the
 # server programs run under that account.

@@ -7,15 +7,18 @@
 # another prefix, a server of its own made and run with PostgreSQL's Windows programs.
 set -euo pipefail
 cd "$(dirname "$0")/.."
-source scripts/windows-env.sh
-source scripts/sandbox-lib.sh
 # Wine converts command lines and names through the locale's character set.
 export LC_ALL=C.UTF-8
 
 ./scripts/install-deps.sh wine64 zip unzip >/dev/null
+source scripts/windows-env.sh
+source scripts/sandbox-lib.sh
 repo=$(pwd)
 [ -x build/app/zentrix-data-normalizer ] || ./scripts/build.sh release
 build_windows build-windows ON
+wine=$(wine_program)
+runtime=$(mingw_runtime_dlls)
+mapfile -t mingw_runtime <<<"$runtime"
 
 work=$(mktemp -d)
 # The server's own folder belongs to its account; Wine wants its prefixes' parent to be ours.

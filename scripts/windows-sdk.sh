@@ -34,32 +34,37 @@ fi
 
 # Each library is built in the version of the Linux build's own package where the archive still
 # serves its source, else in the newest it serves. Qt must match exactly: its host tools (moc, rcc
-# from qt6-base-dev) generate code for the Qt they come with. Sources are kept with the cache.
+# from qt6-base-dev) generate code for the Qt they come with. Sources are kept with the cache; apt's
+# answers go to a log, and a fallback is said in one line of its own.
 sources="$cache/sources"
-mkdir -p "$sources"
+logs="$cache/logs"
+mkdir -p "$sources" "$logs"
 source_version() {
-    local package=$1 installed=$2 candidates version
+    local package=$1 installed=$2 candidates version log="$logs/sources.log" missing=()
     candidates=$( (echo "$installed"; apt-cache "${apt_options[@]}" showsrc "$package" |
         sed -n 's/^Version: //p' | sort -urV) | awk '!seen[$0]++')
     for version in $candidates; do
-        if [ -e "$sources/${package}_$version.dsc" ]; then echo "$version"; return; fi
-        [ -e "$sources/${package}_$version.unavailable" ] && continue
-        if (cd "$sources" && apt-get "${apt_options[@]}" source --download-only -qq "$package=$version" >&2); then
+        if [ -e "$sources/${package}_$version.dsc" ] || { [ ! -e "$sources/${package}_$version.unavailable" ] &&
+            (cd "$sources" && echo "== $package $version" &&
+                apt-get "${apt_options[@]}" source --download-only -qq "$package=$version") >>"$log" 2>&1; }; then
+            [ "${#missing[@]}" -eq 0 ] ||
+                say "$package: the archive does not serve the source of ${missing[*]}; building $version instead (apt's answers: $log)"
             echo "$version"
             return
         fi
         touch "$sources/${package}_$version.unavailable"
+        missing+=("$version")
     done
-    say "no source of $package can be fetched"
+    say "no source of $package can be fetched (tried ${missing[*]}; apt's answers: $log)"
     exit 1
 }
 installed_source() { dpkg-query -W -f='${source:Version}' "$1"; }
-declare -A versions=(
-    [openssl]=$(source_version openssl "$(installed_source libssl-dev)")
-    [postgresql-15]=$(source_version postgresql-15 "$(installed_source libpq-dev)")
-    [qt6-base]=$(source_version qt6-base "$(installed_source qt6-base-dev)")
-    [googletest]=$(source_version googletest "$(installed_source libgtest-dev)")
-)
+# One assignment each: a failing lookup inside a compound assignment would not stop the script.
+declare -A versions
+versions[openssl]=$(source_version openssl "$(installed_source libssl-dev)")
+versions[postgresql-15]=$(source_version postgresql-15 "$(installed_source libpq-dev)")
+versions[qt6-base]=$(source_version qt6-base "$(installed_source qt6-base-dev)")
+versions[googletest]=$(source_version googletest "$(installed_source libgtest-dev)")
 versions[postgresql-server]=${versions[postgresql-15]}
 if [ "${versions[qt6-base]}" != "$(installed_source qt6-base-dev)" ]; then
     say "the archive no longer serves qt6-base $(installed_source qt6-base-dev), the version of this machine's Qt tools"
@@ -70,8 +75,7 @@ key="win64-openssl_${versions[openssl]}-pg_${versions[postgresql-15]}-qt_${versi
 key+="-gtest_${versions[googletest]}-gcc_${mingw_version%%-*}"
 sdk="$cache/$key"
 work="$cache/build"
-logs="$cache/logs"
-mkdir -p "$sdk/.built" "$logs"
+mkdir -p "$sdk/.built"
 
 unpack_source() {
     local package=$1 version=$2 into=$3
