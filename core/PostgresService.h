@@ -83,6 +83,9 @@ public:
     // Asked during the long waits of init (cluster creation, start, readiness): true makes
     // init give up at once and leave nothing half-made.
     void setInterruptCheck(std::function<bool()> interrupted) { m_interrupted = std::move(interrupted); }
+    // Server settings ("name=value") for every session that openConnection opens from now on,
+    // given at connect time after those of PGOPTIONS, so that no statement is added for them.
+    void setSessionSettings(const QStringList &settings) { m_sessionSettings = settings; }
     // Set when init failed for a reason only the operator can remove: what to do about it.
     QString operatorAdvice() const { return m_operatorAdvice; }
     // Copies of information files kept before they were replaced.
@@ -164,6 +167,7 @@ private:
     QString m_lastConnectionError;
     QString m_operatorAdvice;
     std::function<bool()> m_interrupted;
+    QStringList m_sessionSettings;
     bool m_sharedDbMode = false;
     ServerAccount m_account;
     ServiceControlFactory m_controlFactory;

@@ -47,8 +47,19 @@ void PostgresService::configureHandle(QSqlDatabase &database, const QString &dbN
     // The round trip through the local code page is how the product has always passed
     // the password; servers provisioned by it expect exactly these bytes.
     database.setPassword(QString::fromLocal8Bit(m_information.password.toUtf8()));
+    QStringList options;
     if (qEnvironmentVariableIsEmpty("PGCONNECT_TIMEOUT"))
-        database.setConnectOptions(QStringLiteral("connect_timeout=%1").arg(kConnectTimeoutSeconds));
+        options << QStringLiteral("connect_timeout=%1").arg(kConnectTimeoutSeconds);
+    if (!m_sessionSettings.isEmpty()) {
+        // libpq takes "options" instead of PGOPTIONS, so the operator's come first and ours win.
+        QString value = qEnvironmentVariable("PGOPTIONS");
+        for (const QString &setting : m_sessionSettings)
+            value += QStringLiteral(" -c ") + setting;
+        value.replace(QLatin1Char('\\'), QStringLiteral("\\\\")).replace(QLatin1Char('\''), QStringLiteral("\\'"));
+        options << QStringLiteral("options='%1'").arg(value.trimmed());
+    }
+    if (!options.isEmpty())
+        database.setConnectOptions(options.join(QLatin1Char(';')));
 }
 
 bool PostgresService::openConnection(

@@ -2,17 +2,25 @@
 
 #include "app/output/Console.h"
 #include "app/output/RunLog.h"
+#include "app/output/Terminal.h"
 #include "app/output/VerboseLog.h"
 
 #include <QThread>
 
 #include <chrono>
 
-Progress::Progress(RunLog &log, const VerboseLog &verbose, bool terminal, bool toLog)
+Progress::Display Progress::displayFor(bool standardErrorIsTerminal, bool standardOutputIsTerminal)
+{
+    if (!standardErrorIsTerminal)
+        return Display::None;
+    return standardOutputIsTerminal ? Display::InPlace : Display::Lines;
+}
+
+Progress::Progress(RunLog &log, const VerboseLog &verbose, Display display, bool toLog)
     : m_log(log)
     , m_verbose(verbose)
-    , m_terminal(terminal)
-    , m_toLog(toLog || terminal || verbose.enabled())
+    , m_display(display)
+    , m_toLog(toLog || display != Display::None || verbose.enabled())
 {
     m_clock.start();
     if (!active())
@@ -31,21 +39,20 @@ Progress::~Progress()
     }
     m_wake.notify_all();
     m_thread->wait();
-    if (m_terminal)
+    if (m_display == Display::InPlace)
         Console::status(QString());
 }
 
-Progress::Step::Step(Progress &progress, const QString &step, bool countsAsStep)
+Progress::Step::Step(Progress &progress, const QString &step)
     : m_progress(progress)
     , m_step(step)
-    , m_counts(countsAsStep)
 {
     m_progress.begin(m_step);
 }
 
 Progress::Step::~Step()
 {
-    m_progress.end(m_step, m_counts);
+    m_progress.end(m_step);
 }
 
 void Progress::setTotal(qint64 units, const QString &whatOf)
@@ -69,6 +76,18 @@ void Progress::setStepCount(int steps, const QString &stepName)
     m_stepName = stepName;
 }
 
+void Progress::stepDone()
+{
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    ++m_stepsDone;
+}
+
+void Progress::setWaiting(const QString &text)
+{
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    m_waiting = text;
+}
+
 // A step that begins is drawn at once, so that even a short one is seen.
 void Progress::begin(const QString &step)
 {
@@ -76,45 +95,45 @@ void Progress::begin(const QString &step)
         const std::lock_guard<std::mutex> lock(m_mutex);
         m_inFlight << step;
     }
-    if (m_terminal)
-        Console::status(QStringLiteral("Progress: ") + line());
+    if (m_display == Display::InPlace)
+        draw(QStringLiteral("Progress: ") + line());
 }
 
-void Progress::end(const QString &step, bool countsAsStep)
+void Progress::end(const QString &step)
 {
     const std::lock_guard<std::mutex> lock(m_mutex);
     m_inFlight.removeOne(step);
-    if (countsAsStep)
-        ++m_stepsDone;
 }
 
 QString Progress::line() const
 {
     const std::lock_guard<std::mutex> lock(m_mutex);
     const qint64 elapsed = m_clock.elapsed();
+    QStringList parts = {duration(elapsed)};
     if (m_total > 0) {
         const double share = double(m_done) / double(m_total);
         const QString left = m_done == 0
             ? QStringLiteral("estimating the time left")
             : QStringLiteral("about %1 left").arg(duration(qint64(elapsed * (1 - share) / share)));
-        return QStringLiteral("%1% of %2, rows changed: %3, %4")
-            .arg(int(share * 100))
-            .arg(m_whatOf)
-            .arg(m_changed)
-            .arg(left);
+        parts << QStringLiteral("%1% of %2, rows changed: %3, %4")
+                     .arg(int(share * 100))
+                     .arg(m_whatOf)
+                     .arg(m_changed)
+                     .arg(left);
+    } else if (m_steps > 0) {
+        parts << QStringLiteral("%1 of %2 %3s done").arg(m_stepsDone).arg(m_steps).arg(m_stepName);
     }
-    QStringList parts;
     if (!m_inFlight.isEmpty())
         parts << m_inFlight.join(QStringLiteral(", "));
-    if (m_steps > 0)
-        parts << QStringLiteral("%1 of %2 %3s done").arg(m_stepsDone).arg(m_steps).arg(m_stepName);
-    parts << duration(elapsed);
+    if (!m_waiting.isEmpty())
+        parts << m_waiting;
     return parts.join(QStringLiteral("; "));
 }
 
 void Progress::work()
 {
     qint64 lastLog = 0;
+    qint64 lastLine = 0;
     std::unique_lock<std::mutex> lock(m_mutex);
     while (!m_finished) {
         lock.unlock();
@@ -122,6 +141,10 @@ void Progress::work()
         const bool logDue = now - lastLog >= kLogIntervalMs;
         if (logDue)
             lastLog = now;
+        if (m_display == Display::Lines && now - lastLine >= kPipedIntervalMs) {
+            lastLine = now;
+            draw(QStringLiteral("Progress: ") + line());
+        }
         show(logDue);
         lock.lock();
         m_wake.wait_for(lock, std::chrono::milliseconds(kRedrawMs), [this] { return m_finished; });
@@ -132,14 +155,26 @@ void Progress::work()
 void Progress::show(bool logDue)
 {
     const QString text = QStringLiteral("Progress: ") + line();
-    if (m_terminal)
-        Console::status(text);
+    if (m_display == Display::InPlace)
+        draw(text);
     if (!logDue || m_clock.elapsed() < kLogIntervalMs)
         return;
     if (m_verbose.enabled())
         m_verbose.line(text);
     else
         m_log.writeLine(RunLog::Info, text);
+}
+
+// Never as wide as the terminal: a line that fills it makes the cursor wrap, and the next
+// redraw would add a row.
+void Progress::draw(const QString &text) const
+{
+    const int columns = Terminal::columns();
+    const QString fitting = columns > 1 ? text.left(columns - 1) : text;
+    if (m_display == Display::InPlace)
+        Console::status(fitting);
+    else
+        Console::err(fitting);
 }
 
 QString Progress::duration(qint64 ms)

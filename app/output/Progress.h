@@ -14,18 +14,31 @@ class VerboseLog;
 
 // How far a long run has got, for an operator who would otherwise take it for hung: on a
 // terminal, a status line redrawn in place; in the run log (and with --verbose on standard
-// error), a line at most once a minute. A pass reports either measured work (units of a known
-// total) or the steps it has in flight (an instance, the finding read). Silent when neither
-// the terminal nor the log is to hear of it.
+// error), a line at most once a minute. Every line says the time so far, the measured share of
+// the work or the steps done, and what is in flight. Silent when neither the terminal nor the
+// log is to hear of it.
 class Progress
 {
 public:
     static constexpr int kRedrawMs = 1000;
     static constexpr int kLogIntervalMs = 60000;
+    // With standard output piped (| tee) and standard error a terminal, the pipe's lines reach
+    // the screen whenever the reader writes them, so a line redrawn in place would be torn; the
+    // line is then written whole, this often.
+    static constexpr int kPipedIntervalMs = 10000;
+
+    enum class Display {
+        None,
+        // Redrawn in place on standard error.
+        InPlace,
+        // Whole lines on standard error now and then.
+        Lines,
+    };
+    static Display displayFor(bool standardErrorIsTerminal, bool standardOutputIsTerminal);
 
     // toLog: a line in the run log once a minute even when neither terminal nor --verbose is
     // there to ask for it.
-    Progress(RunLog &log, const VerboseLog &verbose, bool terminal, bool toLog);
+    Progress(RunLog &log, const VerboseLog &verbose, Display display, bool toLog);
     ~Progress();
     Progress(const Progress &) = delete;
     Progress &operator=(const Progress &) = delete;
@@ -34,8 +47,7 @@ public:
     class Step
     {
     public:
-        // countsAsStep: when it ends, one more of the steps counted by setStepCount() is done.
-        Step(Progress &progress, const QString &step, bool countsAsStep = true);
+        Step(Progress &progress, const QString &step);
         ~Step();
         Step(const Step &) = delete;
         Step &operator=(const Step &) = delete;
@@ -43,27 +55,31 @@ public:
     private:
         Progress &m_progress;
         const QString m_step;
-        const bool m_counts;
     };
 
     void setTotal(qint64 units, const QString &whatOf);
     void advance(qint64 units, qint64 rowsChanged);
     void setStepCount(int steps, const QString &stepName);
+    // One more of the steps counted by setStepCount() is done.
+    void stepDone();
+    // What the run waits for, shown until it is cleared with an empty text.
+    void setWaiting(const QString &text);
 
     // The text of the line as it stands.
     QString line() const;
 
 private:
     void begin(const QString &step);
-    void end(const QString &step, bool countsAsStep);
-    bool active() const { return m_terminal || m_toLog; }
+    void end(const QString &step);
+    bool active() const { return m_display != Display::None || m_toLog; }
     void work();
     void show(bool logDue);
+    void draw(const QString &text) const;
     static QString duration(qint64 ms);
 
     RunLog &m_log;
     const VerboseLog &m_verbose;
-    const bool m_terminal;
+    const Display m_display;
     const bool m_toLog;
     QElapsedTimer m_clock;
 
@@ -78,5 +94,6 @@ private:
     int m_stepsDone = 0;
     QString m_stepName;
     QStringList m_inFlight;
+    QString m_waiting;
     std::unique_ptr<QThread> m_thread;
 };

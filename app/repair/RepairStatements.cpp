@@ -31,10 +31,14 @@ QString changesRow(const QString &column)
 }
 
 // The range of all listed instances at once: request_id above the row's own instance id is
-// what each instance's "request_id > <id> AND instance_id = <id>" selects.
+// what each instance's "request_id > <id> AND instance_id = <id>" selects. Ids are literals, so
+// that ids which are not numbers compare as the column's type says.
 QString inRange(const QStringList &instanceIds)
 {
-    return QStringLiteral("instance_id IN (%1) AND request_id > instance_id").arg(instanceIds.join(QLatin1Char(',')));
+    QStringList literals;
+    for (const QString &id : instanceIds)
+        literals << RepairStatements::literal(id);
+    return QStringLiteral("instance_id IN (%1) AND request_id > instance_id").arg(literals.join(QLatin1Char(',')));
 }
 
 // CASE fixes the order of evaluation (the planner may reorder the terms of an AND): the test
@@ -44,11 +48,35 @@ QString changesInRange(const QString &column, const QStringList &instanceIds)
     return QStringLiteral("CASE WHEN %1 THEN %2 ELSE false END").arg(inRange(instanceIds), changesRow(column));
 }
 
-QString blockTid(qint64 block)
+// Instance id and rows changed per instance of an UPDATE's rows.
+QString countedPerInstance(const QString &update)
 {
-    return QStringLiteral("'(%1,0)'").arg(block);
+    return QStringLiteral("WITH changed AS (%1 RETURNING instance_id) SELECT instance_id, count(*) FROM changed GROUP "
+                          "BY instance_id")
+        .arg(update);
 }
 } // namespace
+
+QString RepairStatements::literal(const QString &text)
+{
+    return QLatin1Char('\'') + QString(text).replace(QLatin1Char('\''), QStringLiteral("''")) + QLatin1Char('\'');
+}
+
+QString RepairStatements::tid(qint64 block, int item)
+{
+    return QStringLiteral("(%1,%2)").arg(block).arg(item);
+}
+
+QString RepairStatements::tidRange(const QString &first, const QString &end)
+{
+    return QStringLiteral("ctid >= '%1' AND ctid < '%2'").arg(first, end);
+}
+
+QString RepairStatements::tidList(const QStringList &tids)
+{
+    return QStringLiteral("ctid = ANY ('{%1}'::tid[])")
+        .arg(QLatin1Char('"') + tids.join(QStringLiteral("\",\"")) + QLatin1Char('"'));
+}
 
 // Each alternative matches only the run of backslashes in front of the offending escape
 // (a lone low surrogate, a lone high surrogate, \u0000 or \x); the run becomes exactly
@@ -79,7 +107,8 @@ QString RepairStatements::repairedLinear(const QString &column)
 
 QString RepairStatements::candidates(const QString &column, const QStringList &instanceIds)
 {
-    return QStringLiteral("SELECT instance_id, ctid FROM scan.file WHERE %1").arg(changesInRange(column, instanceIds));
+    return QStringLiteral("SELECT instance_id, tableoid::regclass, ctid FROM scan.file WHERE %1")
+        .arg(changesInRange(column, instanceIds));
 }
 
 QString RepairStatements::counts(const QString &column, const QStringList &instanceIds)
@@ -89,29 +118,37 @@ QString RepairStatements::counts(const QString &column, const QStringList &insta
         .arg(changesRow(column), inRange(instanceIds));
 }
 
-// A ctid names one version of a row. A row updated since the candidates were read, before
-// this statement or while it waits for the other writer's commit, has its new version under
-// another ctid; the server checks the ctid again on the newest version, so such a row is left
-// for the next run and never written from its older text. A ctid may also be taken by
-// another row once vacuum has freed it, so the range and the test of the text are checked
-// again and the new text is computed from the row found there.
-QString RepairStatements::targetedUpdate(const QString &column, const QString &instanceId, const QStringList &tids)
+// A row that another writer updates while this statement waits for it is checked again on
+// its newest version (the ctids only chose where to look), so it is written from its new text
+// or not at all. A row this run has rewritten no longer changes, so a later statement that
+// meets its new version leaves it. A ctid may also be taken by another row once vacuum has
+// freed it, so the range and the test of the text are always checked again.
+QString RepairStatements::update(
+    const QString &column, const QString &relation, const QStringList &instanceIds, const QString &where)
 {
-    return QStringLiteral("UPDATE scan.file SET %1 = %2 WHERE ctid = ANY ('{%3}'::tid[]) AND instance_id = %4 AND "
-                          "request_id > %4 AND %5")
-        .arg(column, repairedLinear(column), QLatin1Char('"') + tids.join(QStringLiteral("\",\"")) + QLatin1Char('"'),
-            instanceId, changesRow(column));
+    return countedPerInstance(
+        QStringLiteral("UPDATE %1 SET %2 = %3 WHERE %4 AND %5")
+            .arg(relation, column, repairedLinear(column), where, changesInRange(column, instanceIds)));
 }
 
-// A row that another writer updates while this statement waits for it is checked again on
-// its newest version (the block range is not: the range only chose where to look), so it
-// is written from its new text or not at all. A row this pass has rewritten no longer
-// changes, so a later batch that meets its new version leaves it.
-QString RepairStatements::batch(
-    const QString &column, const QStringList &instanceIds, qint64 firstBlock, qint64 endBlock)
+// The same, for a last try: rows another session holds locked are skipped rather than waited
+// for, and the rows locked here cannot change before they are written.
+QString RepairStatements::updateSkippingLocked(
+    const QString &column, const QString &relation, const QStringList &instanceIds, const QString &where)
 {
-    return QStringLiteral("WITH changed AS (UPDATE scan.file SET %1 = %2 WHERE ctid >= %3 AND ctid < %4 AND %5 "
-                          "RETURNING instance_id) SELECT instance_id, count(*) FROM changed GROUP BY instance_id")
-        .arg(column, repairedLinear(column), blockTid(firstBlock), blockTid(endBlock),
-            changesInRange(column, instanceIds));
+    return QStringLiteral("WITH target AS (SELECT ctid AS t FROM %1 WHERE %2 AND %3 FOR UPDATE SKIP LOCKED), "
+                          "changed AS (UPDATE %1 f SET %4 = %5 FROM target WHERE f.ctid = target.t RETURNING "
+                          "f.instance_id) SELECT instance_id, count(*) FROM changed GROUP BY instance_id")
+        .arg(relation, where, changesInRange(column, instanceIds), column, repairedLinear(column));
+}
+
+// ctid, instance id, and the server process holding the row locked (its transaction is the
+// row's xmax), of the rows still to change among the given ones.
+QString RepairStatements::rowsToChange(
+    const QString &column, const QString &relation, const QStringList &instanceIds, const QString &where)
+{
+    return QStringLiteral("SELECT ctid, instance_id, (SELECT min(l.pid) FROM pg_locks l WHERE l.locktype = "
+                          "'transactionid' AND l.transactionid = f.xmax AND l.granted AND l.pid <> "
+                          "pg_backend_pid()) FROM %1 f WHERE %2 AND %3")
+        .arg(relation, where, changesInRange(column, instanceIds));
 }

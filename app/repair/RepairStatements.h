@@ -14,16 +14,26 @@ public:
     // The same result in time linear in the text's length, for the statements below.
     static QString repairedLinear(const QString &column);
 
-    // Instance id and ctid of every row in the range of the given instances whose text the
-    // repair changes.
+    // A text as an SQL string literal.
+    static QString literal(const QString &text);
+    // A row version's text form, "(block,item)".
+    static QString tid(qint64 block, int item);
+    // The rows in [first, end) of row versions, or the listed ones.
+    static QString tidRange(const QString &first, const QString &end);
+    static QString tidList(const QStringList &tids);
+
+    // Instance id, relation (the table or its leaf partition) and ctid of every row in the range
+    // of the given instances whose text the repair changes.
     static QString candidates(const QString &column, const QStringList &instanceIds);
     // Instance id, rows in range and rows whose text the repair changes, per instance that
     // has rows in range.
     static QString counts(const QString &column, const QStringList &instanceIds);
-    // Rewrites the listed rows of one instance that are still in its range and whose text
-    // still changes. tids are ctids in their text form, "(block,offset)".
-    static QString targetedUpdate(const QString &column, const QString &instanceId, const QStringList &tids);
-    // Rewrites the rows to change in blocks [firstBlock, endBlock) of the table for all listed
+    // Rewrites the rows to change of the relation that "where" selects, for all listed
     // instances; returns instance id and rows changed per instance that had any.
-    static QString batch(const QString &column, const QStringList &instanceIds, qint64 firstBlock, qint64 endBlock);
+    static QString update(
+        const QString &column, const QString &relation, const QStringList &instanceIds, const QString &where);
+    static QString updateSkippingLocked(
+        const QString &column, const QString &relation, const QStringList &instanceIds, const QString &where);
+    static QString rowsToChange(
+        const QString &column, const QString &relation, const QStringList &instanceIds, const QString &where);
 };

@@ -5,11 +5,12 @@
 #include "app/output/RunLog.h"
 #include "app/output/Terminal.h"
 #include "app/output/VerboseLog.h"
-#include "app/repair/BatchedPass.h"
-#include "app/repair/ChangedOnlyPass.h"
-#include "app/repair/DryRun.h"
+#include "app/repair/BatchedRepair.h"
+#include "app/repair/ChangedOnlyRepair.h"
+#include "app/repair/DryRunCount.h"
 #include "app/repair/NormalizationPass.h"
-#include "app/repair/ParallelInstances.h"
+#include "app/repair/RepairEngine.h"
+#include "app/repair/RunTally.h"
 #include "app/run/ConfigurationReader.h"
 #include "app/run/Interrupts.h"
 #include "app/run/OperatorOptions.h"
@@ -26,6 +27,42 @@
 
 namespace {
 const QString kNormalizeMode = QStringLiteral("normalize");
+// The tool's own sessions are bound by nothing the role or the database sets for the
+// product's sessions; the tool bounds its lock waits itself, and retries.
+constexpr int kLockWaitLimitMs = 10000;
+// Overrides kLockWaitLimitMs, for tests.
+const char *const kLockWaitVariable = "ZENTRIX_LOCK_WAIT_MS";
+
+QStringList sessionSettings(RunMode mode)
+{
+    bool ok = false;
+    const int lockWait = qEnvironmentVariable(kLockWaitVariable).toInt(&ok);
+    QStringList settings = {QStringLiteral("statement_timeout=0"),
+        QStringLiteral("lock_timeout=%1").arg(ok && lockWait > 0 ? lockWait : kLockWaitLimitMs),
+        QStringLiteral("idle_in_transaction_session_timeout=0")};
+    // The server itself refuses any write of a counting session.
+    if (mode == RunMode::DryRun)
+        settings << QStringLiteral("default_transaction_read_only=on");
+    return settings;
+}
+
+std::unique_ptr<RepairStrategy> strategyFor(
+    RunMode mode, RunLog &log, const VerboseLog &verbose, Progress &progress, RunTally &tally)
+{
+    switch (mode) {
+    case RunMode::Repair:
+        return std::make_unique<NormalizationPass>(log, verbose, progress);
+    case RunMode::ChangedOnly:
+        return std::make_unique<ChangedOnlyRepair>(log, verbose, progress, tally);
+    case RunMode::Batched:
+        return std::make_unique<BatchedRepair>(log, verbose, progress, tally);
+    case RunMode::DryRun:
+        return std::make_unique<DryRunCount>(log, progress, tally);
+    case RunMode::SkipRepair:
+        break;
+    }
+    return nullptr;
+}
 
 // Qt's and libpq's diagnostics go through the verbose log while it lives.
 class DiagnosticsRoute
@@ -113,8 +150,12 @@ RunDriver::Outcome RunDriver::runStages(
             log.writeLine(RunLog::Error, options.error);
             return Outcome::EarlyExit;
         }
-        if (options.recognised && !options.dryRun)
-            runMode = kNormalizeMode;
+        if (!options.misspelling.isEmpty()) {
+            Console::err(QStringLiteral("WARNING: ") + options.misspelling);
+            log.writeLine(RunLog::Warning, options.misspelling);
+        }
+    } else {
+        options.mode = RunMode::Repair;
     }
 
     const VerboseLog verbose(log, options.verbose);
@@ -153,6 +194,8 @@ RunDriver::Outcome RunDriver::runStages(
     }
 
     QSqlDatabase database;
+    if (isToolMode(options.mode))
+        service.setSessionSettings(sessionSettings(options.mode));
     const core::PostgresInformation settings = service.connectionSettings();
     if (!service.openConnection(database, settings.dbName, connectionName, true)) {
         log.writeLine(RunLog::Error, QStringLiteral("Cannot connect to Postgres server: %1").arg(settings.dbName));
@@ -160,7 +203,7 @@ RunDriver::Outcome RunDriver::runStages(
     }
     canceller.add(database);
 
-    const Pass pass = {service, settings.dbName, database, connectionName, runMode, options, log, verbose, canceller};
+    const Pass pass = {service, settings.dbName, database, connectionName, options, log, verbose, canceller};
     const Outcome outcome = runPass(pass);
     return interrupts.requested() ? reportInterrupt(log) : outcome;
 }
@@ -179,36 +222,37 @@ RunDriver::Outcome RunDriver::reportInterrupt(RunLog &log)
     return Outcome::EarlyExit;
 }
 
-// The pass, or the dry run, on the run's connection; the further connections of --jobs are
-// opened through the service under names of their own.
+// The pass, or one of the tool's modes, on the run's connection; the further connections of
+// --jobs are opened through the service under names of their own. The product's pass ends the
+// run with status 0 once its instance list is read; the tool's modes only when every unit was
+// done.
 RunDriver::Outcome RunDriver::runPass(const Pass &pass)
 {
-    RunLog &log = pass.log;
-    ParallelInstances parallel(
-        [&pass](QSqlDatabase &extra, QString &name) {
-            const bool open = pass.service.openConnection(extra, pass.dbName, name, true);
-            if (open)
-                pass.canceller.add(extra);
-            return open;
-        },
-        [&log](const QString &error) {
-            Console::err(QStringLiteral("WARNING: Cannot open a further connection for --jobs, going on with fewer"));
-            log.writeLine(RunLog::Warning,
-                QStringLiteral("Cannot open a further connection for --jobs, going on with fewer. %1").arg(error));
-        },
-        pass.connectionName);
-    const auto interrupted = [] { return Interrupts::instance().requested(); };
-    parallel.setStop(interrupted);
     const OperatorOptions &options = pass.options;
-    Progress progress(log, pass.verbose, Terminal::standardErrorIsTerminal(), options.batched);
-    bool done = true;
-    if (pass.runMode == kNormalizeMode && options.batched)
-        done = BatchedPass(pass.database, pass.verbose, interrupted).run(log, parallel, options.jobs, progress);
-    else if (pass.runMode == kNormalizeMode && options.changedOnly)
-        done = ChangedOnlyPass(pass.database, pass.verbose).run(log, parallel, options.jobs, progress);
-    else if (pass.runMode == kNormalizeMode)
-        done = NormalizationPass(pass.database, pass.verbose).run(log, parallel, options.jobs, progress);
-    else if (options.dryRun)
-        done = DryRun(pass.database).run(log, parallel, options.jobs, progress);
-    return done ? Outcome::Done : Outcome::EarlyExit;
+    if (options.mode == RunMode::SkipRepair)
+        return Outcome::Done;
+    RunLog &log = pass.log;
+    const auto interrupted = [] { return Interrupts::instance().requested(); };
+    Progress progress(log, pass.verbose,
+        Progress::displayFor(Terminal::standardErrorIsTerminal(), Terminal::standardOutputIsTerminal()),
+        options.mode == RunMode::Batched);
+    RunTally tally;
+    const std::unique_ptr<RepairStrategy> strategy = strategyFor(options.mode, log, pass.verbose, progress, tally);
+    RepairEngine::Connections connections;
+    connections.open = [&pass](QSqlDatabase &extra, QString &name) {
+        return pass.service.openConnection(extra, pass.dbName, name, true);
+    };
+    connections.opened = [&pass](const QSqlDatabase &database) { pass.canceller.add(database); };
+    connections.failed = [&log](const QString &error) {
+        Console::err(QStringLiteral("WARNING: Cannot open a further connection for --jobs, going on with fewer"));
+        log.writeLine(RunLog::Warning,
+            QStringLiteral("Cannot open a further connection for --jobs, going on with fewer. %1").arg(error));
+    };
+    connections.mainConnectionName = pass.connectionName;
+    RepairEngine engine(pass.database, connections, tally, log, progress, interrupted);
+    if (!engine.run(*strategy, options.jobs))
+        return Outcome::EarlyExit;
+    if (isToolMode(options.mode) && !tally.complete())
+        return Outcome::EarlyExit;
+    return Outcome::Done;
 }

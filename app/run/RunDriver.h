@@ -35,7 +35,6 @@ private:
         const QString &dbName;
         const QSqlDatabase &database;
         const QString &connectionName;
-        const QString &runMode;
         const OperatorOptions &options;
         RunLog &log;
         const VerboseLog &verbose;

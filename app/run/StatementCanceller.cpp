@@ -1,7 +1,6 @@
 #include "app/run/StatementCanceller.h"
 
-#include <QSqlDriver>
-#include <QVariant>
+#include "app/run/LibpqHandle.h"
 
 #include <libpq-fe.h>
 
@@ -13,13 +12,7 @@ StatementCanceller::~StatementCanceller()
 
 void StatementCanceller::add(const QSqlDatabase &database)
 {
-    // The PostgreSQL driver hands out its libpq connection, under the name of the struct or
-    // of its typedef depending on how Qt was built.
-    const QVariant handle = database.driver() ? database.driver()->handle() : QVariant();
-    if (!handle.isValid()
-        || (qstrcmp(handle.typeName(), "pg_conn*") != 0 && qstrcmp(handle.typeName(), "PGconn*") != 0))
-        return;
-    PGconn *const connection = *static_cast<PGconn *const *>(handle.constData());
+    PGconn *const connection = LibpqHandle::of(database);
     PGcancel *const cancel = connection ? PQgetCancel(connection) : nullptr;
     if (!cancel)
         return;

@@ -1,6 +1,6 @@
 #include "end-to-end/ToolTest.h"
 
-#include "app/repair/BatchedPass.h"
+#include "app/repair/UnitSizer.h"
 #include "app/run/Interrupts.h"
 
 #include <QDeadlineTimer>
@@ -10,6 +10,8 @@
 #include <QJsonObject>
 #include <QProcess>
 #include <QRandomGenerator>
+#include <QRegularExpression>
+#include <QSqlQuery>
 #include <QStandardPaths>
 #include <QThread>
 
@@ -61,10 +63,10 @@ TEST_F(ToolTest, AnInterruptedPassKeepsWhatItCommittedWholeAndTheNextRunComplete
                 .arg(kRowsPerInstance)
                 .arg(c.batched ? u"true"_s : u"false"_s));
         const QStringList arguments = c.batched ? QStringList{u"--batched"_s} : QStringList();
-        qputenv(BatchedPass::kBatchBlocksVariable, "1");
+        qputenv(UnitSizer::kBlocksVariable, "1");
         QProcess tool;
         m_sandbox.startTool(tool, arguments);
-        qunsetenv(BatchedPass::kBatchBlocksVariable);
+        qunsetenv(UnitSizer::kBlocksVariable);
         if (c.batched)
             ASSERT_TRUE(eventually([&fixed] { return sql(fixed).value(0).toInt() >= 3 * kRowsPerInstance / 4; }));
         else
@@ -250,4 +252,131 @@ TEST_F(ToolTest, SecretFilesAreOwnerOnlyFromTheirCreation)
         }
     }
     EXPECT_GE(created, 2) << "the key file and the information file";
+}
+
+// Faults a production database brings, met by the tool's modes: each run repairs every row but
+// those the fault holds, names each of them in the run log with the reason, and ends with status 1
+// exactly when it left any.
+TEST_F(ToolTest, TheToolsModesFinishTheirJobUnderFieldFaults)
+{
+    constexpr int kRows = 600;
+    // A damaged row in the middle of instance 2.
+    const QString middle = QString::number(kRows + kRows / 2);
+    enum Disturbance { None, Terminate, Restart, HoldRow };
+    const auto slowRows = [] {
+        sql(u"CREATE FUNCTION slow() RETURNS trigger AS $$ BEGIN PERFORM pg_sleep(0.005); RETURN NEW; END $$ LANGUAGE "
+            "plpgsql; CREATE TRIGGER slow BEFORE UPDATE ON scan.file FOR EACH ROW EXECUTE FUNCTION slow()"_s);
+    };
+    const struct {
+        const char *name;
+        QList<QStringList> argumentLists;
+        std::function<void()> setup;
+        Disturbance disturbance;
+        int exitCode;
+        int rowsLeft;
+        // A line of the run log; %1 is the damaged row in the middle of instance 2.
+        const char *logHas;
+    } cases[] = {
+        {"a trigger refuses one row", {{"--batched", "--jobs", "2"}, {"--changed-only"}},
+            [&middle] {
+                sql(u"CREATE FUNCTION refuse() RETURNS trigger AS $$ BEGIN IF NEW.id = %1 THEN RAISE EXCEPTION 'row % "
+                    "is refused', NEW.id; END IF; RETURN NEW; END $$ LANGUAGE plpgsql; CREATE TRIGGER refuse BEFORE "
+                    "UPDATE ON scan.file FOR EACH ROW EXECUTE FUNCTION refuse()"_s.arg(middle));
+            },
+            None, 1, 1,
+            "[WARNING] <ts>: Row left unrepaired, data: filetype_details, instance id: 2, row: id=%1. ERROR: row %1 "
+            "is refused"},
+        {"the role's timeouts", {{"--batched"}, {"--changed-only", "--jobs", "2"}, {"--dry-run"}},
+            [this] {
+                sql(u"CREATE ROLE timed LOGIN PASSWORD '%1'; ALTER ROLE timed SET statement_timeout = '300ms'; ALTER "
+                    "ROLE timed SET lock_timeout = '1ms'; ALTER ROLE timed SET idle_in_transaction_session_timeout = "
+                    "'1ms'; GRANT USAGE ON SCHEMA scan, warehouse TO timed; GRANT ALL ON ALL TABLES IN SCHEMA scan, "
+                    "warehouse TO timed; CREATE FUNCTION sleepy() RETURNS trigger AS $$ BEGIN PERFORM pg_sleep(0.5); "
+                    "RETURN NULL; END $$ LANGUAGE plpgsql; CREATE TRIGGER sleepy BEFORE UPDATE ON scan.file FOR EACH "
+                    "STATEMENT EXECUTE FUNCTION sleepy()"_s.arg(QLatin1String(TestServer::kPassword)));
+                ASSERT_TRUE(m_sandbox.provision(server().port(), u"product"_s, u"remote"_s, {u"user=timed"_s}));
+            },
+            None, 0, 0, "[INFO\t] <ts>: "},
+        {"a connection is terminated", {{"--batched", "--jobs", "2"}, {"--changed-only", "--jobs", "2"}}, slowRows,
+            Terminate, 0, 0,
+            "[WARNING] <ts>: A connection of the run was lost and is open again; its work is redone. FATAL: "
+            "terminating connection due to administrator command"},
+        {"the server restarts", {{"--batched"}}, slowRows, Restart, 0, 0,
+            "[WARNING] <ts>: A connection of the run was lost and is open again; its work is redone."},
+        {"a row stays locked", {{"--batched", "--jobs", "2"}, {"--changed-only"}}, [] {}, HoldRow, 1, 1,
+            "[WARNING] <ts>: Row left unrepaired, data: filetype_details, instance id: 2, row: id=%1. The row is "
+            "locked by server process "},
+        {"a partitioned table", {{"--batched", "--jobs", "2"}, {"--changed-only"}},
+            [] {
+                sql(u"DROP TABLE scan.file; CREATE TABLE scan.file (id int, instance_id int, request_id bigint, "
+                    "filetype_details text, PRIMARY KEY (id, instance_id)) PARTITION BY LIST (instance_id); CREATE "
+                    "TABLE scan.file_1 PARTITION OF scan.file FOR VALUES IN (1); CREATE TABLE scan.file_2 PARTITION "
+                    "OF scan.file FOR VALUES IN (2) PARTITION BY RANGE (request_id); CREATE TABLE scan.file_2a "
+                    "PARTITION OF scan.file_2 FOR VALUES FROM (MINVALUE) TO (300); CREATE TABLE scan.file_2b "
+                    "PARTITION OF scan.file_2 FOR VALUES FROM (300) TO (MAXVALUE); CREATE TABLE scan.file_other "
+                    "PARTITION OF scan.file DEFAULT"_s);
+            },
+            None, 0, 0, "Data normalization is done, data: filetype_details, instance id: 3, rows changed: 120"},
+    };
+    const QString damaged = u"SELECT count(*) FROM scan.file WHERE filetype_details = %1"_s.arg(quoted(kBad));
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.name);
+        for (const QStringList &arguments : c.argumentLists) {
+            SCOPED_TRACE(arguments.join(u' ').toStdString());
+            if (c.disturbance == Restart && server().isExternal())
+                continue;
+            SetUp();
+            sql(u"DROP ROLE IF EXISTS timed"_s);
+            addInstances({1, 2, 3});
+            c.setup();
+            // Instance 3's rows are partly in the default partition; every fifth row is damaged.
+            sql(u"INSERT INTO scan.file (id, instance_id, request_id, filetype_details) SELECT g, 1 + (g - 1) / %1, "
+                "100 + g % 400, CASE WHEN g % 5 = 0 THEN %2 ELSE %3 END FROM generate_series(1, 3 * %1) g; "
+                "INSERT INTO scan.file (id, instance_id, request_id, filetype_details) VALUES (0, 4, 100, %2)"_s
+                    .arg(kRows)
+                    .arg(quoted(kBad), quoted(kFixed)));
+            const QString holder = u"holder"_s;
+            QSqlDatabase holding;
+            QSqlQuery lock;
+            if (c.disturbance == HoldRow) {
+                holding = TestServer::connectionAt(server().port(), u"product"_s, holder);
+                lock = QSqlQuery(holding);
+                ASSERT_TRUE(lock.exec(u"BEGIN"_s)
+                    && lock.exec(u"SELECT 1 FROM scan.file WHERE id = %1 FOR UPDATE"_s.arg(middle)));
+            }
+            qputenv("ZENTRIX_LOCK_WAIT_MS", "300");
+            QProcess tool;
+            m_sandbox.startTool(tool, arguments);
+            qunsetenv("ZENTRIX_LOCK_WAIT_MS");
+            if (c.disturbance == Terminate || c.disturbance == Restart) {
+                const QString busy = u"SELECT pid FROM pg_stat_activity WHERE query LIKE '%UPDATE scan.file%' AND "
+                                     "state = 'active' AND pid <> pg_backend_pid() LIMIT 1"_s;
+                ASSERT_TRUE(eventually([&busy] { return !sql(busy).isEmpty(); })) << "the run never updated";
+                if (c.disturbance == Terminate) {
+                    sql(u"SELECT pg_terminate_backend(pid) FROM (%1) busy"_s.arg(busy));
+                } else {
+                    server().stop(u"immediate"_s);
+                    ASSERT_TRUE(server().start()) << server().error().toStdString();
+                }
+            }
+            ASSERT_TRUE(tool.waitForFinished(kEventuallyLimitMs));
+            if (c.disturbance == HoldRow) {
+                lock.exec(u"ROLLBACK"_s);
+                lock = QSqlQuery();
+                holding = QSqlDatabase();
+            }
+            QSqlDatabase::removeDatabase(holder);
+            const QByteArray err = tool.readAllStandardError();
+            EXPECT_EQ(tool.exitCode(), c.exitCode) << err.constData();
+            const QString expectedLeft = arguments.contains(u"--dry-run"_s) ? QString::number(3 * kRows / 5 + 1)
+                                                                            : QString::number(c.rowsLeft + 1);
+            EXPECT_EQ(sql(damaged), QStringList({expectedLeft})) << "instance 4 is not listed";
+            const QString log = QString::fromUtf8(ToolSandbox::read(m_sandbox.runLogPath()))
+                                    .replace(QRegularExpression(u"\\d{4}\\.\\d\\d\\.\\d\\d [0-9:.]{12}"_s), u"<ts>"_s);
+            EXPECT_TRUE(log.contains(QString::fromUtf8(c.logHas).replace(u"%1"_s, middle))) << log.toStdString();
+            m_sandbox.provision(server().port(), u"product"_s);
+        }
+    }
+    server().freshProductDatabase();
+    server().sql(u"DROP ROLE IF EXISTS timed"_s, u"postgres"_s);
 }

@@ -24,6 +24,19 @@ const QString kFailedTwoLine
     = u"[WARNING] <ts>: Data normalization is failed, data: filetype_details, instance id: 2. <server error>\n"_s;
 const QByteArray kCoverage
     = "Batched repair covered 1 of 1 blocks of scan.file (100%) in 1 of 1 batches, rows changed: 1";
+const QByteArray kRowLeft = "WARNING: Rows left unrepaired: 1 (instance 2: 1); the run log names each row and why. A "
+                            "later run repairs them once that is dealt with.\n";
+const QString kRowLeftSummary = u"[WARNING] <ts>: "_s + QString::fromUtf8(kRowLeft.mid(9));
+const QString kRowLeftLine
+    = u"[WARNING] <ts>: Row left unrepaired, data: filetype_details, instance id: 2, row: id=3. <server error>\n"_s;
+const QString kFailedTwoRowLeftLine = u"[WARNING] <ts>: Data normalization is failed, data: filetype_details, instance "
+                                      "id: 2. rows changed: 0, rows left unrepaired: 1 (each named in this log)\n"_s;
+const QByteArray kJsonRefused = "%0 works on filetype_details as text; in scan.file it is of type json, which the "
+                                "repaired text cannot be written back to. Nothing was changed.";
+const QByteArray kViewRefused = "%0 finds rows by their row versions, which scan.file, a view here, does not have. "
+                                "Use the run without options, which updates it through the server.";
+const QByteArray kMisspelt = "\"%0\" is not an option of this tool; --batched is. The run opens the database and "
+                             "skips the repair, as it does for any argument it does not know.";
 constexpr int kCrash = -1;
 } // namespace
 
@@ -35,7 +48,7 @@ TEST_F(ToolTest, RunOutcomes)
         QList<QStringList> argumentLists;
         std::function<void()> setup;
         int exitCode;
-        // Standard output after the "File log:" line; %1 in errors is the last argument.
+        // Standard output after the "File log:" line; %0 and %1 in errors are the first and second argument.
         QByteArray out;
         QByteArray err;
         QString runLog;
@@ -64,18 +77,44 @@ TEST_F(ToolTest, RunOutcomes)
             },
             0, doneLine(1) + doneLine(3) + doneLine(4), kFailedTwo,
             kDone + "1\n" + kFailedTwoLine + kDone + "3\n" + kDone + "4\n", true},
-        {"a batch fails for one instance", {{"--batched"}},
+        {"a trigger refuses one row", {{"--batched", "--jobs", "2"}},
             [] {
                 addInstances({1, 2, 3});
                 failInstanceTwo();
                 addRow(2, 5, uR"({"b":"\x"})"_s);
             },
-            0,
+            1,
             doneLine(1).chopped(1) + ", rows changed: 1\n" + doneLine(3).chopped(1) + ", rows changed: 0\n" + kCoverage
-                + "\n",
-            kFailedTwo,
-            kDone + "1, rows changed: 1\n" + kFailedTwoLine + kDone
-                + "3, rows changed: 0\n[INFO\t] <ts>: " + QString::fromUtf8(kCoverage) + "\n"},
+                + ", rows left: 1\n",
+            kFailedTwo + kRowLeft,
+            kRowLeftLine + kDone + "1, rows changed: 1\n" + kFailedTwoRowLeftLine + kDone
+                + "3, rows changed: 0\n[INFO\t] <ts>: " + QString::fromUtf8(kCoverage) + ", rows left: 1\n"
+                + kRowLeftSummary},
+        {"a trigger refuses one row, changed only", {{"--changed-only", "--jobs", "3"}},
+            [] {
+                addInstances({1, 2, 3});
+                failInstanceTwo();
+                addRow(2, 5, uR"({"b":"\x"})"_s);
+            },
+            1, doneLine(1).chopped(1) + ", rows changed: 1\n" + doneLine(3).chopped(1) + ", rows changed: 0\n",
+            kFailedTwo + kRowLeft,
+            kDone + "1, rows changed: 1\n" + kRowLeftLine + kFailedTwoRowLeftLine + kDone + "3, rows changed: 0\n"
+                + kRowLeftSummary,
+            true},
+        {"a json column", {{"--changed-only"}, {"--batched"}, {"--dry-run"}},
+            [] {
+                addInstances({1});
+                sql(u"ALTER TABLE scan.file ALTER COLUMN filetype_details TYPE json USING filetype_details::json"_s);
+            },
+            1, "", "ERROR: " + kJsonRefused + "\n", "[ERROR\t] <ts>: " + QString::fromUtf8(kJsonRefused) + "\n"},
+        {"scan.file is a view", {{"--changed-only"}, {"--batched"}},
+            [] {
+                addInstances({1});
+                sql(u"ALTER TABLE scan.file SET SCHEMA public; CREATE VIEW scan.file AS SELECT * FROM public.file"_s);
+            },
+            1, "", "ERROR: " + kViewRefused + "\n", "[ERROR\t] <ts>: " + QString::fromUtf8(kViewRefused) + "\n"},
+        {"a misspelt option", {{"--batchd"}, {"--Batched"}, {"--batch"}}, [] { addInstances({1}); }, 0, "",
+            "WARNING: " + kMisspelt + "\n", "[WARNING] <ts>: " + QString::fromUtf8(kMisspelt) + "\n"},
         {"instance list unreadable", {{}}, [] { sql(u"DROP TABLE warehouse.control_refresh"_s); }, 1, "",
             "ERROR: Data normalization is failed.\n",
             "[ERROR\t] <ts>: Select all last_request_id unsuccessfully. <server error>\n"},
@@ -130,10 +169,12 @@ TEST_F(ToolTest, RunOutcomes)
             EXPECT_EQ(ordered(QString::fromUtf8(result.out)), ordered(QString::fromUtf8(fileLogLine() + c.out)));
             EXPECT_EQ(QString::fromUtf8(result.err),
                 QString::fromUtf8(c.err)
+                    .replace(u"%0"_s, arguments.value(0))
                     .replace(u"%1"_s, arguments.value(1))
                     .replace(u"%2"_s, m_sandbox.runLogPath())
                     .replace(u"%3"_s, missingFolderReason));
-            EXPECT_EQ(ordered(m_sandbox.runLog()), ordered(QString(c.runLog).replace(u"%1"_s, arguments.value(1))));
+            EXPECT_EQ(ordered(m_sandbox.runLog()),
+                ordered(QString(c.runLog).replace(u"%0"_s, arguments.value(0)).replace(u"%1"_s, arguments.value(1))));
         }
     }
 }
@@ -328,8 +369,9 @@ TEST_F(ToolTest, VerboseNamesWhyTheConnectionFailedAndThePlainRunStaysAsItWas)
     qunsetenv("PGCONNECT_TIMEOUT");
 }
 
-// On a terminal a run shows how far it has got in a line redrawn in place, cleared before every
-// other line; through a pipe, as every other test runs the tool, the console is as it was.
+// On a terminal a run shows how far it has got in a line redrawn in place, never wider than the
+// terminal and cleared before every other line; with standard output piped (| tee) the screen
+// gets whole lines only; through a pipe, as every other test runs the tool, the console is as it was.
 TEST_F(ToolTest, ATerminalSeesProgress)
 {
 #ifdef Q_OS_WIN
@@ -340,28 +382,39 @@ TEST_F(ToolTest, ATerminalSeesProgress)
         GTEST_SKIP() << "no script(1) to give the run a pseudo-terminal";
     addInstances({1, 2});
     addRow(1, 5, uR"({"a":"\ud800"})"_s);
+    constexpr int kNarrow = 40;
     const struct {
-        const char *arguments;
+        const char *command;
         const char *progress;
     } cases[] = {
-        {"", "Progress: instance 1; 0 of 2 instances done"},
-        {" --changed-only", "Progress: finding the rows to change"},
-        {" --batched", "% of scan.file, rows changed: "},
-        {" --dry-run", "Progress: counting the rows to change"},
+        {"%1", "Progress: 0 s; 0 of 2 instances done; instance 1"},
+        {"%1 --changed-only", "; finding the rows to change"},
+        {"stty cols 40; %1 --batched", "% of scan.file, rows "},
+        {"%1 --dry-run", "; counting the rows to change"},
+        {"%1 --changed-only --jobs 2 | tee /dev/null", nullptr},
     };
     for (const auto &c : cases) {
-        SCOPED_TRACE(c.arguments);
+        SCOPED_TRACE(c.command);
         QProcess terminal;
         terminal.setWorkingDirectory(m_sandbox.workDirectory());
         terminal.start(
-            script, {u"-qefc"_s, QStringLiteral(ZENTRIX_TOOL_PATH) + QLatin1String(c.arguments), u"/dev/null"_s});
+            script, {u"-qefc"_s, QString::fromUtf8(c.command).arg(QStringLiteral(ZENTRIX_TOOL_PATH)), u"/dev/null"_s});
         ASSERT_TRUE(terminal.waitForFinished(kEventuallyLimitMs));
         EXPECT_EQ(terminal.exitCode(), 0);
-        const QByteArray shown = terminal.readAllStandardOutput();
-        EXPECT_TRUE(shown.contains("Progress: ") && shown.contains(c.progress)) << shown.constData();
-        EXPECT_FALSE(
-            QString::fromUtf8(shown).contains(QRegularExpression(u"Progress: [^\r\n]*(Data|Dry|instance id)"_s)))
+        const QString shown = QString::fromUtf8(terminal.readAllStandardOutput());
+        EXPECT_FALSE(shown.contains(QRegularExpression(u"Progress: [^\r\n]*(Data|Dry|instance id)"_s)))
             << "a line written over the progress line";
+        if (!c.progress) {
+            EXPECT_FALSE(shown.contains(u"Progress: "_s)) << "a line drawn in place beside a pipe's lines";
+            EXPECT_EQ(shown.count(u"\r\nData normalization is done"_s), 2) << shown.toStdString();
+            continue;
+        }
+        EXPECT_TRUE(shown.contains(u"Progress: "_s) && shown.contains(QLatin1String(c.progress)))
+            << shown.toStdString();
+        if (QString::fromUtf8(c.command).startsWith(u"stty"_s)) {
+            for (const QString &piece : shown.split(QRegularExpression(u"[\r\n]"_s)).filter(u"Progress: "_s))
+                EXPECT_LT(piece.size(), kNarrow) << piece.toStdString();
+        }
     }
 #endif
 }

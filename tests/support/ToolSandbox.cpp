@@ -45,7 +45,7 @@ QString ToolSandbox::runLog() const
 {
     static const QRegularExpression stamp(u"\\d{4}\\.\\d{2}\\.\\d{2} \\d{2}:\\d{2}:\\d{2}\\.\\d{3}"_s);
     static const QRegularExpression serverError(
-        u"ERROR:  .*?(?=\\n\\[|\\n?\\z)"_s, QRegularExpression::DotMatchesEverythingOption);
+        u"ERROR: {1,2}\\S.*?(?=\\n\\[|\\n?\\z)"_s, QRegularExpression::DotMatchesEverythingOption);
     return QString::fromUtf8(read(runLogPath())).replace(stamp, u"<ts>"_s).replace(serverError, u"<server error>"_s);
 }
 

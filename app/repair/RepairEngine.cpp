@@ -1,0 +1,285 @@
+#include "app/repair/RepairEngine.h"
+
+#include "app/output/Console.h"
+#include "app/output/Progress.h"
+#include "app/output/RunLog.h"
+#include "app/repair/RepairStrategy.h"
+#include "app/repair/RunTally.h"
+#include "app/repair/ServerFailure.h"
+#include "app/repair/WorkerConnection.h"
+
+#include <QDateTime>
+#include <QSqlError>
+#include <QThread>
+
+#include <memory>
+#include <vector>
+
+namespace {
+constexpr int kClockPollMs = 1;
+// A connection with nothing to take waits for the units that the others may still split or
+// hand back; it looks again at least this often.
+constexpr int kIdlePollMs = 200;
+
+qint64 stampOf(const QString &connectionName)
+{
+    return connectionName.section(QLatin1Char('_'), -1).toLongLong();
+}
+} // namespace
+
+RepairEngine::RepairEngine(const QSqlDatabase &main, Connections connections, RunTally &tally, RunLog &log,
+    Progress &progress, std::function<bool()> interrupted)
+    : m_main(main)
+    , m_connections(std::move(connections))
+    , m_tally(tally)
+    , m_log(log)
+    , m_progress(progress)
+    , m_interrupted(std::move(interrupted))
+    , m_lastStamp(stampOf(m_connections.mainConnectionName))
+{ }
+
+bool RepairEngine::run(RepairStrategy &strategy, int jobs)
+{
+    m_strategy = &strategy;
+    WorkerConnection main(m_main, m_connections.opened);
+    if (!strategy.prepare(main.query()))
+        return false;
+    // Qt's own threads: Qt SQL keeps per-thread data that a thread Qt did not start may leave
+    // behind half torn down when it ends (MinGW's runtime on Windows crashes on it).
+    std::vector<std::unique_ptr<QThread>> threads;
+    for (int extra = 1; extra < jobs; ++extra) {
+        threads.emplace_back(QThread::create([this] { workOnFurtherConnection(); }));
+        threads.back()->start();
+    }
+    work(main);
+    for (const std::unique_ptr<QThread> &thread : threads)
+        thread->wait();
+    strategy.report(m_interrupted());
+    return true;
+}
+
+void RepairEngine::workOnFurtherConnection()
+{
+    {
+        // The connections already open may have taken every unit while this one waited.
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        if (m_listDone && m_now.empty() && m_later.empty() && m_inFlight == 0)
+            return;
+    }
+    QString name;
+    {
+        QSqlDatabase database;
+        if (openUniquelyNamed(database, name)) {
+            if (m_connections.opened)
+                m_connections.opened(database);
+            WorkerConnection connection(database, m_connections.opened);
+            work(connection);
+        } else if (m_connections.failed) {
+            m_connections.failed(database.lastError().text());
+        }
+    }
+    QSqlDatabase::removeDatabase(name);
+}
+
+bool RepairEngine::openUniquelyNamed(QSqlDatabase &database, QString &connectionName)
+{
+    // Names carry the millisecond of the call; a second call in the same millisecond would
+    // take over the first one's registration.
+    const std::lock_guard<std::mutex> lock(m_openMutex);
+    while (QDateTime::currentMSecsSinceEpoch() <= m_lastStamp)
+        QThread::msleep(kClockPollMs);
+    const bool open = m_connections.open(database, connectionName);
+    m_lastStamp = stampOf(connectionName);
+    return open;
+}
+
+void RepairEngine::work(WorkerConnection &connection)
+{
+    WorkUnit unit;
+    while (take(unit))
+        process(connection, unit);
+}
+
+bool RepairEngine::stopping() const
+{
+    return m_stopped || m_interrupted();
+}
+
+bool RepairEngine::take(WorkUnit &unit)
+{
+    std::unique_lock<std::mutex> lock(m_mutex);
+    for (;;) {
+        if (stopping())
+            return false;
+        if (!m_now.empty()) {
+            unit = m_now.front();
+            m_now.pop_front();
+            break;
+        }
+        if (!m_listDone && m_strategy->nextUnit(unit)) {
+            addLocked(unit);
+            break;
+        }
+        m_listDone = true;
+        if (!m_later.empty()) {
+            unit = m_later.front();
+            m_later.pop_front();
+            break;
+        }
+        if (m_inFlight == 0)
+            return false;
+        m_wake.wait_for(lock, std::chrono::milliseconds(kIdlePollMs));
+    }
+    ++m_inFlight;
+    return true;
+}
+
+void RepairEngine::process(WorkerConnection &connection, WorkUnit unit)
+{
+    RepairStrategy::Result result;
+    {
+        const Progress::Step inFlight(m_progress, m_strategy->step(unit));
+        result = m_strategy->run(connection.query(), unit);
+    }
+    if (result.ok || !m_strategy->isolatesFaults()) {
+        m_tally.addChanged(result.changed);
+        for (const RunTally::LeftRow &row : result.left)
+            m_tally.leaveRow(row);
+        add(result.more);
+        finished(unit);
+        return;
+    }
+    handleFailure(connection, unit, ServerFailure::of(connection.query(), connection.database(), m_interrupted()));
+}
+
+void RepairEngine::handleFailure(WorkerConnection &connection, const WorkUnit &unit, const ServerFailure &failure)
+{
+    switch (failure.kind()) {
+    case ServerFailure::Kind::Interrupted:
+        dropped(unit);
+        return;
+    case ServerFailure::Kind::Connection: {
+        QString error;
+        if (connection.reopen(m_interrupted, error)) {
+            const QString line = QStringLiteral("A connection of the run was lost and is open again; its work is "
+                                                "redone. %1")
+                                     .arg(failure.words());
+            Console::err(QStringLiteral("WARNING: ") + line);
+            m_log.writeLine(RunLog::Warning, line);
+            add({unit});
+            dropped(unit);
+            return;
+        }
+        m_tally.stop(QStringLiteral("The connection to the database server was lost (%1) and could not be opened "
+                                    "again within %2 s: %3")
+                         .arg(failure.words())
+                         .arg(WorkerConnection::kReopenLimitMs / 1000)
+                         .arg(error));
+        break;
+    }
+    case ServerFailure::Kind::Retry:
+        if (unit.tries < kWaitingTries) {
+            WorkUnit again = unit;
+            ++again.tries;
+            {
+                const std::lock_guard<std::mutex> lock(m_mutex);
+                m_later.push_back(again);
+                --m_inFlight;
+            }
+            m_wake.notify_all();
+            return;
+        }
+        leave(connection, unit, failure);
+        finished(unit);
+        return;
+    case ServerFailure::Kind::Run:
+        m_tally.stop(failure.words());
+        break;
+    case ServerFailure::Kind::Rows: {
+        const QVector<WorkUnit> parts = m_strategy->split(connection.query(), unit);
+        if (parts.isEmpty())
+            leave(connection, unit, failure);
+        add(parts);
+        finished(unit);
+        return;
+    }
+    }
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        m_stopped = true;
+    }
+    dropped(unit);
+}
+
+void RepairEngine::leave(WorkerConnection &connection, const WorkUnit &unit, const ServerFailure &failure)
+{
+    if (!m_strategy->leave(connection.query(), unit, failure) || unit.origin < 0)
+        return;
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    m_originFailed[unit.origin] = true;
+}
+
+void RepairEngine::add(const QVector<WorkUnit> &units)
+{
+    if (units.isEmpty())
+        return;
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        for (const WorkUnit &unit : units) {
+            addLocked(unit);
+            m_now.push_back(unit);
+        }
+    }
+    m_wake.notify_all();
+}
+
+void RepairEngine::addLocked(const WorkUnit &unit)
+{
+    if (unit.instance >= 0)
+        ++m_openOfInstance[unit.instance];
+    if (unit.origin >= 0)
+        ++m_openOfOrigin[unit.origin];
+}
+
+// A unit is over. The last one of an instance or of a range unit tells the mode, which may
+// hand out more units for the instance.
+void RepairEngine::finished(const WorkUnit &unit)
+{
+    bool instanceOver = false;
+    bool originOver = false;
+    bool originFailed = false;
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        --m_inFlight;
+        if (unit.instance >= 0)
+            instanceOver = --m_openOfInstance[unit.instance] == 0;
+        if (unit.origin >= 0) {
+            originOver = --m_openOfOrigin[unit.origin] == 0;
+            originFailed = m_originFailed.value(unit.origin);
+        }
+    }
+    if (instanceOver) {
+        const QVector<WorkUnit> more = m_strategy->instanceFinished(unit.instance);
+        if (more.isEmpty())
+            m_progress.stepDone();
+        add(more);
+    }
+    if (originOver)
+        m_strategy->rangeFinished(unit.origin, !originFailed);
+    m_wake.notify_all();
+}
+
+// A unit that was not done and will not be (interrupted, or the run stopped), or that was
+// handed back to be redone: its instance and range are not over through it.
+void RepairEngine::dropped(const WorkUnit &unit)
+{
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        --m_inFlight;
+        if (unit.instance >= 0)
+            --m_openOfInstance[unit.instance];
+        if (unit.origin >= 0)
+            --m_openOfOrigin[unit.origin];
+    }
+    m_wake.notify_all();
+}

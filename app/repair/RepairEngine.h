@@ -1,0 +1,90 @@
+#pragma once
+
+#include "app/repair/WorkUnit.h"
+
+#include <QHash>
+#include <QSqlDatabase>
+#include <QString>
+
+#include <condition_variable>
+#include <deque>
+#include <functional>
+#include <mutex>
+
+class Progress;
+class RepairStrategy;
+class RunLog;
+class RunTally;
+class ServerFailure;
+class WorkerConnection;
+
+// Runs a mode's units on up to N connections at once: the run's own, and more opened through
+// the database service, each used by a thread of its own (a Qt SQL connection belongs to the
+// thread that opened it). One failure policy for the tool's modes: a fault tied to rows is
+// split down to those rows, a lock waited on too long is tried again after the other units, a
+// lost connection is opened again and its unit redone, and a fault that every unit would meet
+// stops the run. The product's pass keeps its own: report, go on.
+class RepairEngine
+{
+public:
+    // Tries of a unit that meets a lock (or a deadlock, or a cancel by someone else) that wait;
+    // the try after them waits on no row lock and leaves the locked rows, named.
+    static constexpr int kWaitingTries = 2;
+
+    struct Connections {
+        // Opens a further connection through the service; fills the handle and its registered name.
+        std::function<bool(QSqlDatabase &database, QString &connectionName)> open;
+        // Told of every connection as it is opened, and opened again.
+        std::function<void(const QSqlDatabase &database)> opened;
+        // Told why a further connection could not be opened; its share goes to the others.
+        std::function<void(const QString &error)> failed;
+        // The run's own connection's name, whose stamp the names of the further ones must not repeat.
+        QString mainConnectionName;
+    };
+
+    RepairEngine(const QSqlDatabase &main, Connections connections, RunTally &tally, RunLog &log, Progress &progress,
+        std::function<bool()> interrupted);
+
+    // False when the mode could not begin (it has said why).
+    bool run(RepairStrategy &strategy, int jobs);
+
+private:
+    void work(WorkerConnection &connection);
+    void workOnFurtherConnection();
+    bool openUniquelyNamed(QSqlDatabase &database, QString &connectionName);
+    bool take(WorkUnit &unit);
+    void process(WorkerConnection &connection, WorkUnit unit);
+    void handleFailure(WorkerConnection &connection, const WorkUnit &unit, const ServerFailure &failure);
+    void add(const QVector<WorkUnit> &units);
+    void addLocked(const WorkUnit &unit);
+    void finished(const WorkUnit &unit);
+    void dropped(const WorkUnit &unit);
+    void leave(WorkerConnection &connection, const WorkUnit &unit, const ServerFailure &failure);
+    bool stopping() const;
+
+    QSqlDatabase m_main;
+    Connections m_connections;
+    RunTally &m_tally;
+    RunLog &m_log;
+    Progress &m_progress;
+    const std::function<bool()> m_interrupted;
+    RepairStrategy *m_strategy = nullptr;
+
+    std::mutex m_openMutex;
+    qint64 m_lastStamp = 0;
+
+    mutable std::mutex m_mutex;
+    std::condition_variable m_wake;
+    // Parts of failed units, and redone units: before anything else.
+    std::deque<WorkUnit> m_now;
+    // Units that met a lock: after all the others.
+    std::deque<WorkUnit> m_later;
+    bool m_listDone = false;
+    int m_inFlight = 0;
+    bool m_stopped = false;
+    // Units not over yet, per instance and per range unit.
+    QHash<int, int> m_openOfInstance;
+    QHash<int, int> m_openOfOrigin;
+    // Range units a part of which failed whole.
+    QHash<int, bool> m_originFailed;
+};

@@ -1,0 +1,59 @@
+#pragma once
+
+#include "app/repair/RunTally.h"
+#include "app/repair/WorkUnit.h"
+
+#include <QHash>
+#include <QString>
+#include <QVector>
+
+class QSqlQuery;
+class ServerFailure;
+
+// What one mode of the run does, unit by unit: what a unit is, its statement, what its failure
+// means and what the run says at its end. The repair engine runs the units on the run's
+// connections; a mode never holds a connection of its own.
+class RepairStrategy
+{
+public:
+    // What one unit did.
+    struct Result {
+        bool ok = false;
+        // Rows changed, per instance id.
+        QHash<QString, qint64> changed;
+        // Work the unit found still to do (rows another writer rewrote while it ran).
+        QVector<WorkUnit> more;
+        // Rows the unit had to leave (locked by another session until its last try).
+        QVector<RunTally::LeftRow> left;
+    };
+
+    virtual ~RepairStrategy() = default;
+
+    // Reads what the mode needs before its first unit; false ends the run, the mode having said
+    // why on the console and in the run log.
+    virtual bool prepare(QSqlQuery &query) = 0;
+    // The next unit of the mode's own list; false when there is none left. Called by one
+    // connection at a time.
+    virtual bool nextUnit(WorkUnit &unit) = 0;
+    virtual Result run(QSqlQuery &query, const WorkUnit &unit) = 0;
+    // The progress line's text for a unit in flight.
+    virtual QString step(const WorkUnit &unit) const = 0;
+
+    // The product's pass reports a failed unit itself and goes on with the next; the tool's
+    // modes have the engine isolate faults, restore connections and retry.
+    virtual bool isolatesFaults() const { return true; }
+    // After a failure tied to a unit's rows: the unit in smaller parts, or none when it cannot be
+    // split further (one row, one count).
+    virtual QVector<WorkUnit> split(QSqlQuery &query, const WorkUnit &unit);
+    // Records what a unit that could not be done leaves: its one row, named, or the unit whole
+    // (then true: its part of the table is not covered).
+    virtual bool leave(QSqlQuery &query, const WorkUnit &unit, const ServerFailure &failure) = 0;
+
+    // Every unit of an instance is over: the instance's line, or more units when the instance
+    // must be read again.
+    virtual QVector<WorkUnit> instanceFinished(int instance);
+    // Every part of a range unit is over; covered is false when a part failed whole.
+    virtual void rangeFinished(int origin, bool covered);
+    // The run's closing lines; an interrupted run says only how far it got.
+    virtual void report(bool interrupted) = 0;
+};

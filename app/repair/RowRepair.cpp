@@ -1,0 +1,204 @@
+#include "app/repair/RowRepair.h"
+
+#include "app/output/Console.h"
+#include "app/output/Progress.h"
+#include "app/output/RunLog.h"
+#include "app/output/VerboseLog.h"
+#include "app/repair/InstanceLines.h"
+#include "app/repair/RepairEngine.h"
+#include "app/repair/RepairStatements.h"
+#include "app/repair/ServerFailure.h"
+
+#include <QElapsedTimer>
+#include <QSqlError>
+#include <QSqlQuery>
+
+#include <algorithm>
+
+RowRepair::RowRepair(const QString &option, RunLog &log, const VerboseLog &verbose, Progress &progress, RunTally &tally)
+    : m_option(option)
+    , m_log(log)
+    , m_verbose(verbose)
+    , m_progress(progress)
+    , m_tally(tally)
+{ }
+
+bool RowRepair::readTable(QSqlQuery &query)
+{
+    QString refusal;
+    if (!m_table.read(query, InstanceLines::kColumn))
+        refusal = QStringLiteral("%1 cannot read the shape of scan.file. %2").arg(m_option, m_table.error());
+    else
+        refusal = m_table.refusal(m_option, true);
+    if (refusal.isEmpty() && !m_table.readRelations(query))
+        refusal = QStringLiteral("%1 cannot read the partitions of scan.file: %2").arg(m_option, m_table.error());
+    if (refusal.isEmpty())
+        return true;
+    Console::err(QStringLiteral("ERROR: ") + refusal);
+    m_log.writeLine(RunLog::Error, refusal);
+    return false;
+}
+
+QStringList RowRepair::idsOf(const WorkUnit &unit) const
+{
+    return unit.instance >= 0 ? QStringList{m_instances[unit.instance].first} : m_instances.ids();
+}
+
+QString RowRepair::relationOf(const WorkUnit &unit) const
+{
+    return m_table.relations()[unit.relation].name;
+}
+
+RepairStrategy::Result RowRepair::repair(
+    QSqlQuery &query, const WorkUnit &unit, const QString &where, const QString &step)
+{
+    const bool lastTry = unit.tries >= RepairEngine::kWaitingTries;
+    const QString statement = lastTry
+        ? RepairStatements::updateSkippingLocked(InstanceLines::kColumn, relationOf(unit), idsOf(unit), where)
+        : RepairStatements::update(InstanceLines::kColumn, relationOf(unit), idsOf(unit), where);
+    QElapsedTimer elapsed;
+    elapsed.start();
+    query.setForwardOnly(true);
+    Result result;
+    result.ok = query.exec(statement);
+    qint64 changed = 0;
+    while (result.ok && query.next()) {
+        result.changed[query.value(0).toString()] += query.value(1).toLongLong();
+        changed += query.value(1).toLongLong();
+    }
+    result.ok = result.ok && query.lastError().type() == QSqlError::NoError;
+    if (m_verbose.enabled())
+        m_verbose.line(
+            QStringLiteral("%1: %2 s, rows changed: %3%4")
+                .arg(step, QString::number(elapsed.elapsed() / 1000.0, 'f', 3))
+                .arg(changed)
+                .arg(result.ok ? QString() : QStringLiteral(", failed: ") + query.lastError().text().simplified()));
+    if (result.ok) {
+        m_progress.advance(0, changed);
+        if (lastTry)
+            leaveLeftovers(query, unit, where, result);
+    }
+    return result;
+}
+
+// What a last try skipped: rows another session still holds are left, named with that
+// session's server process; rows rewritten meanwhile are tried once more, waiting on nothing.
+void RowRepair::leaveLeftovers(QSqlQuery &query, const WorkUnit &unit, const QString &where, Result &result)
+{
+    if (!query.exec(RepairStatements::rowsToChange(InstanceLines::kColumn, relationOf(unit), idsOf(unit), where))) {
+        m_tally.fail(QStringLiteral("rows of %1 that a last try skipped").arg(relationOf(unit)),
+            query.lastError().text().simplified());
+        return;
+    }
+    QStringList rewritten;
+    QList<QPair<QString, QString>> locked;
+    while (query.next()) {
+        if (!query.value(2).isNull())
+            locked.append({query.value(0).toString(), query.value(2).toString()});
+        else
+            rewritten << query.value(0).toString();
+    }
+    for (const auto &row : locked)
+        leaveRow(m_table.describeRow(query, relationOf(unit), row.first),
+            QStringLiteral("The row is locked by server process %1, which held it through every try of the run.")
+                .arg(row.second));
+    if (rewritten.isEmpty())
+        return;
+    if (unit.leftovers) {
+        for (const QString &tid : rewritten)
+            leaveRow(m_table.describeRow(query, relationOf(unit), tid),
+                QStringLiteral(
+                    "Another session rewrote the row with text still to repair each time the run tried it."));
+        return;
+    }
+    WorkUnit again = unit;
+    again.kind = WorkUnit::Kind::Rows;
+    again.tids = rewritten;
+    again.leftovers = true;
+    result.more.append(again);
+}
+
+QVector<WorkUnit> RowRepair::splitRows(const WorkUnit &unit) const
+{
+    if (unit.tids.size() < 2)
+        return {};
+    WorkUnit first = unit;
+    WorkUnit second = unit;
+    const int half = unit.tids.size() / 2;
+    first.tids = unit.tids.mid(0, half);
+    second.tids = unit.tids.mid(half);
+    return {first, second};
+}
+
+bool RowRepair::leaveRows(QSqlQuery &query, const WorkUnit &unit, const QString &what, const QString &reason)
+{
+    if (unit.kind == WorkUnit::Kind::Rows && unit.tids.size() == 1) {
+        leaveRow(m_table.describeRow(query, relationOf(unit), unit.tids.first()), reason);
+        return false;
+    }
+    m_tally.fail(what, reason);
+    const QString line = QStringLiteral("Left unrepaired, data: %1: %2. %3").arg(InstanceLines::kColumn, what, reason);
+    m_log.writeLine(RunLog::Warning, line);
+    return true;
+}
+
+void RowRepair::leaveRow(const ScanTable::Row &row, const QString &reason)
+{
+    m_tally.leaveRow({row.instance, row.name, reason});
+    m_log.writeLine(RunLog::Warning,
+        QStringLiteral("Row left unrepaired, data: %1, instance id: %2, row: %3. %4")
+            .arg(InstanceLines::kColumn, row.instance, row.name, reason));
+}
+
+void RowRepair::instanceLine(int index, const QString &unfinished)
+{
+    const InstanceList::Instance &instance = m_instances[index];
+    const qint64 changed = m_tally.changed(instance.first);
+    const QString failure = m_tally.failureOf(QStringLiteral("instance ") + instance.first);
+    const int left = m_tally.leftRowsOf(instance.first);
+    if (failure.isEmpty() && left == 0 && unfinished.isEmpty()) {
+        InstanceLines::done(instance, m_log, QStringLiteral(", rows changed: %1").arg(changed));
+        return;
+    }
+    QStringList reasons;
+    if (left > 0)
+        reasons << QStringLiteral("rows left unrepaired: %1 (each named in this log)").arg(left);
+    if (!failure.isEmpty())
+        reasons << failure;
+    if (!unfinished.isEmpty())
+        reasons << unfinished;
+    InstanceLines::failed(
+        instance, m_log, QStringLiteral("rows changed: %1, %2").arg(changed).arg(reasons.join(QStringLiteral("; "))));
+}
+
+void RowRepair::reportLeft()
+{
+    const QVector<RunTally::LeftRow> left = m_tally.leftRows();
+    const QStringList failures = m_tally.failures();
+    if (!left.isEmpty()) {
+        QMap<QString, int> perInstance;
+        for (const RunTally::LeftRow &row : left)
+            ++perInstance[row.instance];
+        QStringList where;
+        for (auto it = perInstance.cbegin(); it != perInstance.cend(); ++it)
+            where << QStringLiteral("instance %1: %2").arg(it.key()).arg(it.value());
+        const QString line = QStringLiteral("Rows left unrepaired: %1 (%2); the run log names each row and why. "
+                                            "A later run repairs them once that is dealt with.")
+                                 .arg(left.size())
+                                 .arg(where.join(QStringLiteral(", ")));
+        Console::err(QStringLiteral("WARNING: ") + line);
+        m_log.writeLine(RunLog::Warning, line);
+    }
+    if (!failures.isEmpty()) {
+        const QString line
+            = QStringLiteral("Not repaired: %1; the run log says why.").arg(failures.join(QStringLiteral(", ")));
+        Console::err(QStringLiteral("WARNING: ") + line);
+        m_log.writeLine(RunLog::Warning, line);
+    }
+    const QString stop = m_tally.stopReason();
+    if (!stop.isEmpty()) {
+        const QString line = QStringLiteral("The run stopped before its end: %1").arg(stop);
+        Console::err(QStringLiteral("ERROR: ") + line);
+        m_log.writeLine(RunLog::Error, line);
+    }
+}

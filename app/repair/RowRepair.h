@@ -1,0 +1,50 @@
+#pragma once
+
+#include "app/repair/InstanceList.h"
+#include "app/repair/RepairStrategy.h"
+#include "app/repair/ScanTable.h"
+
+#include <QHash>
+#include <mutex>
+
+class Progress;
+class RunLog;
+class VerboseLog;
+
+// What the tool's writing modes share: rows found by their row versions and rewritten only
+// where their text changes, a fault split down to the rows that cause it, rows another session
+// holds locked left and named after the last try, and the closing lines.
+class RowRepair : public RepairStrategy
+{
+protected:
+    RowRepair(const QString &option, RunLog &log, const VerboseLog &verbose, Progress &progress, RunTally &tally);
+
+    // Reads the table's shape and refuses at once, with a console and run-log error, what the
+    // mode cannot repair.
+    bool readTable(QSqlQuery &query);
+    // Runs the repair of the rows that where selects in the unit's relation: waiting on locks,
+    // or on the last try skipping them and leaving those still held. changed is filled per
+    // instance.
+    Result repair(QSqlQuery &query, const WorkUnit &unit, const QString &where, const QString &step);
+    QVector<WorkUnit> splitRows(const WorkUnit &unit) const;
+    bool leaveRows(QSqlQuery &query, const WorkUnit &unit, const QString &what, const QString &reason);
+    // An instance's closing line: done with the rows it changed, or failed with what it left
+    // (and, when unfinished is given, with why its part of the run is not over).
+    void instanceLine(int instance, const QString &unfinished = QString());
+    // The lines that say what the run left and why it stopped, if it did.
+    void reportLeft();
+    QStringList idsOf(const WorkUnit &unit) const;
+    QString relationOf(const WorkUnit &unit) const;
+
+    const QString m_option;
+    RunLog &m_log;
+    const VerboseLog &m_verbose;
+    Progress &m_progress;
+    RunTally &m_tally;
+    ScanTable m_table;
+    InstanceList m_instances;
+
+private:
+    void leaveLeftovers(QSqlQuery &query, const WorkUnit &unit, const QString &where, Result &result);
+    void leaveRow(const ScanTable::Row &row, const QString &reason);
+};

@@ -1,0 +1,36 @@
+#include "app/repair/UnitSizer.h"
+
+#include <QString>
+
+#include <algorithm>
+
+const char *const UnitSizer::kBlocksVariable = "ZENTRIX_BATCH_BLOCKS";
+
+UnitSizer::UnitSizer(int slotsPerBlock)
+    : m_slotsPerBlock(slotsPerBlock)
+    , m_size(kFirstBlocks * slotsPerBlock)
+{
+    bool ok = false;
+    const qint64 blocks = qEnvironmentVariable(kBlocksVariable).toLongLong(&ok);
+    if (ok && blocks > 0) {
+        m_fixed = true;
+        m_size = blocks * slotsPerBlock;
+    }
+}
+
+qint64 UnitSizer::size() const
+{
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    return m_size;
+}
+
+void UnitSizer::measured(qint64 slotCount, qint64 elapsedMs)
+{
+    if (m_fixed || slotCount <= 0)
+        return;
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    const qint64 fitting = slotCount * kTargetMs / std::max<qint64>(elapsedMs, 1);
+    // A short range at the end of a relation says little about a longer one.
+    const qint64 grown = std::max(m_size, slotCount) * 2;
+    m_size = std::clamp<qint64>(std::min(fitting, grown), 1, kMostBlocks * m_slotsPerBlock);
+}

@@ -1,0 +1,40 @@
+#pragma once
+
+#include <QString>
+#include <QStringList>
+
+// A piece of a run's work: one statement, committed (or, for a count, read) on its own.
+struct WorkUnit {
+    enum class Kind {
+        // One listed instance: the product's UPDATE, or one instance's count.
+        Instance,
+        // Every listed instance at once: the dry run's grouped count.
+        AllInstances,
+        // A range of row slotCount of one relation (the table, or one of its leaf partitions).
+        Range,
+        // Listed rows of one relation, by their row versions.
+        Rows,
+    };
+
+    Kind kind = Kind::Instance;
+    // Instance: its index in the instance list. Rows: the instance they were read for, or -1
+    // when they may belong to any listed one.
+    int instance = -1;
+    // Range and Rows: the relation's index in the table's relations.
+    int relation = 0;
+    // Range: slot positions [first, end), a slot being one item of one block.
+    qint64 first = 0;
+    qint64 end = 0;
+    // Rows: ctids in their text form, "(block,item)".
+    QStringList tids;
+    // Tried again after the others so often; the last try waits on no lock.
+    int tries = 0;
+    // The range unit that this one is a part of (Range and Rows), for the coverage of the run.
+    int origin = -1;
+    // Rows: read anew after another writer changed some of them between the read and the
+    // write; bounded, so a writer that keeps rewriting cannot keep the run going.
+    int rereads = 0;
+    // The rows of a last try that were left because they were locked or rewritten meanwhile:
+    // what is still to do of them is not tried once more.
+    bool leftovers = false;
+};

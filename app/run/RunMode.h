@@ -1,0 +1,19 @@
+#pragma once
+
+// What a run does once the database is usable, decided once from its command line.
+enum class RunMode {
+    // The product's pass: one UPDATE per instance, a failure is a warning and the next instance.
+    Repair,
+    // The tool's own modes: faults isolated to rows, connections restored, an honest exit status.
+    ChangedOnly,
+    Batched,
+    DryRun,
+    // Any other argument list: the database is opened and nothing is changed.
+    SkipRepair,
+};
+
+// The modes beyond the product's own pass and its skip.
+inline bool isToolMode(RunMode mode)
+{
+    return mode == RunMode::ChangedOnly || mode == RunMode::Batched || mode == RunMode::DryRun;
+}
