@@ -67,6 +67,8 @@ public:
 
     // The text of the line as it stands.
     QString line() const;
+    // Whether anyone sees the line: a terminal, the run log or --verbose.
+    bool shown() const { return active(); }
 
 private:
     void begin(const QString &step);

@@ -8,8 +8,11 @@
 #include "app/repair/ServerFailure.h"
 #include "app/repair/WorkerConnection.h"
 
+#include "app/run/LibpqHandle.h"
+
 #include <QDateTime>
 #include <QSqlError>
+#include <QSqlQuery>
 #include <QThread>
 
 #include <memory>
@@ -38,7 +41,7 @@ RepairEngine::RepairEngine(const QSqlDatabase &main, Connections connections, Ru
     , m_lastStamp(stampOf(m_connections.mainConnectionName))
 { }
 
-bool RepairEngine::run(RepairStrategy &strategy, int jobs)
+bool RepairEngine::run(RepairStrategy &strategy, int jobs, bool watchLocks)
 {
     m_strategy = &strategy;
     WorkerConnection main(m_main, m_connections.opened);
@@ -51,9 +54,21 @@ bool RepairEngine::run(RepairStrategy &strategy, int jobs)
         threads.emplace_back(QThread::create([this] { workOnFurtherConnection(); }));
         threads.back()->start();
     }
+    std::unique_ptr<QThread> watcher;
+    if (watchLocks) {
+        watcher.reset(QThread::create([this] { this->watchLocks(); }));
+        watcher->start();
+    }
     work(main);
     for (const std::unique_ptr<QThread> &thread : threads)
         thread->wait();
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        m_over = true;
+    }
+    m_wake.notify_all();
+    if (watcher)
+        watcher->wait();
     strategy.report(m_interrupted());
     return true;
 }
@@ -136,10 +151,19 @@ bool RepairEngine::take(WorkUnit &unit)
 
 void RepairEngine::process(WorkerConnection &connection, WorkUnit unit)
 {
+    const int serverProcess = LibpqHandle::serverProcess(connection.database());
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        m_unitStarts.insert(serverProcess, QDateTime::currentMSecsSinceEpoch());
+    }
     RepairStrategy::Result result;
     {
         const Progress::Step inFlight(m_progress, m_strategy->step(unit));
         result = m_strategy->run(connection.query(), unit);
+    }
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        m_unitStarts.remove(serverProcess);
     }
     if (result.ok || !m_strategy->isolatesFaults()) {
         m_tally.addChanged(result.changed);
@@ -282,4 +306,50 @@ void RepairEngine::dropped(const WorkUnit &unit)
             --m_openOfOrigin[unit.origin];
     }
     m_wake.notify_all();
+}
+
+// Runs beside the units while the progress line is shown: a unit in flight longer than
+// kLockLookMs may wait on a lock another session holds, which the server tells another session.
+void RepairEngine::watchLocks()
+{
+    QString name;
+    {
+        QSqlDatabase database;
+        std::unique_lock<std::mutex> lock(m_mutex);
+        while (!m_over) {
+            m_wake.wait_for(lock, std::chrono::milliseconds(kLockLookMs));
+            const qint64 now = QDateTime::currentMSecsSinceEpoch();
+            bool looked = false;
+            for (const qint64 start : m_unitStarts)
+                looked = looked || now - start >= kLockLookMs;
+            if (!looked || m_over) {
+                m_progress.setWaiting(QString());
+                continue;
+            }
+            lock.unlock();
+            if (!database.isOpen() && !openUniquelyNamed(database, name))
+                return;
+            m_progress.setWaiting(lockWait(database));
+            lock.lock();
+        }
+    }
+    QSqlDatabase::removeDatabase(name);
+}
+
+QString RepairEngine::lockWait(QSqlDatabase &database) const
+{
+    QStringList processes;
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        for (auto it = m_unitStarts.cbegin(); it != m_unitStarts.cend(); ++it)
+            processes << QString::number(it.key());
+    }
+    QSqlQuery query(database);
+    const QString waits = QStringLiteral("SELECT (pg_blocking_pids(l.pid))[1], coalesce(extract(epoch FROM now() - "
+                                         "l.waitstart)::int, 0) FROM pg_locks l WHERE NOT "
+                                         "l.granted AND l.pid = ANY ('{%1}'::int[]) ORDER BY l.waitstart LIMIT 1");
+    if (!query.exec(waits.arg(processes.join(QLatin1Char(',')))) || !query.next())
+        return QString();
+    return QStringLiteral("waiting %1 s for a lock held by server process %2")
+        .arg(query.value(1).toString(), query.value(0).toString());
 }

@@ -30,6 +30,9 @@ public:
     // Tries of a unit that meets a lock (or a deadlock, or a cancel by someone else) that wait;
     // the try after them waits on no row lock and leaves the locked rows, named.
     static constexpr int kWaitingTries = 2;
+    // A unit in flight this long is looked at, from a connection of its own, for a lock it
+    // waits on; the progress line then says whose, and for how long.
+    static constexpr int kLockLookMs = 1000;
 
     struct Connections {
         // Opens a further connection through the service; fills the handle and its registered name.
@@ -45,8 +48,9 @@ public:
     RepairEngine(const QSqlDatabase &main, Connections connections, RunTally &tally, RunLog &log, Progress &progress,
         std::function<bool()> interrupted);
 
-    // False when the mode could not begin (it has said why).
-    bool run(RepairStrategy &strategy, int jobs);
+    // False when the mode could not begin (it has said why). watchLocks: look for the lock a
+    // unit waits on while the progress line is shown.
+    bool run(RepairStrategy &strategy, int jobs, bool watchLocks);
 
 private:
     void work(WorkerConnection &connection);
@@ -61,6 +65,8 @@ private:
     void dropped(const WorkUnit &unit);
     void leave(WorkerConnection &connection, const WorkUnit &unit, const ServerFailure &failure);
     bool stopping() const;
+    void watchLocks();
+    QString lockWait(QSqlDatabase &database) const;
 
     QSqlDatabase m_main;
     Connections m_connections;
@@ -87,4 +93,7 @@ private:
     QHash<int, int> m_openOfOrigin;
     // Range units a part of which failed whole.
     QHash<int, bool> m_originFailed;
+    // The server processes of the units in flight, with when each began.
+    QHash<int, qint64> m_unitStarts;
+    bool m_over = false;
 };

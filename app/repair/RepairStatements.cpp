@@ -30,15 +30,19 @@ QString changesRow(const QString &column)
         .arg(column, kHigh, kLow, notAfterHigh, notLowAfter);
 }
 
-// The range of all listed instances at once: request_id above the row's own instance id is
-// what each instance's "request_id > <id> AND instance_id = <id>" selects. Ids are literals, so
-// that ids which are not numbers compare as the column's type says.
+// The range of all listed instances at once: each instance's "request_id > <id> AND
+// instance_id = <id>". Ids are literals, each compared as the type of the column it meets, so
+// that ids held as text, or as any other type, work as numbers do.
 QString inRange(const QStringList &instanceIds)
 {
     QStringList literals;
-    for (const QString &id : instanceIds)
+    QString bounds;
+    for (const QString &id : instanceIds) {
         literals << RepairStatements::literal(id);
-    return QStringLiteral("instance_id IN (%1) AND request_id > instance_id").arg(literals.join(QLatin1Char(',')));
+        bounds += QStringLiteral(" WHEN %1 THEN request_id > %1").arg(RepairStatements::literal(id));
+    }
+    return QStringLiteral("instance_id IN (%1) AND CASE instance_id%2 ELSE false END")
+        .arg(literals.join(QLatin1Char(',')), bounds);
 }
 
 // CASE fixes the order of evaluation (the planner may reorder the terms of an AND): the test

@@ -250,7 +250,7 @@ RunDriver::Outcome RunDriver::runPass(const Pass &pass)
     };
     connections.mainConnectionName = pass.connectionName;
     RepairEngine engine(pass.database, connections, tally, log, progress, interrupted);
-    if (!engine.run(*strategy, options.jobs))
+    if (!engine.run(*strategy, options.jobs, isToolMode(options.mode) && progress.shown()))
         return Outcome::EarlyExit;
     if (isToolMode(options.mode) && !tally.complete())
         return Outcome::EarlyExit;

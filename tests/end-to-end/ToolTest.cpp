@@ -4,11 +4,13 @@
 #include <QFileInfo>
 #include <QProcess>
 #include <QRegularExpression>
+#include <QSqlQuery>
 #include <QStandardPaths>
 #include <QStringDecoder>
 #include <QTcpServer>
 
 #include <functional>
+#include <memory>
 
 using namespace Qt::StringLiterals;
 
@@ -113,6 +115,13 @@ TEST_F(ToolTest, RunOutcomes)
                 sql(u"ALTER TABLE scan.file SET SCHEMA public; CREATE VIEW scan.file AS SELECT * FROM public.file"_s);
             },
             1, "", "ERROR: " + kViewRefused + "\n", "[ERROR\t] <ts>: " + QString::fromUtf8(kViewRefused) + "\n"},
+        {"instance ids held as text", {{"--changed-only"}},
+            [] {
+                addInstances({1});
+                sql(u"ALTER TABLE warehouse.control_refresh ALTER instance_id TYPE text; ALTER TABLE scan.file ALTER "
+                    "instance_id TYPE text"_s);
+            },
+            0, doneLine(1).chopped(1) + ", rows changed: 1\n", "", kDone + "1, rows changed: 1\n"},
         {"a misspelt option", {{"--batchd"}, {"--Batched"}, {"--batch"}}, [] { addInstances({1}); }, 0, "",
             "WARNING: " + kMisspelt + "\n", "[WARNING] <ts>: " + QString::fromUtf8(kMisspelt) + "\n"},
         {"instance list unreadable", {{}}, [] { sql(u"DROP TABLE warehouse.control_refresh"_s); }, 1, "",
@@ -386,21 +395,33 @@ TEST_F(ToolTest, ATerminalSeesProgress)
     const struct {
         const char *command;
         const char *progress;
+        int exitCode = 0;
     } cases[] = {
         {"%1", "Progress: 0 s; 0 of 2 instances done; instance 1"},
         {"%1 --changed-only", "; finding the rows to change"},
         {"stty cols 40; %1 --batched", "% of scan.file, rows "},
         {"%1 --dry-run", "; counting the rows to change"},
         {"%1 --changed-only --jobs 2 | tee /dev/null", nullptr},
+        // A row held locked through the run: the line says whose lock the run waits for.
+        {"ZENTRIX_LOCK_WAIT_MS=2500 %1 --changed-only", " s for a lock held by server process ", 1},
     };
+    QSqlDatabase holder = TestServer::connectionAt(server().port(), u"product"_s, u"holder"_s);
+    auto lock = std::make_unique<QSqlQuery>(holder);
     for (const auto &c : cases) {
         SCOPED_TRACE(c.command);
+        if (c.exitCode == 1) {
+            addRow(2, 5, uR"({"a":"\ud800"})"_s);
+            ASSERT_TRUE(
+                lock->exec(u"BEGIN"_s) && lock->exec(u"SELECT 1 FROM scan.file WHERE instance_id = 2 FOR UPDATE"_s));
+        }
         QProcess terminal;
         terminal.setWorkingDirectory(m_sandbox.workDirectory());
         terminal.start(
             script, {u"-qefc"_s, QString::fromUtf8(c.command).arg(QStringLiteral(ZENTRIX_TOOL_PATH)), u"/dev/null"_s});
         ASSERT_TRUE(terminal.waitForFinished(kEventuallyLimitMs));
-        EXPECT_EQ(terminal.exitCode(), 0);
+        if (c.exitCode == 1)
+            lock->exec(u"ROLLBACK"_s);
+        EXPECT_EQ(terminal.exitCode(), c.exitCode);
         const QString shown = QString::fromUtf8(terminal.readAllStandardOutput());
         EXPECT_FALSE(shown.contains(QRegularExpression(u"Progress: [^\r\n]*(Data|Dry|instance id)"_s)))
             << "a line written over the progress line";
@@ -416,5 +437,8 @@ TEST_F(ToolTest, ATerminalSeesProgress)
                 EXPECT_LT(piece.size(), kNarrow) << piece.toStdString();
         }
     }
+    lock.reset();
+    holder = QSqlDatabase();
+    QSqlDatabase::removeDatabase(u"holder"_s);
 #endif
 }
