@@ -161,4 +161,10 @@ void DryRunCount::report(bool)
         Console::out(line);
         m_log.writeLine(RunLog::Info, line);
     }
+    const QString stop = m_tally.stopReason();
+    if (!stop.isEmpty()) {
+        const QString line = QStringLiteral("The run stopped before its end: %1").arg(stop);
+        Console::err(QStringLiteral("ERROR: ") + line);
+        m_log.writeLine(RunLog::Error, line);
+    }
 }

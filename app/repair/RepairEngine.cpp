@@ -184,22 +184,28 @@ void RepairEngine::handleFailure(WorkerConnection &connection, const WorkUnit &u
         return;
     case ServerFailure::Kind::Connection: {
         QString error;
-        if (connection.reopen(m_interrupted, error)) {
-            const QString line = QStringLiteral("A connection of the run was lost and is open again; its work is "
-                                                "redone. %1")
-                                     .arg(failure.words());
-            Console::err(QStringLiteral("WARNING: ") + line);
-            m_log.writeLine(RunLog::Warning, line);
-            add({unit});
-            dropped(unit);
+        if (!connection.reopen(m_interrupted, error)) {
+            m_tally.stop(QStringLiteral("The connection to the database server was lost (%1) and could not be "
+                                        "opened again within %2 s: %3")
+                             .arg(failure.words())
+                             .arg(WorkerConnection::kReopenLimitMs / 1000)
+                             .arg(error));
+            break;
+        }
+        const QString line
+            = QStringLiteral("A connection of the run was lost and is open again; its work is redone. %1")
+                  .arg(failure.words());
+        Console::err(QStringLiteral("WARNING: ") + line);
+        m_log.writeLine(RunLog::Warning, line);
+        if (unit.losses >= kLossesPerUnit) {
+            splitOrLeave(connection, unit, failure);
             return;
         }
-        m_tally.stop(QStringLiteral("The connection to the database server was lost (%1) and could not be opened "
-                                    "again within %2 s: %3")
-                         .arg(failure.words())
-                         .arg(WorkerConnection::kReopenLimitMs / 1000)
-                         .arg(error));
-        break;
+        WorkUnit again = unit;
+        ++again.losses;
+        add({again});
+        dropped(unit);
+        return;
     }
     case ServerFailure::Kind::Retry:
         if (unit.tries < kWaitingTries) {
@@ -219,20 +225,24 @@ void RepairEngine::handleFailure(WorkerConnection &connection, const WorkUnit &u
     case ServerFailure::Kind::Run:
         m_tally.stop(failure.words());
         break;
-    case ServerFailure::Kind::Rows: {
-        const QVector<WorkUnit> parts = m_strategy->split(connection.query(), unit);
-        if (parts.isEmpty())
-            leave(connection, unit, failure);
-        add(parts);
-        finished(unit);
+    case ServerFailure::Kind::Rows:
+        splitOrLeave(connection, unit, failure);
         return;
-    }
     }
     {
         const std::lock_guard<std::mutex> lock(m_mutex);
         m_stopped = true;
     }
     dropped(unit);
+}
+
+void RepairEngine::splitOrLeave(WorkerConnection &connection, const WorkUnit &unit, const ServerFailure &failure)
+{
+    const QVector<WorkUnit> parts = m_strategy->split(connection.query(), unit);
+    if (parts.isEmpty())
+        leave(connection, unit, failure);
+    add(parts);
+    finished(unit);
 }
 
 void RepairEngine::leave(WorkerConnection &connection, const WorkUnit &unit, const ServerFailure &failure)
@@ -317,18 +327,23 @@ void RepairEngine::watchLocks()
         QSqlDatabase database;
         std::unique_lock<std::mutex> lock(m_mutex);
         while (!m_over) {
-            m_wake.wait_for(lock, std::chrono::milliseconds(kLockLookMs));
+            const auto nextLook = std::chrono::steady_clock::now() + std::chrono::milliseconds(kLockLookMs);
+            if (m_wake.wait_until(lock, nextLook, [this] { return m_over; }))
+                break;
             const qint64 now = QDateTime::currentMSecsSinceEpoch();
             bool looked = false;
             for (const qint64 start : m_unitStarts)
                 looked = looked || now - start >= kLockLookMs;
-            if (!looked || m_over) {
+            if (!looked) {
                 m_progress.setWaiting(QString());
                 continue;
             }
             lock.unlock();
-            if (!database.isOpen() && !openUniquelyNamed(database, name))
-                return;
+            if (name.isEmpty() && !openUniquelyNamed(database, name))
+                break;
+            // A server that restarted ended this connection too.
+            if (LibpqHandle::lost(database))
+                database.open();
             m_progress.setWaiting(lockWait(database));
             lock.lock();
         }

@@ -30,6 +30,9 @@ public:
     // Tries of a unit that meets a lock (or a deadlock, or a cancel by someone else) that wait;
     // the try after them waits on no row lock and leaves the locked rows, named.
     static constexpr int kWaitingTries = 2;
+    // A unit whose connection is lost again and again may itself bring the server down (a row
+    // that crashes a server process): after this many losses it is split like a fault of its rows.
+    static constexpr int kLossesPerUnit = 2;
     // A unit in flight this long is looked at, from a connection of its own, for a lock it
     // waits on; the progress line then says whose, and for how long.
     static constexpr int kLockLookMs = 1000;
@@ -63,6 +66,7 @@ private:
     void addLocked(const WorkUnit &unit);
     void finished(const WorkUnit &unit);
     void dropped(const WorkUnit &unit);
+    void splitOrLeave(WorkerConnection &connection, const WorkUnit &unit, const ServerFailure &failure);
     void leave(WorkerConnection &connection, const WorkUnit &unit, const ServerFailure &failure);
     bool stopping() const;
     void watchLocks();

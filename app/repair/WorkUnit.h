@@ -29,6 +29,8 @@ struct WorkUnit {
     QStringList tids;
     // Tried again after the others so often; the last try waits on no lock.
     int tries = 0;
+    // Its connection was lost so often while it ran.
+    int losses = 0;
     // The range unit that this one is a part of (Range and Rows), for the coverage of the run.
     int origin = -1;
     // Rows: read anew after another writer changed some of them between the read and the
