@@ -5,6 +5,7 @@
 #include <algorithm>
 
 const char *const UnitSizer::kBlocksVariable = "ZENTRIX_BATCH_BLOCKS";
+const char *const UnitSizer::kTargetVariable = "ZENTRIX_UNIT_TARGET_MS";
 
 UnitSizer::UnitSizer(int slotsPerBlock)
     : m_slotsPerBlock(slotsPerBlock)
@@ -16,6 +17,9 @@ UnitSizer::UnitSizer(int slotsPerBlock)
         m_fixed = true;
         m_size = blocks * slotsPerBlock;
     }
+    const qint64 target = qEnvironmentVariable(kTargetVariable).toLongLong(&ok);
+    if (ok && target > 0)
+        m_targetMs = target;
 }
 
 qint64 UnitSizer::size() const
@@ -29,7 +33,7 @@ void UnitSizer::measured(qint64 slotCount, qint64 elapsedMs)
     if (m_fixed || slotCount <= 0)
         return;
     const std::lock_guard<std::mutex> lock(m_mutex);
-    const qint64 fitting = slotCount * kTargetMs / std::max<qint64>(elapsedMs, 1);
+    const qint64 fitting = slotCount * m_targetMs / std::max<qint64>(elapsedMs, 1);
     // A short range at the end of a relation says little about a longer one.
     const qint64 grown = std::max(m_size, slotCount) * 2;
     m_size = std::clamp<qint64>(std::min(fitting, grown), 1, kMostBlocks * m_slotsPerBlock);

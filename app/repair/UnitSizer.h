@@ -20,6 +20,8 @@ public:
     static constexpr qint64 kMostBlocks = 16384;
     // Forces a fixed size in blocks, for tests and for measuring.
     static const char *const kBlocksVariable;
+    // Replaces kTargetMs, for measuring.
+    static const char *const kTargetVariable;
 
     explicit UnitSizer(int slotsPerBlock);
 
@@ -30,6 +32,7 @@ public:
 
 private:
     const int m_slotsPerBlock;
+    qint64 m_targetMs = kTargetMs;
     bool m_fixed = false;
     mutable std::mutex m_mutex;
     qint64 m_size = 0;
