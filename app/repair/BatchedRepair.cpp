@@ -1,5 +1,6 @@
 #include "app/repair/BatchedRepair.h"
 
+#include "app/journal/RunJournal.h"
 #include "app/output/Console.h"
 #include "app/output/Progress.h"
 #include "app/output/RunLog.h"
@@ -11,81 +12,92 @@
 #include <QSqlError>
 #include <QSqlQuery>
 
-BatchedRepair::BatchedRepair(RunLog &log, const VerboseLog &verbose, Progress &progress, RunTally &tally)
-    : RowRepair(QStringLiteral("--batched"), log, verbose, progress, tally)
-{ }
+BatchedRepair::BatchedRepair(RunLog &log, const VerboseLog &verbose, Progress &progress, RunTally &tally,
+    RunJournal *journal, const QString &options)
+    : RowRepair(journal ? QStringLiteral("--journal") : QStringLiteral("--batched"), log, verbose, progress, tally)
+    , m_options(options)
+{
+    m_journal = journal;
+}
 
 bool BatchedRepair::prepare(QSqlQuery &query)
 {
-    if (!checkServer(query) || !m_instances.read(query, m_log))
+    if (!checkServer(query, m_log, m_option) || !m_instances.read(query, m_log))
         return false;
     if (m_instances.isEmpty())
         return true;
     if (!readTable(query))
         return false;
-    m_sizer = std::make_unique<UnitSizer>(m_table.slotsPerBlock());
-    for (const ScanTable::Relation &relation : m_table.relations())
-        m_totalSlots += relation.blocks * m_table.slotsPerBlock();
-    m_progress.setTotal(m_totalSlots, QStringLiteral("scan.file"));
-    return true;
+    m_mainQuery = &query;
+    m_cursor = std::make_unique<RangeCursor>(m_table);
+    m_progress.setTotal(m_cursor->totalSlots(), QStringLiteral("scan.file"));
+    return !m_journal || openJournal(query);
 }
 
-bool BatchedRepair::checkServer(QSqlQuery &query)
+bool BatchedRepair::checkServer(QSqlQuery &query, RunLog &log, const QString &option)
 {
     if (query.exec(QStringLiteral("SELECT current_setting('server_version_num')::int, "
                                   "current_setting('server_version')"))
         && query.next() && query.value(0).toInt() >= kFirstServerWithRanges)
         return true;
     const QString line = query.isActive()
-        ? QStringLiteral("--batched needs PostgreSQL 14 or newer, which can read a table by ranges of blocks; the "
-                         "server runs PostgreSQL %1. Use --changed-only there.")
-              .arg(query.value(1).toString())
-        : QStringLiteral("Cannot read the server's version for --batched. %1").arg(query.lastError().text());
+        ? QStringLiteral("%1 needs PostgreSQL 14 or newer, which can read a table by ranges of blocks; the server "
+                         "runs PostgreSQL %2. Use --changed-only there.")
+              .arg(option, query.value(1).toString())
+        : QStringLiteral("Cannot read the server's version for %1. %2").arg(option, query.lastError().text());
     Console::err(QStringLiteral("ERROR: ") + line);
-    m_log.writeLine(RunLog::Error, line);
+    log.writeLine(RunLog::Error, line);
     return false;
 }
 
-// Blocks appended while the run goes on (rows the product writes, new versions of the rows this
-// run rewrites) are left to the next run.
+// A resumed run's committed ranges are done: they count as covered, and no unit is made of them.
+bool BatchedRepair::openJournal(QSqlQuery &query)
+{
+    if (!m_journal->open(query, m_options)) {
+        const QString line = QStringLiteral("--journal cannot record the run in schema %1 of the database. %2")
+                                 .arg(RunJournal::kSchema, m_journal->error());
+        Console::err(QStringLiteral("ERROR: ") + line);
+        m_log.writeLine(RunLog::Error, line);
+        return false;
+    }
+    qint64 done = 0;
+    for (auto it = m_journal->committed().cbegin(); it != m_journal->committed().cend(); ++it) {
+        const int relation = m_table.relationIndex(it.key());
+        if (relation >= 0)
+            done += m_cursor->skip(relation, it.value());
+    }
+    m_tally.cover(done);
+    m_progress.advance(done, 0);
+    const qint64 total = m_cursor->totalSlots();
+    const int slotsPerBlock = m_table.slotsPerBlock();
+    const QString line = m_journal->resumed()
+        ? QStringLiteral("Resuming run %1: %2 of %3 blocks of scan.file were done before (%4%), rows changed: %5")
+              .arg(m_journal->run())
+              .arg(done / slotsPerBlock)
+              .arg(total / slotsPerBlock)
+              .arg(total == 0 ? 100 : int(done * 100 / total))
+              .arg(m_journal->rowsChangedBefore())
+        : QStringLiteral("Journaled as run %1 in schema %2").arg(m_journal->run()).arg(RunJournal::kSchema);
+    Console::out(line);
+    m_log.writeLine(RunLog::Info, line);
+    return true;
+}
+
 bool BatchedRepair::nextUnit(WorkUnit &unit)
 {
-    if (m_instances.isEmpty())
+    if (!m_cursor || !m_cursor->next(unit))
         return false;
-    const QVector<ScanTable::Relation> &relations = m_table.relations();
-    while (m_relation < relations.size() && m_position >= relations[m_relation].blocks * m_table.slotsPerBlock()) {
-        ++m_relation;
-        m_position = 0;
-    }
-    if (m_relation >= relations.size())
-        return false;
-    unit = WorkUnit();
-    unit.kind = WorkUnit::Kind::Range;
-    unit.relation = m_relation;
-    unit.first = m_position;
-    unit.end = std::min(m_position + m_sizer->size(), relations[m_relation].blocks * m_table.slotsPerBlock());
-    m_position = unit.end;
     const std::lock_guard<std::mutex> lock(m_mutex);
     unit.origin = m_rangeSlots.size();
     m_rangeSlots.append(unit.end - unit.first);
     return true;
 }
 
-QString BatchedRepair::tidOf(qint64 slot) const
-{
-    return RepairStatements::tid(slot / m_table.slotsPerBlock(), int(slot % m_table.slotsPerBlock()));
-}
-
-QString BatchedRepair::rangeText(const WorkUnit &unit) const
-{
-    return QStringLiteral("%1 to %2 of %3").arg(tidOf(unit.first), tidOf(unit.end), relationOf(unit));
-}
-
 QString BatchedRepair::step(const WorkUnit &unit) const
 {
     if (unit.kind == WorkUnit::Kind::Rows)
         return QStringLiteral("%1 rows of %2").arg(unit.tids.size()).arg(relationOf(unit));
-    return rangeText(unit);
+    return m_cursor->text(unit);
 }
 
 RepairStrategy::Result BatchedRepair::run(QSqlQuery &query, const WorkUnit &unit)
@@ -97,11 +109,13 @@ RepairStrategy::Result BatchedRepair::run(QSqlQuery &query, const WorkUnit &unit
     }
     QElapsedTimer elapsed;
     elapsed.start();
-    const Result result = repair(query, unit, RepairStatements::tidRange(tidOf(unit.first), tidOf(unit.end)),
-        QStringLiteral("%1 (%2 blocks)")
-            .arg(rangeText(unit), QString::number(double(unit.end - unit.first) / m_table.slotsPerBlock(), 'f', 2)));
+    const Result result
+        = repair(query, unit, RepairStatements::tidRange(m_cursor->tidOf(unit.first), m_cursor->tidOf(unit.end)),
+            QStringLiteral("%1 (%2 blocks)")
+                .arg(m_cursor->text(unit),
+                    QString::number(double(unit.end - unit.first) / m_table.slotsPerBlock(), 'f', 2)));
     if (result.ok)
-        m_sizer->measured(unit.end - unit.first, elapsed.elapsed());
+        m_cursor->sizer().measured(unit.end - unit.first, elapsed.elapsed());
     return result;
 }
 
@@ -113,7 +127,7 @@ QVector<WorkUnit> BatchedRepair::split(QSqlQuery &query, const WorkUnit &unit)
         return splitRows(unit);
     query.setForwardOnly(true);
     if (!query.exec(RepairStatements::rowsToChange(InstanceLines::kColumn, relationOf(unit), idsOf(unit),
-            RepairStatements::tidRange(tidOf(unit.first), tidOf(unit.end)))))
+            RepairStatements::tidRange(m_cursor->tidOf(unit.first), m_cursor->tidOf(unit.end)))))
         return {};
     WorkUnit rows = unit;
     rows.kind = WorkUnit::Kind::Rows;
@@ -127,7 +141,7 @@ QVector<WorkUnit> BatchedRepair::split(QSqlQuery &query, const WorkUnit &unit)
 bool BatchedRepair::leave(QSqlQuery &query, const WorkUnit &unit, const ServerFailure &failure)
 {
     const QString what = unit.kind == WorkUnit::Kind::Range
-        ? QStringLiteral("row versions %1").arg(rangeText(unit))
+        ? QStringLiteral("row versions %1").arg(m_cursor->text(unit))
         : QStringLiteral("%1 rows of %2").arg(unit.tids.size()).arg(relationOf(unit));
     return leaveRows(query, unit, what, failure.words());
 }
@@ -148,14 +162,15 @@ void BatchedRepair::rangeFinished(int origin, bool covered)
 
 void BatchedRepair::report(bool interrupted)
 {
-    if (m_instances.isEmpty())
+    if (m_instances.isEmpty() || !m_cursor)
         return;
     const qint64 covered = m_tally.covered();
+    const qint64 total = m_cursor->totalSlots();
     const int slotsPerBlock = std::max(m_table.slotsPerBlock(), 1);
-    const int percent = m_totalSlots == 0 ? 100 : int(covered * 100 / m_totalSlots);
+    const int percent = total == 0 ? 100 : int(covered * 100 / total);
     // A range holds rows of any instance: one that was not covered leaves every instance unfinished.
     const QString unfinished
-        = covered < m_totalSlots ? QStringLiteral("the run covered %1% of scan.file").arg(percent) : QString();
+        = covered < total ? QStringLiteral("the run covered %1% of scan.file").arg(percent) : QString();
     if (!interrupted) {
         for (int i = 0; i < m_instances.size(); ++i)
             instanceLine(i, unfinished);
@@ -163,7 +178,7 @@ void BatchedRepair::report(bool interrupted)
     QString coverage = QStringLiteral("Batched repair covered %1 of %2 blocks of scan.file (%3%) in %4 of %5 batches, "
                                       "rows changed: %6")
                            .arg(covered / slotsPerBlock)
-                           .arg(m_totalSlots / slotsPerBlock)
+                           .arg(total / slotsPerBlock)
                            .arg(percent)
                            .arg(m_rangesDone)
                            .arg(m_rangeSlots.size())
@@ -171,7 +186,7 @@ void BatchedRepair::report(bool interrupted)
     if (!m_tally.leftRows().isEmpty())
         coverage += QStringLiteral(", rows left: %1").arg(m_tally.leftRows().size());
     // A run that did not cover everything says how far it got as a warning, not that it is done.
-    if (covered == m_totalSlots && !interrupted) {
+    if (covered == total && !interrupted) {
         Console::out(coverage);
         m_log.writeLine(RunLog::Info, coverage);
     } else {
@@ -180,4 +195,8 @@ void BatchedRepair::report(bool interrupted)
     }
     if (!interrupted)
         reportLeft();
+    // A run that stopped early is resumed by the next --journal run.
+    if (m_journal && m_mainQuery)
+        m_journal->close(*m_mainQuery,
+            interrupted || !m_tally.stopReason().isEmpty() ? RunJournal::kInterrupted : RunJournal::kFinished);
 }

@@ -30,10 +30,12 @@ QString changesRow(const QString &column)
         .arg(column, kHigh, kLow, notAfterHigh, notLowAfter);
 }
 
+} // namespace
+
 // The range of all listed instances at once: each instance's "request_id > <id> AND
 // instance_id = <id>". Ids are literals, each compared as the type of the column it meets, so
 // that ids held as text, or as any other type, work as numbers do.
-QString inRange(const QStringList &instanceIds)
+QString RepairStatements::inRange(const QStringList &instanceIds)
 {
     QStringList literals;
     QString bounds;
@@ -45,11 +47,14 @@ QString inRange(const QStringList &instanceIds)
         .arg(literals.join(QLatin1Char(',')), bounds);
 }
 
+namespace {
+
 // CASE fixes the order of evaluation (the planner may reorder the terms of an AND): the test
 // of the text runs only on rows in range.
 QString changesInRange(const QString &column, const QStringList &instanceIds)
 {
-    return QStringLiteral("CASE WHEN %1 THEN %2 ELSE false END").arg(inRange(instanceIds), changesRow(column));
+    return QStringLiteral("CASE WHEN %1 THEN %2 ELSE false END")
+        .arg(RepairStatements::inRange(instanceIds), changesRow(column));
 }
 
 // Instance id and rows changed per instance of an UPDATE's rows.
@@ -119,7 +124,7 @@ QString RepairStatements::counts(const QString &column, const QStringList &insta
 {
     return QStringLiteral("SELECT instance_id, count(*), count(*) FILTER (WHERE %1) FROM scan.file WHERE %2 "
                           "GROUP BY instance_id")
-        .arg(changesRow(column), inRange(instanceIds));
+        .arg(changesRow(column), RepairStatements::inRange(instanceIds));
 }
 
 // A row that another writer updates while this statement waits for it is checked again on
@@ -144,6 +149,22 @@ QString RepairStatements::updateSkippingLocked(
                           "changed AS (UPDATE %1 f SET %4 = %5 FROM target WHERE f.ctid = target.t RETURNING "
                           "f.instance_id) SELECT instance_id, count(*) FROM changed GROUP BY instance_id")
         .arg(relation, where, changesInRange(column, instanceIds), column, repairedLinear(column));
+}
+
+// The rows are read with their text before the update joins them by row version: a row another
+// writer updates meanwhile has a new version, which the join no longer finds, so no text is
+// recorded as original that the update did not replace.
+QString RepairStatements::journaledUpdate(const QString &column, const QString &relation,
+    const QStringList &instanceIds, const QString &where, bool skipLocked, const QString &keyArray,
+    const QString &records)
+{
+    return QStringLiteral("WITH target AS (SELECT ctid AS t, %1 AS original FROM %2 WHERE %3 AND %4%5), changed AS "
+                          "(UPDATE %2 f SET %1 = %6 FROM target WHERE f.ctid = target.t RETURNING f.instance_id, "
+                          "f.ctid AS version, %7 AS key, md5(f.%1::text) AS written, target.original), %8 SELECT "
+                          "instance_id, count(*) FROM changed GROUP BY instance_id")
+        .arg(column, relation, where, changesInRange(column, instanceIds),
+            skipLocked ? QStringLiteral(" FOR UPDATE SKIP LOCKED") : QString(), repairedLinear(column), keyArray,
+            records);
 }
 
 // ctid, instance id, and the server process holding the row locked (its transaction is the

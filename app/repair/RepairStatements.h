@@ -14,6 +14,8 @@ public:
     // The same result in time linear in the text's length, for the statements below.
     static QString repairedLinear(const QString &column);
 
+    // The rows in the repair's range of the listed instances.
+    static QString inRange(const QStringList &instanceIds);
     // A text as an SQL string literal.
     static QString literal(const QString &text);
     // A row version's text form, "(block,item)".
@@ -34,6 +36,11 @@ public:
         const QString &column, const QString &relation, const QStringList &instanceIds, const QString &where);
     static QString updateSkippingLocked(
         const QString &column, const QString &relation, const QStringList &instanceIds, const QString &where);
+    // The update, its changes recorded by the given common table expressions, which read the CTE
+    // "changed" (instance_id, version, key, written, original): written is the md5 of the text
+    // written, key the keyArray given, original the text replaced.
+    static QString journaledUpdate(const QString &column, const QString &relation, const QStringList &instanceIds,
+        const QString &where, bool skipLocked, const QString &keyArray, const QString &records);
     static QString rowsToChange(
         const QString &column, const QString &relation, const QStringList &instanceIds, const QString &where);
 };

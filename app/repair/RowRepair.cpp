@@ -1,5 +1,6 @@
 #include "app/repair/RowRepair.h"
 
+#include "app/journal/RunJournal.h"
 #include "app/output/Console.h"
 #include "app/output/Progress.h"
 #include "app/output/RunLog.h"
@@ -49,18 +50,29 @@ QString RowRepair::relationOf(const WorkUnit &unit) const
     return m_table.relations()[unit.relation].name;
 }
 
+QString RowRepair::statement(const WorkUnit &unit, const QString &where, bool lastTry) const
+{
+    const QString relation = relationOf(unit);
+    if (!m_journal)
+        return lastTry ? RepairStatements::updateSkippingLocked(InstanceLines::kColumn, relation, idsOf(unit), where)
+                       : RepairStatements::update(InstanceLines::kColumn, relation, idsOf(unit), where);
+    QString records = m_journal->records(relation);
+    // A range is done when its one statement commits; the parts of a split one are not a range.
+    if (unit.kind == WorkUnit::Kind::Range)
+        records += QStringLiteral(", ") + m_journal->rangeRecord(relation, unit.first, unit.end);
+    return RepairStatements::journaledUpdate(
+        InstanceLines::kColumn, relation, idsOf(unit), where, lastTry, m_table.keyArray(QStringLiteral("f")), records);
+}
+
 RepairStrategy::Result RowRepair::repair(
     QSqlQuery &query, const WorkUnit &unit, const QString &where, const QString &step)
 {
     const bool lastTry = unit.tries >= RepairEngine::kWaitingTries;
-    const QString statement = lastTry
-        ? RepairStatements::updateSkippingLocked(InstanceLines::kColumn, relationOf(unit), idsOf(unit), where)
-        : RepairStatements::update(InstanceLines::kColumn, relationOf(unit), idsOf(unit), where);
     QElapsedTimer elapsed;
     elapsed.start();
     query.setForwardOnly(true);
     Result result;
-    result.ok = query.exec(statement);
+    result.ok = query.exec(statement(unit, where, lastTry));
     qint64 changed = 0;
     while (result.ok && query.next()) {
         result.changed[query.value(0).toString()] += query.value(1).toLongLong();
@@ -99,14 +111,14 @@ void RowRepair::leaveLeftovers(QSqlQuery &query, const WorkUnit &unit, const QSt
             rewritten << query.value(0).toString();
     }
     for (const auto &row : locked)
-        leaveRow(m_table.describeRow(query, relationOf(unit), row.first),
+        leaveRow(query, m_table.describeRow(query, relationOf(unit), row.first),
             QStringLiteral("The row is locked by server process %1, which held it through every try of the run.")
                 .arg(row.second));
     if (rewritten.isEmpty())
         return;
     if (unit.leftovers) {
         for (const QString &tid : rewritten)
-            leaveRow(m_table.describeRow(query, relationOf(unit), tid),
+            leaveRow(query, m_table.describeRow(query, relationOf(unit), tid),
                 QStringLiteral(
                     "Another session rewrote the row with text still to repair each time the run tried it."));
         return;
@@ -133,7 +145,7 @@ QVector<WorkUnit> RowRepair::splitRows(const WorkUnit &unit) const
 bool RowRepair::leaveRows(QSqlQuery &query, const WorkUnit &unit, const QString &what, const QString &reason)
 {
     if (unit.kind == WorkUnit::Kind::Rows && unit.tids.size() == 1) {
-        leaveRow(m_table.describeRow(query, relationOf(unit), unit.tids.first()), reason);
+        leaveRow(query, m_table.describeRow(query, relationOf(unit), unit.tids.first()), reason);
         return false;
     }
     m_tally.fail(what, reason);
@@ -142,9 +154,11 @@ bool RowRepair::leaveRows(QSqlQuery &query, const WorkUnit &unit, const QString 
     return true;
 }
 
-void RowRepair::leaveRow(const ScanTable::Row &row, const QString &reason)
+void RowRepair::leaveRow(QSqlQuery &query, const ScanTable::Row &row, const QString &reason)
 {
     m_tally.leaveRow({row.instance, row.name, reason});
+    if (m_journal)
+        m_journal->leaveRow(query, row.instance, row.name, reason);
     m_log.writeLine(RunLog::Warning,
         QStringLiteral("Row left unrepaired, data: %1, instance id: %2, row: %3. %4")
             .arg(InstanceLines::kColumn, row.instance, row.name, reason));

@@ -8,6 +8,7 @@
 #include <mutex>
 
 class Progress;
+class RunJournal;
 class RunLog;
 class VerboseLog;
 
@@ -43,8 +44,11 @@ protected:
     RunTally &m_tally;
     ScanTable m_table;
     InstanceList m_instances;
+    // Set when the run is journaled: every change is recorded with its original text.
+    RunJournal *m_journal = nullptr;
 
 private:
+    QString statement(const WorkUnit &unit, const QString &where, bool lastTry) const;
     void leaveLeftovers(QSqlQuery &query, const WorkUnit &unit, const QString &where, Result &result);
-    void leaveRow(const ScanTable::Row &row, const QString &reason);
+    void leaveRow(QSqlQuery &query, const ScanTable::Row &row, const QString &reason);
 };

@@ -18,10 +18,12 @@ bool ScanTable::read(QSqlQuery &query, const QString &column)
 {
     const QString shape = QStringLiteral(
         "SELECT c.relkind, (SELECT format_type(a.atttypid, a.atttypmod) FROM pg_attribute a WHERE a.attrelid = c.oid "
-        "AND a.attname = %1 AND NOT a.attisdropped), current_setting('block_size')::int, (SELECT "
-        "string_agg(quote_ident(a.attname), ',' ORDER BY array_position(i.indkey, a.attnum)) FROM pg_index i JOIN "
-        "pg_attribute a ON a.attrelid = i.indrelid AND a.attnum = ANY (i.indkey) WHERE i.indrelid = c.oid AND "
-        "i.indisprimary) FROM pg_class c WHERE c.oid = %2::regclass");
+        "AND a.attname = %1 AND NOT a.attisdropped), current_setting('block_size')::int, k.names, k.types FROM "
+        "pg_class c LEFT JOIN LATERAL (SELECT string_agg(quote_ident(a.attname), ',' ORDER BY "
+        "array_position(i.indkey, a.attnum)) AS names, string_agg(format_type(a.atttypid, NULL), ',' ORDER BY "
+        "array_position(i.indkey, a.attnum)) AS types FROM pg_index i JOIN pg_attribute a ON a.attrelid = i.indrelid "
+        "AND a.attnum = ANY (i.indkey) WHERE i.indrelid = c.oid AND i.indisprimary) k ON true WHERE c.oid = "
+        "%2::regclass");
     if (!query.exec(shape.arg(RepairStatements::literal(column), RepairStatements::literal(kTable))) || !query.next()) {
         m_error = query.lastError().text().simplified();
         return false;
@@ -31,6 +33,7 @@ bool ScanTable::read(QSqlQuery &query, const QString &column)
     m_slotsPerBlock = (query.value(2).toInt() - kPageHeaderBytes) / kBytesPerItem + 1;
     const QString key = query.value(3).toString();
     m_keyColumns = key.isEmpty() ? QStringList() : key.split(QLatin1Char(','));
+    m_keyTypes = key.isEmpty() ? QStringList() : query.value(4).toString().split(QLatin1Char(','));
     return true;
 }
 
@@ -121,4 +124,33 @@ ScanTable::Row ScanTable::describeRow(QSqlQuery &query, const QString &relation,
     else if (!m_keyColumns.isEmpty())
         row.name = QStringLiteral("(%1)=(%2)").arg(m_keyColumns.join(QStringLiteral(", ")), query.value(1).toString());
     return row;
+}
+
+QString ScanTable::keyArray(const QString &alias) const
+{
+    if (m_keyColumns.isEmpty())
+        return QStringLiteral("NULL::text[]");
+    QStringList values;
+    for (const QString &key : m_keyColumns)
+        values << QStringLiteral("%1.%2::text").arg(alias, key);
+    return QStringLiteral("ARRAY[%1]").arg(values.join(QStringLiteral(", ")));
+}
+
+// Each key column compared as its own type, so that its index finds the row.
+QString ScanTable::keyMatch(const QString &alias, const QString &array) const
+{
+    QStringList terms;
+    for (int i = 0; i < m_keyColumns.size(); ++i)
+        terms << QStringLiteral("%1.%2 = (%3[%4])::%5")
+                     .arg(alias, m_keyColumns[i], array)
+                     .arg(i + 1)
+                     .arg(m_keyTypes.value(i));
+    return terms.join(QStringLiteral(" AND "));
+}
+
+QString ScanTable::keyName(const QStringList &values) const
+{
+    if (m_keyColumns.size() == 1)
+        return QStringLiteral("%1=%2").arg(m_keyColumns.first(), values.value(0));
+    return QStringLiteral("(%1)=(%2)").arg(m_keyColumns.join(QStringLiteral(", ")), values.join(QStringLiteral(", ")));
 }

@@ -35,7 +35,7 @@ public:
     bool columnIsText() const;
     const QVector<Relation> &relations() const { return m_relations; }
     int relationIndex(const QString &name) const;
-    // Items one block can hold: the slotCount of a block in a range of row versions.
+    // Items one block can hold: the slots of a block in a range of row versions.
     int slotsPerBlock() const { return m_slotsPerBlock; }
 
     struct Row {
@@ -46,6 +46,14 @@ public:
     };
     Row describeRow(QSqlQuery &query, const QString &relation, const QString &tid) const;
 
+    bool hasKey() const { return !m_keyColumns.isEmpty(); }
+    // The primary key's values of the row under alias, as a text array (NULL without a key).
+    QString keyArray(const QString &alias) const;
+    // The row under alias is the one whose key values a text array holds.
+    QString keyMatch(const QString &alias, const QString &array) const;
+    // How the run log names a row by its key values.
+    QString keyName(const QStringList &values) const;
+
 private:
     QString m_error;
     char m_kind = 0;
@@ -53,4 +61,5 @@ private:
     int m_slotsPerBlock = 0;
     QVector<Relation> m_relations;
     QStringList m_keyColumns;
+    QStringList m_keyTypes;
 };

@@ -8,9 +8,14 @@
 
 pg_conn *LibpqHandle::of(const QSqlDatabase &database)
 {
+    return of(database.driver());
+}
+
+pg_conn *LibpqHandle::of(const QSqlDriver *driver)
+{
     // The PostgreSQL driver hands out its libpq connection, under the name of the struct or
     // of its typedef depending on how Qt was built.
-    const QVariant handle = database.driver() ? database.driver()->handle() : QVariant();
+    const QVariant handle = driver ? driver->handle() : QVariant();
     if (!handle.isValid()
         || (qstrcmp(handle.typeName(), "pg_conn*") != 0 && qstrcmp(handle.typeName(), "PGconn*") != 0))
         return nullptr;
@@ -25,7 +30,12 @@ bool LibpqHandle::lost(const QSqlDatabase &database)
 
 int LibpqHandle::serverProcess(const QSqlDatabase &database)
 {
-    PGconn *const connection = of(database);
+    return serverProcess(database.driver());
+}
+
+int LibpqHandle::serverProcess(const QSqlDriver *driver)
+{
+    PGconn *const connection = of(driver);
     return connection ? PQbackendPID(connection) : 0;
 }
 

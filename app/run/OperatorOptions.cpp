@@ -2,23 +2,29 @@
 
 #include "app/run/OptionSpelling.h"
 
+#include <QHash>
+
 namespace {
 const QString kDryRun = QStringLiteral("--dry-run");
 const QString kChangedOnly = QStringLiteral("--changed-only");
 const QString kBatched = QStringLiteral("--batched");
+const QString kJournal = QStringLiteral("--journal");
+const QString kVerify = QStringLiteral("--verify");
+const QString kRuns = QStringLiteral("--runs");
+const QString kUndo = QStringLiteral("--undo");
+const QString kForget = QStringLiteral("--forget");
 const QString kJobs = QStringLiteral("--jobs");
-const QString kJobsGnu = QStringLiteral("--jobs=");
 const QString kVerbose = QStringLiteral("--verbose");
 const QString kVerboseShort = QStringLiteral("-v");
+const QStringList kFlags = {kDryRun, kChangedOnly, kBatched, kJournal, kVerify, kRuns};
+// Options that take a value, as "--name value" or "--name=value".
+const QStringList kValued = {kJobs, kUndo, kForget};
 
-// The flags as given, before they make a mode.
+// The options as given, before they make a mode.
 struct Given {
-    bool dryRun = false;
-    bool changedOnly = false;
-    bool batched = false;
+    QStringList flags;
+    QHash<QString, QString> values;
     bool verbose = false;
-    bool jobs = false;
-    QString jobsText;
 };
 
 // False for a list that is not the operator options alone: then it keeps its old meaning.
@@ -26,40 +32,63 @@ bool read(const QStringList &arguments, Given &given)
 {
     for (int i = 0; i < arguments.size(); ++i) {
         const QString &argument = arguments[i];
-        if (argument == kDryRun && !given.dryRun)
-            given.dryRun = true;
-        else if (argument == kChangedOnly && !given.changedOnly)
-            given.changedOnly = true;
-        else if (argument == kBatched && !given.batched)
-            given.batched = true;
+        const QString name = argument.section(QLatin1Char('='), 0, 0);
+        if (kFlags.contains(argument) && !given.flags.contains(argument))
+            given.flags << argument;
         else if ((argument == kVerbose || argument == kVerboseShort) && !given.verbose)
             given.verbose = true;
-        else if (argument == kJobs && !given.jobs) {
-            given.jobs = true;
-            given.jobsText = arguments.value(++i);
-        } else if (argument.startsWith(kJobsGnu) && !given.jobs) {
-            given.jobs = true;
-            given.jobsText = argument.mid(kJobsGnu.size());
-        } else
+        else if (kValued.contains(argument) && !given.values.contains(argument))
+            given.values.insert(argument, arguments.value(++i));
+        else if (kValued.contains(name) && name != argument && !given.values.contains(name))
+            given.values.insert(name, argument.mid(name.size() + 1));
+        else
             return false;
     }
     return true;
 }
 
-RunMode modeOf(const Given &given)
+// The one thing the options ask for, or an error naming two that exclude each other.
+QString decide(const Given &given, OperatorOptions &options)
 {
-    if (given.dryRun)
-        return RunMode::DryRun;
-    if (given.batched)
-        return RunMode::Batched;
-    if (given.changedOnly)
-        return RunMode::ChangedOnly;
-    return RunMode::Repair;
+    QStringList asked;
+    for (const QString &option : {kRuns, kUndo, kForget, kDryRun, kChangedOnly, kBatched, kJournal, kVerify}) {
+        if (given.flags.contains(option) || given.values.contains(option))
+            asked << option;
+    }
+    // The journal's commands stand alone; a count is no repair to verify.
+    const QStringList alone = {kRuns, kUndo, kForget};
+    for (const QString &option : alone) {
+        if (asked.contains(option) && asked.size() > 1)
+            return QStringLiteral("%1 cannot be combined with %2")
+                .arg(option, asked.value(asked.first() == option ? 1 : 0));
+    }
+    if (asked.contains(kDryRun) && asked.contains(kVerify))
+        return QStringLiteral("--verify checks the table after a repair, and --dry-run repairs nothing: use --verify "
+                              "alone");
+    options.journal = asked.contains(kJournal);
+    options.verify = asked.contains(kVerify);
+    if (asked.contains(kRuns))
+        options.mode = RunMode::ListRuns;
+    else if (asked.contains(kUndo))
+        options.mode = RunMode::Undo;
+    else if (asked.contains(kForget))
+        options.mode = RunMode::Forget;
+    else if (asked.contains(kDryRun))
+        options.mode = RunMode::DryRun;
+    else if (asked.contains(kBatched) || options.journal)
+        options.mode = RunMode::Batched;
+    else if (asked.contains(kChangedOnly))
+        options.mode = RunMode::ChangedOnly;
+    else if (options.verify)
+        options.mode = RunMode::VerifyOnly;
+    else
+        options.mode = RunMode::Repair;
+    return QString();
 }
 
 QString misspellingOf(const QStringList &arguments)
 {
-    static const QStringList options = {kDryRun, kChangedOnly, kBatched, kJobs, kVerbose};
+    static const QStringList options = kFlags + kValued + QStringList{kVerbose};
     for (const QString &argument : arguments) {
         const QString option = OptionSpelling::resembled(argument, options);
         if (!option.isEmpty())
@@ -67,6 +96,21 @@ QString misspellingOf(const QStringList &arguments)
                                   "skips the repair, as it does for any argument it does not know.")
                 .arg(argument, option);
     }
+    return QString();
+}
+
+QString numberError(const QString &option, const QString &text, int most, int &number)
+{
+    bool ok = false;
+    number = text.toInt(&ok);
+    if (option == kJobs && (!ok || number < 1 || number > most))
+        return QStringLiteral("--jobs needs a number from 1 to %1 (the connection pool, internal/db_connection), "
+                              "not \"%2\"")
+            .arg(most)
+            .arg(text);
+    if (option != kJobs && (!ok || number < 1))
+        return QStringLiteral("%1 needs the number of a journaled run (--runs lists them), not \"%2\"")
+            .arg(option, text);
     return QString();
 }
 } // namespace
@@ -83,17 +127,13 @@ OperatorOptions OperatorOptions::parse(const QStringList &arguments, int poolSiz
         options.misspelling = misspellingOf(arguments);
         return options;
     }
-    options.mode = modeOf(given);
     options.verbose = given.verbose;
-    if (!given.jobs)
-        return options;
-    bool ok = false;
-    options.jobs = given.jobsText.toInt(&ok);
-    if (!ok || options.jobs < 1 || options.jobs > poolSize)
+    options.error = decide(given, options);
+    for (const QString &option : {kJobs, kUndo, kForget}) {
+        if (!options.error.isEmpty() || !given.values.contains(option))
+            continue;
         options.error
-            = QStringLiteral("--jobs needs a number from 1 to %1 (the connection pool, internal/db_connection), "
-                             "not \"%2\"")
-                  .arg(poolSize)
-                  .arg(given.jobsText);
+            = numberError(option, given.values.value(option), poolSize, option == kJobs ? options.jobs : options.run);
+    }
     return options;
 }

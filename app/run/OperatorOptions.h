@@ -6,13 +6,21 @@
 #include <QStringList>
 
 // Options for operators beyond the product's command line: "--dry-run", "--changed-only",
-// "--batched", "--verbose" (or "-v") and "--jobs N" (or "--jobs=N"), alone or together. Any other
-// argument list keeps its old meaning (connect, change nothing).
+// "--batched", "--journal", "--verify", "--undo N", "--forget N", "--runs", "--verbose" (or
+// "-v") and "--jobs N" (the numbers also as "--jobs=N"). Any other argument list keeps its old
+// meaning (connect, change nothing).
 struct OperatorOptions {
     RunMode mode = RunMode::SkipRepair;
+    // --batched that records every change, resumable and undoable (--journal).
+    bool journal = false;
+    // A check of every row's jsonb cast, after the repair if there is one (--verify).
+    bool verify = false;
+    // The journaled run --undo or --forget works on.
+    int run = 0;
     bool verbose = false;
     int jobs = 1;
-    // Set for a recognised list whose job count is not a number from 1 to the pool size.
+    // Set for a recognised list that cannot run as given: a job count that is not a number from
+    // 1 to the pool size, a run that is not a number, options that exclude each other.
     QString error;
     // Set for an unrecognised list holding an argument that looks like a misspelt option: the
     // line that says so.

@@ -1,5 +1,8 @@
 #include "app/run/RunDriver.h"
 
+#include "app/journal/JournalCommands.h"
+#include "app/journal/RunJournal.h"
+#include "app/journal/UndoRepair.h"
 #include "app/output/Console.h"
 #include "app/output/Progress.h"
 #include "app/output/RunLog.h"
@@ -11,6 +14,7 @@
 #include "app/repair/NormalizationPass.h"
 #include "app/repair/RepairEngine.h"
 #include "app/repair/RunTally.h"
+#include "app/repair/VerifyCheck.h"
 #include "app/run/ConfigurationReader.h"
 #include "app/run/Interrupts.h"
 #include "app/run/OperatorOptions.h"
@@ -24,6 +28,7 @@
 #include <QCoreApplication>
 #include <QDate>
 #include <QSqlDatabase>
+#include <QSqlQuery>
 
 namespace {
 const QString kNormalizeMode = QStringLiteral("normalize");
@@ -37,27 +42,35 @@ QStringList sessionSettings(RunMode mode)
 {
     bool ok = false;
     const int lockWait = qEnvironmentVariable(kLockWaitVariable).toInt(&ok);
+    // The server's notices (a schema that exists already) are no line of the run's.
     QStringList settings = {QStringLiteral("statement_timeout=0"),
         QStringLiteral("lock_timeout=%1").arg(ok && lockWait > 0 ? lockWait : kLockWaitLimitMs),
-        QStringLiteral("idle_in_transaction_session_timeout=0")};
+        QStringLiteral("idle_in_transaction_session_timeout=0"), QStringLiteral("client_min_messages=warning")};
     // The server itself refuses any write of a counting session.
     if (mode == RunMode::DryRun)
         settings << QStringLiteral("default_transaction_read_only=on");
     return settings;
 }
 
-std::unique_ptr<RepairStrategy> strategyFor(
-    RunMode mode, RunLog &log, const VerboseLog &verbose, Progress &progress, RunTally &tally)
+// What the mode repairs, counts or restores, unit by unit; none for the modes that do not.
+std::unique_ptr<RepairStrategy> strategyFor(const OperatorOptions &options, RunLog &log, const VerboseLog &verbose,
+    Progress &progress, RunTally &tally, RunJournal &journal)
 {
-    switch (mode) {
+    switch (options.mode) {
     case RunMode::Repair:
         return std::make_unique<NormalizationPass>(log, verbose, progress);
     case RunMode::ChangedOnly:
         return std::make_unique<ChangedOnlyRepair>(log, verbose, progress, tally);
     case RunMode::Batched:
-        return std::make_unique<BatchedRepair>(log, verbose, progress, tally);
+        return std::make_unique<BatchedRepair>(log, verbose, progress, tally, options.journal ? &journal : nullptr,
+            QCoreApplication::arguments().mid(1).join(QLatin1Char(' ')));
     case RunMode::DryRun:
         return std::make_unique<DryRunCount>(log, progress, tally);
+    case RunMode::Undo:
+        return std::make_unique<UndoRepair>(options.run, log, verbose, progress, tally);
+    case RunMode::ListRuns:
+    case RunMode::Forget:
+    case RunMode::VerifyOnly:
     case RunMode::SkipRepair:
         break;
     }
@@ -222,22 +235,45 @@ RunDriver::Outcome RunDriver::reportInterrupt(RunLog &log)
     return Outcome::EarlyExit;
 }
 
-// The pass, or one of the tool's modes, on the run's connection; the further connections of
-// --jobs are opened through the service under names of their own. The product's pass ends the
-// run with status 0 once its instance list is read; the tool's modes only when every unit was
-// done.
+// The pass, or one of the tool's modes, on the run's connection, then the verification when it
+// is asked for; the further connections of --jobs are opened through the service under names of
+// their own. The product's pass ends the run with status 0 once its instance list is read; the
+// tool's modes only when every unit was done.
 RunDriver::Outcome RunDriver::runPass(const Pass &pass)
 {
     const OperatorOptions &options = pass.options;
-    if (options.mode == RunMode::SkipRepair)
+    QSqlQuery query(pass.database);
+    switch (options.mode) {
+    case RunMode::SkipRepair:
         return Outcome::Done;
+    case RunMode::ListRuns:
+        return JournalCommands::listRuns(query, pass.log) ? Outcome::Done : Outcome::EarlyExit;
+    case RunMode::Forget:
+        return JournalCommands::forget(query, pass.log, options.run) ? Outcome::Done : Outcome::EarlyExit;
+    default:
+        break;
+    }
+    const bool repaired = options.mode == RunMode::VerifyOnly || runStrategy(pass, false);
+    if (!options.verify || Interrupts::instance().requested())
+        return repaired ? Outcome::Done : Outcome::EarlyExit;
+    const bool verified = runStrategy(pass, true);
+    return repaired && verified ? Outcome::Done : Outcome::EarlyExit;
+}
+
+// One mode's units on the engine; true when the mode's work is done as its exit status counts it.
+bool RunDriver::runStrategy(const Pass &pass, bool verify)
+{
+    const OperatorOptions &options = pass.options;
     RunLog &log = pass.log;
     const auto interrupted = [] { return Interrupts::instance().requested(); };
     Progress progress(log, pass.verbose,
         Progress::displayFor(Terminal::standardErrorIsTerminal(), Terminal::standardOutputIsTerminal()),
-        options.mode == RunMode::Batched);
+        options.mode == RunMode::Batched || options.mode == RunMode::Undo || verify);
     RunTally tally;
-    const std::unique_ptr<RepairStrategy> strategy = strategyFor(options.mode, log, pass.verbose, progress, tally);
+    RunJournal journal;
+    const std::unique_ptr<RepairStrategy> strategy = verify
+        ? std::make_unique<VerifyCheck>(log, progress, tally)
+        : strategyFor(options, log, pass.verbose, progress, tally, journal);
     RepairEngine::Connections connections;
     connections.open = [&pass](QSqlDatabase &extra, QString &name) {
         return pass.service.openConnection(extra, pass.dbName, name, true);
@@ -250,9 +286,8 @@ RunDriver::Outcome RunDriver::runPass(const Pass &pass)
     };
     connections.mainConnectionName = pass.connectionName;
     RepairEngine engine(pass.database, connections, tally, log, progress, interrupted);
-    if (!engine.run(*strategy, options.jobs, isToolMode(options.mode) && progress.shown()))
-        return Outcome::EarlyExit;
-    if (isToolMode(options.mode) && !tally.complete())
-        return Outcome::EarlyExit;
-    return Outcome::Done;
+    const bool toolMode = verify || isToolMode(options.mode);
+    if (!engine.run(*strategy, options.jobs, toolMode && progress.shown()))
+        return false;
+    return !toolMode || tally.complete();
 }

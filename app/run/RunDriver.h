@@ -43,5 +43,6 @@ private:
 
     Outcome runStages(int &argc, char **argv, core::CoreConfigLoader &loader, RunLog &log, QString &connectionName);
     static Outcome runPass(const Pass &pass);
+    static bool runStrategy(const Pass &pass, bool verify);
     static Outcome reportInterrupt(RunLog &log);
 };

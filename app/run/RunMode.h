@@ -8,6 +8,12 @@ enum class RunMode {
     ChangedOnly,
     Batched,
     DryRun,
+    // The journal's: take a journaled run back, list the runs, drop a run's original texts.
+    Undo,
+    ListRuns,
+    Forget,
+    // Only --verify: no repair before it.
+    VerifyOnly,
     // Any other argument list: the database is opened and nothing is changed.
     SkipRepair,
 };
@@ -15,5 +21,5 @@ enum class RunMode {
 // The modes beyond the product's own pass and its skip.
 inline bool isToolMode(RunMode mode)
 {
-    return mode == RunMode::ChangedOnly || mode == RunMode::Batched || mode == RunMode::DryRun;
+    return mode != RunMode::Repair && mode != RunMode::SkipRepair;
 }

@@ -3,6 +3,7 @@
 #include "app/repair/RepairStatements.h"
 #include "app/repair/UnitSizer.h"
 
+#include <QProcess>
 #include <QRegularExpression>
 #include <QSqlDatabase>
 #include <QSqlQuery>
@@ -226,6 +227,71 @@ TEST_F(ToolTest, ChangedOnlyLeavesTheProductsResultAndWritesOnlyTheRowsThatChang
     EXPECT_EQ(m_sandbox.runTool({u"--batched"_s}).exitCode, 0);
     EXPECT_EQ(sql(rewritten), QStringList({QString()})) << "a second batched run rewrites nothing";
     qunsetenv(UnitSizer::kBlocksVariable);
+
+    // --journal --verify: nothing of the journal's in the database before it, the product's table
+    // after it, and per instance the rows that still fail a jsonb cast (faults other than the three
+    // escapes). Then --undo, cut short by a kill and run again, brings every row back exactly (the
+    // lossy corner of four and more backslashes included) but one whose text was edited since,
+    // which is named; one whose other columns changed is found by its key. A second undo changes
+    // nothing; --forget drops the texts, and --undo then refuses.
+    const QString journal = u"SELECT count(*) FROM pg_namespace WHERE nspname = 'zentrix_normalizer'"_s;
+    EXPECT_EQ(sql(journal), QStringList({u"0"_s})) << "the runs without --journal made an object";
+    sql(restore
+        + u"; CREATE FUNCTION fails(t text) RETURNS bool AS $$ BEGIN PERFORM t::jsonb; RETURN false; EXCEPTION WHEN "
+          "others THEN RETURN true; END $$ LANGUAGE plpgsql"_s);
+    const ToolSandbox::Result journaled = m_sandbox.runTool({u"--journal"_s, u"--verify"_s, u"--jobs"_s, u"3"_s});
+    EXPECT_TRUE(journaled.out.contains("Journaled as run 1 in schema zentrix_normalizer")) << journaled.out.constData();
+    EXPECT_EQ(doneLines(journaled.out), changedPerInstance);
+    EXPECT_EQ(sql(u"SELECT count(*) FROM scan.file f JOIN by_product p USING (id) WHERE f.filetype_details IS "
+                  "DISTINCT FROM p.filetype_details"_s),
+        QStringList({u"0"_s}));
+    const QStringList verified = sql(u"SELECT 'Verified data: filetype_details, instance id: ' || i || ', rows that "
+                                     "fail a jsonb cast: ' || count(p.id) FILTER (WHERE fails(p.filetype_details)) "
+                                     "FROM generate_series(1, %1) i LEFT JOIN scan.file p ON p.instance_id = i AND "
+                                     "p.request_id > i GROUP BY i ORDER BY i"_s.arg(kListed));
+    EXPECT_EQ(QString::fromUtf8(journaled.out).split(u'\n').filter(u"Verified data"_s), verified);
+    EXPECT_EQ(journaled.exitCode, 1) << "some fuzzed rows fail the cast for other reasons";
+    const QStringList edited = sql(u"SELECT id FROM original o JOIN by_product p USING (id) WHERE "
+                                   "o.filetype_details <> p.filetype_details ORDER BY id DESC LIMIT 2"_s);
+    sql(u"UPDATE scan.file SET filetype_details = filetype_details || ' ' WHERE id = %1; UPDATE scan.file SET "
+        "request_id = request_id + 1000 WHERE id = %2; CREATE FUNCTION slow() RETURNS trigger AS $$ BEGIN PERFORM "
+        "pg_sleep(0.001); RETURN NEW; END $$ LANGUAGE plpgsql; CREATE TRIGGER slow BEFORE UPDATE ON scan.file FOR "
+        "EACH ROW EXECUTE FUNCTION slow()"_s.arg(edited[0], edited[1]));
+    const QString restored = u"SELECT count(*) FROM zentrix_normalizer.original WHERE restored"_s;
+    QProcess undo;
+    m_sandbox.startTool(undo, {u"--undo"_s, u"1"_s});
+    ASSERT_TRUE(eventually([&restored] { return sql(restored).value(0).toInt() > 100; }));
+    undo.kill();
+    undo.waitForFinished();
+    sql(u"DROP TRIGGER slow ON scan.file"_s);
+    const ToolSandbox::Result undone = m_sandbox.runTool({u"--undo"_s, u"1"_s, u"--jobs"_s, u"2"_s});
+    EXPECT_EQ(undone.exitCode, 1);
+    EXPECT_TRUE(undone.err.contains(", rows not restored: 1\n")) << undone.err.constData();
+    EXPECT_EQ(sql(u"SELECT string_agg(id::text, ' ') FROM scan.file f JOIN original o USING (id) WHERE "
+                  "f.filetype_details IS DISTINCT FROM o.filetype_details"_s),
+        QStringList({edited[0]}))
+        << "every row back as it was, but the one edited since";
+    EXPECT_TRUE(m_sandbox.runLog().contains(
+        u"Row not restored, run 1, data: filetype_details, row: id=%1. Its text is no longer"_s.arg(edited[0])));
+    sql(u"DROP TABLE before; CREATE TABLE before AS SELECT id, xmin::text AS x FROM scan.file"_s);
+    EXPECT_EQ(m_sandbox.runTool({u"--undo"_s, u"1"_s}).exitCode, 1);
+    EXPECT_EQ(sql(rewritten), QStringList({QString()})) << "a second undo changes nothing";
+    EXPECT_EQ(m_sandbox.runTool({u"--forget"_s, u"1"_s}).exitCode, 0);
+    const ToolSandbox::Result refused = m_sandbox.runTool({u"--undo=1"_s});
+    EXPECT_EQ(refused.exitCode, 1);
+    EXPECT_EQ(refused.err,
+        "ERROR: Run 1 was forgotten: its original texts were dropped (--forget), so it cannot be "
+        "undone.\n");
+    int total = 0;
+    for (const QString &line : changedPerInstance)
+        total += line.section(u' ', 1).toInt();
+    const ToolSandbox::Result runs = m_sandbox.runTool({u"--runs"_s});
+    EXPECT_EQ(runs.exitCode, 0);
+    EXPECT_TRUE(QString::fromUtf8(runs.out).contains(
+        QRegularExpression(u"\nRun 1: started [0-9: -]+, ended [0-9: -]+, forgotten, rows "
+                           "changed: %1, rows left: 0, rows restored: %2\n"_s.arg(total)
+                               .arg(total - 1))))
+        << runs.out.constData();
 
     // Rows of instance 2 that cannot be read: its count fails, the others are counted, and the
     // dry run names it with the server's reason and ends with status 1.

@@ -36,22 +36,25 @@ bool updateOfInstanceTwoRuns()
 // update: the tool is killed, or the server stopped in immediate mode, while instance 2's update
 // runs; each instance is then repaired whole or not at all. --batched, a batch per block, every
 // row slow: killed or interrupted once a quarter of the rows are repaired; each batch is then
-// committed whole or not at all, and the next run rewrites no row twice. Either way the next run
-// completes the job.
+// committed whole or not at all, and the next run rewrites no row twice. --journal killed: every
+// repaired row has its original recorded, and the next run resumes the run. Either way the next
+// run completes the job.
 TEST_F(ToolTest, AnInterruptedPassKeepsWhatItCommittedWholeAndTheNextRunCompletes)
 {
     enum End { Killed, ServerStopped, Interrupted };
     const struct {
         const char *name;
         End end;
-        bool batched;
-    } cases[] = {{"tool killed", Killed, false}, {"server stopped", ServerStopped, false},
-        {"batched, killed", Killed, true}, {"batched, interrupted", Interrupted, true}};
+        const char *option;
+    } cases[] = {{"tool killed", Killed, nullptr}, {"server stopped", ServerStopped, nullptr},
+        {"batched, killed", Killed, "--batched"}, {"batched, interrupted", Interrupted, "--batched"},
+        {"journaled, killed", Killed, "--journal"}};
     const QString fixed = u"SELECT count(*) FROM scan.file WHERE filetype_details = %1"_s.arg(quoted(kFixed));
     for (const auto &c : cases) {
         SCOPED_TRACE(c.name);
         if (c.end == ServerStopped && server().isExternal())
             continue;
+        const bool batched = c.option != nullptr;
         SetUp();
         addInstances({1, 2, 3});
         sql(u"INSERT INTO scan.file (instance_id, request_id, filetype_details) SELECT i, 100, %1 FROM "
@@ -61,13 +64,13 @@ TEST_F(ToolTest, AnInterruptedPassKeepsWhatItCommittedWholeAndTheNextRunComplete
             "THEN PERFORM pg_sleep(0.001); END IF; RETURN NEW; END $$ LANGUAGE plpgsql; CREATE TRIGGER slow BEFORE "
             "UPDATE ON scan.file FOR EACH ROW EXECUTE FUNCTION slow();"_s.arg(quoted(kBad))
                 .arg(kRowsPerInstance)
-                .arg(c.batched ? u"true"_s : u"false"_s));
-        const QStringList arguments = c.batched ? QStringList{u"--batched"_s} : QStringList();
+                .arg(batched ? u"true"_s : u"false"_s));
+        const QStringList arguments = batched ? QStringList{QLatin1String(c.option)} : QStringList();
         qputenv(UnitSizer::kBlocksVariable, "1");
         QProcess tool;
         m_sandbox.startTool(tool, arguments);
         qunsetenv(UnitSizer::kBlocksVariable);
-        if (c.batched)
+        if (batched)
             ASSERT_TRUE(eventually([&fixed] { return sql(fixed).value(0).toInt() >= 3 * kRowsPerInstance / 4; }));
         else
             ASSERT_TRUE(eventually(updateOfInstanceTwoRuns)) << "the update of instance 2 never ran";
@@ -96,17 +99,23 @@ TEST_F(ToolTest, AnInterruptedPassKeepsWhatItCommittedWholeAndTheNextRunComplete
                 "WARNING: Data normalization is failed, data: filetype_details, instance id: 2\n"));
             ASSERT_TRUE(server().start()) << server().error().toStdString();
         }
-        const QString whole = c.batched ? u"block FROM original JOIN scan.file USING (id) GROUP BY block"_s
-                                        : u"instance_id FROM scan.file GROUP BY instance_id"_s;
+        const QString whole = batched ? u"block FROM original JOIN scan.file USING (id) GROUP BY block"_s
+                                      : u"instance_id FROM scan.file GROUP BY instance_id"_s;
         EXPECT_EQ(
             sql(u"SELECT count(*) FROM (SELECT %1 HAVING count(DISTINCT filetype_details) > 1) torn"_s.arg(whole)),
             QStringList({u"0"_s}));
         EXPECT_LT(sql(fixed).value(0).toInt(), 3 * kRowsPerInstance);
         sql(u"DROP TRIGGER slow ON scan.file; CREATE TABLE before AS SELECT id, xmin::text AS x, filetype_details = "
             "%1 AS done FROM scan.file"_s.arg(quoted(kFixed)));
-        EXPECT_EQ(m_sandbox.runTool(arguments).exitCode, 0);
+        const bool journaled = arguments == QStringList{u"--journal"_s};
+        if (journaled)
+            EXPECT_EQ(sql(fixed), sql(u"SELECT count(*) FROM zentrix_normalizer.original"_s))
+                << "a repaired row without its original";
+        const ToolSandbox::Result next = m_sandbox.runTool(arguments);
+        EXPECT_EQ(next.exitCode, 0);
+        EXPECT_EQ(next.out.contains("Resuming run 1: "), journaled) << next.out.constData();
         EXPECT_EQ(sql(fixed), QStringList({QString::number(3 * kRowsPerInstance)}));
-        if (c.batched) {
+        if (batched) {
             EXPECT_EQ(
                 sql(u"SELECT count(*) FROM scan.file f JOIN before USING (id) WHERE done AND f.xmin::text <> x"_s),
                 QStringList({u"0"_s}))

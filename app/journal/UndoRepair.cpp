@@ -1,0 +1,236 @@
+#include "app/journal/UndoRepair.h"
+
+#include "app/journal/RunJournal.h"
+#include "app/output/Console.h"
+#include "app/output/Progress.h"
+#include "app/output/RunLog.h"
+#include "app/output/VerboseLog.h"
+#include "app/repair/InstanceLines.h"
+#include "app/repair/RepairStatements.h"
+#include "app/repair/ServerFailure.h"
+
+#include <QElapsedTimer>
+#include <QSqlError>
+#include <QSqlQuery>
+
+namespace {
+// Records are counted one by one: the sizer's "block" is one record.
+constexpr int kRecordsPerSlot = 1;
+const QString kNotRestored = QStringLiteral("Its text is no longer what the run wrote (changed since, or the row is "
+                                            "gone); it was left as it is.");
+} // namespace
+
+UndoRepair::UndoRepair(int run, RunLog &log, const VerboseLog &verbose, Progress &progress, RunTally &tally)
+    : m_run(run)
+    , m_log(log)
+    , m_verbose(verbose)
+    , m_progress(progress)
+    , m_tally(tally)
+{ }
+
+bool UndoRepair::refuse(const QString &line)
+{
+    Console::err(QStringLiteral("ERROR: ") + line);
+    m_log.writeLine(RunLog::Error, line);
+    return false;
+}
+
+bool UndoRepair::prepare(QSqlQuery &query)
+{
+    m_mainQuery = &query;
+    if (!RunJournal::exists(query))
+        return refuse(QStringLiteral("There is no journaled run in this database (no schema %1): --undo takes back a "
+                                     "run made with --journal.")
+                          .arg(RunJournal::kSchema));
+    if (!readRun(query))
+        return false;
+    if (!m_table.read(query, InstanceLines::kColumn) || !m_table.readRelations(query))
+        return refuse(QStringLiteral("--undo cannot read the shape of scan.file. %1").arg(m_table.error()));
+    if (m_table.hasKey()) {
+        m_relations = QStringList{QStringLiteral("scan.file")};
+    } else if (query.exec(QStringLiteral("SELECT DISTINCT relation FROM zentrix_normalizer.original WHERE run = %1 "
+                                         "ORDER BY 1")
+                              .arg(m_run))) {
+        while (query.next())
+            m_relations << query.value(0).toString();
+    }
+    if (!query.exec(QStringLiteral("UPDATE zentrix_normalizer.run SET state = %1 WHERE id = %2")
+                        .arg(RepairStatements::literal(RunJournal::kUndoing))
+                        .arg(m_run)))
+        return refuse(QStringLiteral("--undo cannot mark run %1 as being undone. %2")
+                          .arg(m_run)
+                          .arg(query.lastError().databaseText().simplified()));
+    m_sizer = std::make_unique<UnitSizer>(kRecordsPerSlot);
+    m_position = m_firstSeq;
+    m_progress.setTotal(std::max<qint64>(m_endSeq - m_firstSeq, 0) * std::max<int>(m_relations.size(), 1),
+        QStringLiteral("run %1's records").arg(m_run));
+    return true;
+}
+
+bool UndoRepair::readRun(QSqlQuery &query)
+{
+    if (!query.exec(
+            QStringLiteral("SELECT state, (SELECT min(seq) FROM zentrix_normalizer.original o WHERE o.run = "
+                           "r.id AND NOT o.restored), (SELECT max(seq) + 1 FROM zentrix_normalizer.original o "
+                           "WHERE o.run = r.id AND NOT o.restored) FROM zentrix_normalizer.run r WHERE r.id = %1")
+                .arg(m_run)))
+        return refuse(QStringLiteral("--undo cannot read run %1. %2")
+                          .arg(m_run)
+                          .arg(query.lastError().databaseText().simplified()));
+    if (!query.next())
+        return refuse(QStringLiteral("There is no journaled run %1 in this database; --runs lists them.").arg(m_run));
+    if (query.value(0).toString() == RunJournal::kForgotten)
+        return refuse(QStringLiteral("Run %1 was forgotten: its original texts were dropped (--forget), so it cannot "
+                                     "be undone.")
+                          .arg(m_run));
+    m_firstSeq = query.value(1).toLongLong();
+    m_endSeq = query.value(2).toLongLong();
+    return true;
+}
+
+bool UndoRepair::nextUnit(WorkUnit &unit)
+{
+    while (m_relation < m_relations.size() && m_position >= m_endSeq) {
+        ++m_relation;
+        m_position = m_firstSeq;
+    }
+    if (m_relation >= m_relations.size() || m_endSeq <= m_firstSeq)
+        return false;
+    unit = WorkUnit();
+    unit.kind = WorkUnit::Kind::Range;
+    unit.relation = m_relation;
+    unit.first = m_position;
+    unit.end = std::min(m_position + m_sizer->size(), m_endSeq);
+    m_position = unit.end;
+    return true;
+}
+
+QString UndoRepair::step(const WorkUnit &unit) const
+{
+    return QStringLiteral("records %1 to %2 of run %3").arg(unit.first).arg(unit.end - 1).arg(m_run);
+}
+
+QString UndoRepair::records(const WorkUnit &unit) const
+{
+    QString where = QStringLiteral("run = %1 AND seq >= %2 AND seq < %3 AND NOT restored")
+                        .arg(m_run)
+                        .arg(unit.first)
+                        .arg(unit.end);
+    if (!m_table.hasKey())
+        where += QStringLiteral(" AND relation = %1").arg(RepairStatements::literal(m_relations[unit.relation]));
+    return where;
+}
+
+// A record is restored only where the row's text is still the one the run wrote; the record is
+// marked in the same statement.
+QString UndoRepair::statement(const WorkUnit &unit) const
+{
+    const QString column = InstanceLines::kColumn;
+    const QString match = m_table.hasKey() ? m_table.keyMatch(QStringLiteral("f"), QStringLiteral("j.key"))
+                                           : QStringLiteral("f.ctid = j.version");
+    return QStringLiteral("WITH j AS (SELECT seq, key, version, written, original FROM zentrix_normalizer.original "
+                          "WHERE %1), restored AS (UPDATE %2 f SET %3 = j.original FROM j WHERE %4 AND md5(f.%3::text) "
+                          "= j.written RETURNING j.seq, f.instance_id), mark AS (UPDATE zentrix_normalizer.original o "
+                          "SET restored = true FROM restored r WHERE o.seq = r.seq) SELECT instance_id, count(*) FROM "
+                          "restored GROUP BY instance_id")
+        .arg(records(unit), m_relations[unit.relation], column, match);
+}
+
+RepairStrategy::Result UndoRepair::run(QSqlQuery &query, const WorkUnit &unit)
+{
+    QElapsedTimer elapsed;
+    elapsed.start();
+    query.setForwardOnly(true);
+    Result result;
+    result.ok = query.exec(statement(unit));
+    qint64 restored = 0;
+    while (result.ok && query.next()) {
+        result.changed[query.value(0).toString()] += query.value(1).toLongLong();
+        restored += query.value(1).toLongLong();
+    }
+    result.ok = result.ok && query.lastError().type() == QSqlError::NoError;
+    if (m_verbose.enabled())
+        m_verbose.line(QStringLiteral("%1: %2 s, rows restored: %3")
+                           .arg(step(unit), QString::number(elapsed.elapsed() / 1000.0, 'f', 3))
+                           .arg(restored));
+    if (!result.ok)
+        return result;
+    m_sizer->measured(unit.end - unit.first, elapsed.elapsed());
+    m_progress.advance(unit.end - unit.first, restored);
+    leaveUnrestored(query, unit, result);
+    return result;
+}
+
+void UndoRepair::leaveUnrestored(QSqlQuery &query, const WorkUnit &unit, Result &result) const
+{
+    if (!query.exec(QStringLiteral("SELECT key, version, relation FROM zentrix_normalizer.original WHERE %1")
+                        .arg(records(unit))))
+        return;
+    while (query.next()) {
+        QString name;
+        if (m_table.hasKey()) {
+            // The text form of a text array: {a,b}, elements quoted where needed.
+            QString values = query.value(0).toString();
+            values = values.mid(1, values.size() - 2);
+            name = m_table.keyName(values.split(QLatin1Char(',')));
+        } else {
+            name = QStringLiteral("ctid %1 in %2").arg(query.value(1).toString(), query.value(2).toString());
+        }
+        result.left.append({QString(), name, kNotRestored});
+        m_log.writeLine(RunLog::Warning,
+            QStringLiteral("Row not restored, run %1, data: %2, row: %3. %4")
+                .arg(m_run)
+                .arg(InstanceLines::kColumn, name, kNotRestored));
+    }
+}
+
+QVector<WorkUnit> UndoRepair::split(QSqlQuery &, const WorkUnit &unit)
+{
+    if (unit.end - unit.first < 2)
+        return {};
+    WorkUnit first = unit;
+    WorkUnit second = unit;
+    first.end = second.first = unit.first + (unit.end - unit.first) / 2;
+    return {first, second};
+}
+
+bool UndoRepair::leave(QSqlQuery &, const WorkUnit &unit, const ServerFailure &failure)
+{
+    const QString what = QStringLiteral("records %1 to %2 of run %3").arg(unit.first).arg(unit.end - 1).arg(m_run);
+    m_tally.fail(what, failure.words());
+    m_log.writeLine(RunLog::Warning,
+        QStringLiteral("Not restored, data: %1: %2. %3").arg(InstanceLines::kColumn, what, failure.words()));
+    return true;
+}
+
+void UndoRepair::report(bool interrupted)
+{
+    const qint64 restored = m_tally.totalChanged();
+    const int left = m_tally.leftRows().size();
+    const bool over = !interrupted && m_tally.stopReason().isEmpty();
+    const QString line = QStringLiteral("Undo of run %1%2, data: %3, rows restored: %4, rows not restored: %5")
+                             .arg(m_run)
+                             .arg(over ? QStringLiteral(" is done") : QStringLiteral(" was cut short"))
+                             .arg(InstanceLines::kColumn)
+                             .arg(restored)
+                             .arg(left);
+    if (over && m_tally.complete()) {
+        Console::out(line);
+        m_log.writeLine(RunLog::Info, line);
+    } else {
+        Console::err(QStringLiteral("WARNING: ") + line);
+        m_log.writeLine(RunLog::Warning, line);
+    }
+    if (!m_tally.stopReason().isEmpty()) {
+        const QString stop = QStringLiteral("The run stopped before its end: %1").arg(m_tally.stopReason());
+        Console::err(QStringLiteral("ERROR: ") + stop);
+        m_log.writeLine(RunLog::Error, stop);
+    }
+    // A killed or interrupted undo stays "undoing"; the next --undo of the run finishes it.
+    if (over && m_mainQuery)
+        m_mainQuery->exec(QStringLiteral("UPDATE zentrix_normalizer.run SET state = %1, rows_restored = (SELECT "
+                                         "count(*) FROM zentrix_normalizer.original WHERE run = %2 AND restored) "
+                                         "WHERE id = %2")
+                              .arg(RepairStatements::literal(RunJournal::kUndone))
+                              .arg(m_run));
+}

@@ -1,0 +1,56 @@
+#pragma once
+
+#include "app/repair/RepairStrategy.h"
+#include "app/repair/ScanTable.h"
+#include "app/repair/UnitSizer.h"
+
+#include <QStringList>
+
+#include <memory>
+#include <mutex>
+
+class Progress;
+class RunLog;
+class VerboseLog;
+
+// --undo N: brings the rows journaled run N changed back to their original text, in committed
+// units of its journal's records, and only where a row's text is still what run N wrote. Each
+// restored record is marked in the statement that restores it, so a killed undo is finished by
+// the next, and a second one changes nothing. A row whose text changed since is left and named;
+// one whose other columns changed since is still found by its primary key.
+class UndoRepair : public RepairStrategy
+{
+public:
+    UndoRepair(int run, RunLog &log, const VerboseLog &verbose, Progress &progress, RunTally &tally);
+
+    bool prepare(QSqlQuery &query) override;
+    bool nextUnit(WorkUnit &unit) override;
+    Result run(QSqlQuery &query, const WorkUnit &unit) override;
+    QString step(const WorkUnit &unit) const override;
+    QVector<WorkUnit> split(QSqlQuery &query, const WorkUnit &unit) override;
+    bool leave(QSqlQuery &query, const WorkUnit &unit, const ServerFailure &failure) override;
+    void report(bool interrupted) override;
+
+private:
+    bool refuse(const QString &line);
+    bool readRun(QSqlQuery &query);
+    QString statement(const WorkUnit &unit) const;
+    // The records of the unit that are still not restored: each a row left, named.
+    void leaveUnrestored(QSqlQuery &query, const WorkUnit &unit, Result &result) const;
+    QString records(const WorkUnit &unit) const;
+
+    const int m_run;
+    RunLog &m_log;
+    const VerboseLog &m_verbose;
+    Progress &m_progress;
+    RunTally &m_tally;
+    ScanTable m_table;
+    QSqlQuery *m_mainQuery = nullptr;
+    // Without a primary key, records are restored relation by relation, by row version.
+    QStringList m_relations;
+    qint64 m_firstSeq = 0;
+    qint64 m_endSeq = 0;
+    int m_relation = 0;
+    qint64 m_position = 0;
+    std::unique_ptr<UnitSizer> m_sizer;
+};

@@ -1,0 +1,42 @@
+#pragma once
+
+#include "app/repair/ScanTable.h"
+#include "app/repair/UnitSizer.h"
+#include "app/repair/WorkUnit.h"
+
+#include <QHash>
+#include <QPair>
+#include <QVector>
+
+// Hands out a run's ranges of row versions through the relations that hold scan.file's rows,
+// one after the other, each as large as the sizer says, none inside a range already done.
+// Blocks appended while the run goes on (rows the product writes, new versions of the rows the
+// run rewrites) are left to the next run. Called by one connection at a time.
+class RangeCursor
+{
+public:
+    using Ranges = QVector<QPair<qint64, qint64>>;
+
+    explicit RangeCursor(const ScanTable &table);
+
+    qint64 totalSlots() const { return m_totalSlots; }
+    // Ranges of a relation that are done already; the slots they hold.
+    qint64 skip(int relation, const Ranges &ranges);
+    // The next range; false when the relations are done.
+    bool next(WorkUnit &unit);
+    UnitSizer &sizer() { return m_sizer; }
+
+    QString tidOf(qint64 slot) const;
+    // "(a,b) to (c,d) of <relation>".
+    QString text(const WorkUnit &unit) const;
+
+private:
+    qint64 endOf(int relation) const;
+
+    const ScanTable &m_table;
+    UnitSizer m_sizer;
+    qint64 m_totalSlots = 0;
+    QHash<int, Ranges> m_done;
+    int m_relation = 0;
+    qint64 m_position = 0;
+};
