@@ -131,7 +131,8 @@ bool RepairEngine::take(WorkUnit &unit)
             m_now.pop_front();
             break;
         }
-        if (!m_listDone && m_strategy->nextUnit(unit)) {
+        // Asked again each time: a mode may learn from a unit done that it has more.
+        if (m_strategy->nextUnit(unit)) {
             addLocked(unit);
             break;
         }

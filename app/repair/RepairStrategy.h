@@ -32,8 +32,8 @@ public:
     // Reads what the mode needs before its first unit; false ends the run, the mode having said
     // why on the console and in the run log.
     virtual bool prepare(QSqlQuery &query) = 0;
-    // The next unit of the mode's own list; false when there is none left. Called by one
-    // connection at a time.
+    // The next unit of the mode's own list; false when there is none for now (a unit in flight
+    // may still lead to more). Called by one connection at a time.
     virtual bool nextUnit(WorkUnit &unit) = 0;
     virtual Result run(QSqlQuery &query, const WorkUnit &unit) = 0;
     // The progress line's text for a unit in flight.

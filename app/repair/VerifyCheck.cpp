@@ -8,10 +8,13 @@
 #include "app/repair/ServerFailure.h"
 #include "app/run/LibpqHandle.h"
 
+#include <QElapsedTimer>
 #include <QSqlError>
 #include <QSqlQuery>
 
 namespace {
+// The SQLSTATE class of a text the cast refuses.
+const QString kDataException = QStringLiteral("22");
 const QString kFunction = QStringLiteral(
     "CREATE OR REPLACE FUNCTION pg_temp.zentrix_jsonb_error(t text) RETURNS text LANGUAGE plpgsql AS $$ BEGIN "
     "PERFORM t::jsonb; RETURN NULL; EXCEPTION WHEN others THEN RETURN SQLERRM; END $$");
@@ -50,11 +53,21 @@ bool VerifyCheck::prepare(QSqlQuery &query)
 
 bool VerifyCheck::nextUnit(WorkUnit &unit)
 {
-    return m_cursor && m_cursor->next(unit);
+    if (!m_cursor)
+        return false;
+    if (!m_wholeTried) {
+        m_wholeTried = true;
+        unit = WorkUnit();
+        unit.kind = WorkUnit::Kind::AllInstances;
+        return true;
+    }
+    return m_byRanges && m_cursor->next(unit);
 }
 
 QString VerifyCheck::step(const WorkUnit &unit) const
 {
+    if (unit.kind == WorkUnit::Kind::AllInstances)
+        return QStringLiteral("verifying every row at once");
     return QStringLiteral("verifying ") + m_cursor->text(unit);
 }
 
@@ -73,20 +86,54 @@ bool VerifyCheck::prepareSession(QSqlQuery &query)
     return true;
 }
 
+// A range is first cast whole, which costs the server little when every text casts; only a range
+// where one fails is read again row by row, each cast's error caught.
 RepairStrategy::Result VerifyCheck::run(QSqlQuery &query, const WorkUnit &unit)
 {
+    if (unit.kind == WorkUnit::Kind::AllInstances)
+        return castAll(query);
     Result result;
-    if (!prepareSession(query))
-        return result;
-    const QString statement = QStringLiteral(
-        "SELECT instance_id::text, ctid::text, e FROM (SELECT instance_id, ctid, "
-        "pg_temp.zentrix_jsonb_error(%1::text) AS e FROM %2 WHERE %3 AND %4) checked WHERE e IS NOT NULL");
-    query.setForwardOnly(true);
-    result.ok = query.exec(statement.arg(InstanceLines::kColumn, m_table.relations()[unit.relation].name,
-        RepairStatements::tidRange(m_cursor->tidOf(unit.first), m_cursor->tidOf(unit.end)),
-        RepairStatements::inRange(m_instances.ids())));
-    if (!result.ok)
-        return result;
+    QElapsedTimer elapsed;
+    elapsed.start();
+    const QString relation = m_table.relations()[unit.relation].name;
+    const QString where = RepairStatements::tidRange(m_cursor->tidOf(unit.first), m_cursor->tidOf(unit.end))
+        + QStringLiteral(" AND ") + RepairStatements::inRange(m_instances.ids());
+    result.ok = query.exec(
+        QStringLiteral("SELECT count(%1::text::jsonb) FROM %2 WHERE %3").arg(InstanceLines::kColumn, relation, where));
+    if (!result.ok) {
+        if (!prepareSession(query))
+            return result;
+        query.setForwardOnly(true);
+        result.ok = query.exec(QStringLiteral("SELECT instance_id::text, ctid::text, e FROM (SELECT instance_id, ctid, "
+                                              "pg_temp.zentrix_jsonb_error(%1::text) AS e FROM %2 WHERE %3) checked "
+                                              "WHERE e IS NOT NULL")
+                                   .arg(InstanceLines::kColumn, relation, where));
+        if (!result.ok)
+            return result;
+        nameFailing(query, relation);
+    }
+    m_cursor->sizer().measured(unit.end - unit.first, elapsed.elapsed());
+    m_progress.advance(unit.end - unit.first, 0);
+    return result;
+}
+
+// A cast that fails is no failure of the unit: it says the table must be read range by range.
+RepairStrategy::Result VerifyCheck::castAll(QSqlQuery &query)
+{
+    Result result;
+    result.ok = query.exec(QStringLiteral("SELECT count(%1::text::jsonb) FROM scan.file WHERE %2")
+                               .arg(InstanceLines::kColumn, RepairStatements::inRange(m_instances.ids())));
+    if (!result.ok && query.lastError().nativeErrorCode().startsWith(kDataException)) {
+        m_byRanges = true;
+        result.ok = true;
+    }
+    if (result.ok && !m_byRanges)
+        m_progress.advance(m_cursor->totalSlots(), 0);
+    return result;
+}
+
+void VerifyCheck::nameFailing(QSqlQuery &query, const QString &relation)
+{
     QList<QPair<QString, QPair<QString, QString>>> toName;
     while (query.next()) {
         const QString instance = query.value(0).toString();
@@ -95,14 +142,11 @@ RepairStrategy::Result VerifyCheck::run(QSqlQuery &query, const WorkUnit &unit)
             toName.append({instance, {query.value(1).toString(), query.value(2).toString()}});
     }
     for (const auto &row : toName) {
-        const ScanTable::Row described
-            = m_table.describeRow(query, m_table.relations()[unit.relation].name, row.second.first);
+        const ScanTable::Row described = m_table.describeRow(query, relation, row.second.first);
         m_log.writeLine(RunLog::Warning,
             QStringLiteral("Row that fails a jsonb cast, data: %1, instance id: %2, row: %3. %4")
                 .arg(InstanceLines::kColumn, row.first, described.name, row.second.second));
     }
-    m_progress.advance(unit.end - unit.first, 0);
-    return result;
 }
 
 bool VerifyCheck::leave(QSqlQuery &, const WorkUnit &unit, const ServerFailure &failure)

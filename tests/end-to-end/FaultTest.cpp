@@ -272,7 +272,7 @@ TEST_F(ToolTest, TheToolsModesFinishTheirJobUnderFieldFaults)
     constexpr int kRows = 600;
     // A damaged row in the middle of instance 2.
     const QString middle = QString::number(kRows + kRows / 2);
-    enum Disturbance { None, Terminate, Restart, HoldRow, HoldPartition };
+    enum Disturbance { None, Terminate, Restart, HoldRow, HoldPartition, ReadOnly };
     const auto slowRows = [] {
         sql(u"CREATE FUNCTION slow() RETURNS trigger AS $$ BEGIN PERFORM pg_sleep(0.005); RETURN NEW; END $$ LANGUAGE "
             "plpgsql; CREATE TRIGGER slow BEFORE UPDATE ON scan.file FOR EACH ROW EXECUTE FUNCTION slow()"_s);
@@ -326,6 +326,9 @@ TEST_F(ToolTest, TheToolsModesFinishTheirJobUnderFieldFaults)
         {"a row stays locked", {{"--batched", "--jobs", "2"}, {"--changed-only"}}, [] {}, HoldRow, 1, 1,
             "[WARNING] <ts>: Row left unrepaired, data: filetype_details, instance id: 2, row: id=%1. The row is "
             "locked by server process "},
+        // A fault every statement meets stops the run at once, with the server's words.
+        {"a read-only database", {{"--batched", "--jobs", "2"}, {"--changed-only"}}, [] {}, ReadOnly, 1, 360,
+            "[ERROR\t] <ts>: The run stopped before its end: ERROR: cannot execute SELECT in a read-only transaction"},
         {"a partitioned table", {{"--batched", "--jobs", "2"}, {"--changed-only"}}, partitioned, None, 0, 0,
             "Data normalization is done, data: filetype_details, instance id: 3, rows changed: 120"},
         // A partition locked against writes all through the run (a DDL left open): its ranges are
@@ -361,6 +364,8 @@ TEST_F(ToolTest, TheToolsModesFinishTheirJobUnderFieldFaults)
                             ? u"SELECT 1 FROM scan.file WHERE id = %1 FOR UPDATE"_s.arg(middle)
                             : u"LOCK TABLE scan.file_1 IN EXCLUSIVE MODE"_s));
             }
+            if (c.disturbance == ReadOnly)
+                sql(u"ALTER DATABASE product SET default_transaction_read_only = on"_s);
             qputenv("ZENTRIX_LOCK_WAIT_MS", "300");
             QProcess tool;
             m_sandbox.startTool(tool, arguments);
