@@ -122,6 +122,7 @@ private:
     void settlePaths();
     bool accountMayRunServer() const;
     bool prepareLocalServer(bool writeServerConfig);
+    bool pathsWorkable(bool creatingCluster);
     bool ensureCluster();
     bool ensureRunning();
     bool waitUntilReady();
@@ -131,6 +132,7 @@ private:
     // Records why waiting cannot help: a refusal the server repeats on every try.
     bool refusedForGood(const QString &maintenanceError);
     bool portTakenByAnother();
+    bool serviceTakenByAnother();
     bool startFailed();
     void runUpgradeCheck(QString &connectionName);
     void configureHandle(QSqlDatabase &database, const QString &dbName) const;

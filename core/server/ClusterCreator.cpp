@@ -91,6 +91,12 @@ bool ClusterCreator::create()
     // The product counts a started initdb as a success, but only a finished cluster takes the
     // data directory's place; the status check that follows then fails on a missing one.
     const bool succeeded = process.exitStatus() == QProcess::NormalExit && process.exitCode() == 0;
+    const bool interrupted = interruptible && m_settings.interrupted();
+    if (!succeeded && !interrupted)
+        m_failure = QStringLiteral("initdb ended with status %1%2")
+                        .arg(process.exitCode())
+                        .arg(errors.isEmpty() ? QString()
+                                              : QStringLiteral(": ") + QString::fromLocal8Bit(errors).simplified());
     if (!succeeded)
         m_relay.reason(QStringLiteral("create the database cluster in ") + m_settings.dataDirectory,
             errors.isEmpty() ? QStringLiteral("initdb ended with status %1").arg(process.exitCode())

@@ -255,6 +255,21 @@ TEST_F(LocalServerTest, ADataDirectoryWithOnlyHiddenEntriesIsMadeAnewAndANonEmpt
         + u" holds files but no complete database cluster (PG_VERSION or global/pg_control is missing). Move it "
           "aside, or remove it once it holds nothing you need; the next run then creates the cluster anew.\n"
           "[ERROR\t] <ts>: Failed to init Postgres service\n"_s));
+
+    // A cluster that initdb refuses to make is said with initdb's reason; nothing is kept.
+    QDir(m_installation.pgData()).removeRecursively();
+    ASSERT_TRUE(m_installation.provision(m_installation.port(), u"product"_s, u"local"_s, {u"user=pg_refused"_s}));
+    m_installation.handOverInstallation();
+    QFile::remove(m_installation.runLogPath());
+    EXPECT_EQ(m_installation.runTool().exitCode, 1);
+    EXPECT_TRUE(QRegularExpression(
+        u"^\\[ERROR\t\\] <ts>: initdb made no database cluster in %1: initdb ended with "
+        "status 1: [^\n]*\"pg_refused\"[^\n]*\\. Nothing was kept; remove the cause it "
+        "names and run again\\.\n\\[ERROR\t\\] <ts>: Failed to init Postgres service\n$"_s.arg(m_installation.pgData()))
+                    .match(m_installation.runLog())
+                    .hasMatch())
+        << m_installation.runLog().toStdString();
+    EXPECT_FALSE(QFileInfo::exists(m_installation.pgData()));
 }
 
 // Whatever holds the installation's port while its own server is down ends the run at once,
