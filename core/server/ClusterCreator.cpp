@@ -1,5 +1,6 @@
 #include "core/server/ClusterCreator.h"
 
+#include "core/secrets/SecretFile.h"
 #include "core/server/FreshFile.h"
 #include "core/server/process/PostgresProcess.h"
 
@@ -44,7 +45,9 @@ bool ClusterCreator::create()
     const QString passwordPath = ClusterCreator::passwordPath(m_settings.installDirectory);
     const QString work = workDirectory(m_settings.dataDirectory);
     // Only the server's account may read the password, and only while initdb runs.
-    if (!FreshFile::write(passwordPath, m_settings.password.toUtf8(), FreshFile::kOwnerOnly)) {
+    if (!FreshFile::write(passwordPath, m_settings.password.toUtf8(), FreshFile::kOwnerOnly)
+        || !SecretFile::restrictAccess(passwordPath)) {
+        QFile::remove(passwordPath);
         m_relay.log(QStringLiteral("Can not open file for write"), passwordPath, PostgresLogLevel::Error);
         return false;
     }
