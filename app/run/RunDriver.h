@@ -45,4 +45,7 @@ private:
     Outcome runStages(int &argc, char **argv, core::CoreConfigLoader &loader, RunLog &log, QString &connectionName);
     static Outcome runPass(const Pass &pass);
     static Outcome reportInterrupt(RunLog &log);
+
+    // Where the configuration was found, when not where it is looked for first.
+    QString m_configurationNote;
 };
