@@ -7,3 +7,13 @@ bool Terminal::standardErrorIsTerminal()
     DWORD mode = 0;
     return GetConsoleMode(GetStdHandle(STD_ERROR_HANDLE), &mode) != 0;
 }
+
+bool Terminal::writeToConsole(Stream stream, const QString &text)
+{
+    const HANDLE handle = GetStdHandle(stream == Stream::Error ? STD_ERROR_HANDLE : STD_OUTPUT_HANDLE);
+    DWORD mode = 0;
+    if (GetConsoleMode(handle, &mode) == 0)
+        return false;
+    DWORD written = 0;
+    return WriteConsoleW(handle, text.utf16(), static_cast<DWORD>(text.size()), &written, nullptr) != 0;
+}

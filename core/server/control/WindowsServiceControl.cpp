@@ -143,10 +143,11 @@ void WindowsServiceControl::start()
     }
     runToCompletion(QStringLiteral("net"), {QStringLiteral("start"), kService});
     // "net start" returns once the service runs or has stopped again, so a server that could
-    // not start is known at once, unless the service is still on its way.
+    // not start is known at once, unless the service is still on its way (Wine's stays so for
+    // good once its server has given up, which the server's log then says).
     const QDeadlineTimer limit(m_limits.startPendingMs);
     while (status() == kNotRunning) {
-        if (!starting() || limit.hasExpired()) {
+        if (!m_serverLog.complaintsSinceMark().isEmpty() || !starting() || limit.hasExpired()) {
             setStartFailure();
             return;
         }

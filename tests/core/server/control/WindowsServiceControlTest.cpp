@@ -77,9 +77,10 @@ TEST(WindowsServiceControlTest, CommandLinesOfRegisterAndStart)
     const auto &script = installation.script;
     installation.control->registerService();
     // A server that stops again at once is known from the status after "net start", with the
-    // complaint its own log holds.
+    // complaint its own log holds, even while the service still says it starts.
     const QString serverLog = pgData + u"/log/postgresql.log"_s;
     ToolSandbox::write(serverLog, "LOG:  a FATAL: of an earlier start\n");
+    script->outputs.insert(u"sc query"_s, "        STATE              : 2  START_PENDING \r\n");
     script->hooks.insert(u"net start"_s, [&serverLog] {
         QFile log(serverLog);
         log.open(QIODevice::Append);
@@ -98,13 +99,11 @@ TEST(WindowsServiceControlTest, CommandLinesOfRegisterAndStart)
             u"sc|description|zentrix-postgresql|Sentrova Core PostgreSQL Service @-1"_s,
             u"sc|config|zentrix-postgresql|displayname=|Tarvex Sentrova Core PostgreSQL @-1"_s,
             u"net|start|zentrix-postgresql @-1"_s, pgCtl + "|status|-D|" + pgData + " @30000",
-            u"sc|query|zentrix-postgresql @-1"_s, pgCtl + "|status|-D|" + pgData + " @30000",
-            u"sc|query|zentrix-postgresql @-1"_s}));
+            pgCtl + "|status|-D|" + pgData + " @30000", u"sc|query|zentrix-postgresql @-1"_s}));
     // A service still starting once "net start" has returned (Wine's returns at once) is waited
     // for; one that never starts, only for the limit, and its failure names the server's log.
     script->hooks.clear();
     script->lines.clear();
-    script->outputs.insert(u"sc query"_s, "        STATE              : 2  START_PENDING \r\n");
     script->hooks.insert(u"sc query"_s, [&script] { script->exitCodes.insert(u"pg_ctl.exe status"_s, 0); });
     installation.control->start();
     EXPECT_EQ(installation.control->startFailure(), QString()) << "a server that came up";
