@@ -115,28 +115,35 @@ first="File log: C:/$data_folder/logs/data_normalizer-$(date +%Y%m%d).log"
     ! "$wine" "$windows_folder\\zentrix-data-normalizer.exe" >/dev/null 2>&1)
 grep -qF "Cannot connect to Postgres server: fenêtre" "$work/fresh/drive_c/$data_folder/logs/"*.log ||
     { echo "the database name is not in the run log in UTF-8" >&2; failed=1; }
+# On a console it is the characters it is: Wine shows a console's text on its terminal in UTF-8.
+on_console=$(cd "$work/fresh/drive_c" && script -qc "'$wine' 'C:\\zentrix\\$(basename "$zip_file" .zip)\\zentrix-data-normalizer.exe' --help" /dev/null |
+    sed 's/\x1b\[[^a-zA-Z]*[a-zA-Z]//g' | tr -d '\r')
+grep -qF "C:/$data_folder/logs" <<<"$on_console" || { echo "the console does not show $data_folder: $on_console" >&2; failed=1; }
 [ "$failed" -eq 0 ] && echo "Windows zip: repaired like the Linux build (rows, console, run log)"
 
 # The local path: PostgreSQL's own Windows programs in the installation, the service driven
-# through Wine's sc and net. The first run makes the cluster and the service and finds no product
-# database; once the product has made it, the next run repairs and stops the service again.
+# through Wine's sc and net, a data folder outside ASCII and with a blank. The first run makes
+# the cluster and the service and finds no product database; once the product has made it, the
+# next run repairs and stops the service again. Then a service of the same name registered for
+# another data folder, and an installation folder outside ASCII without a cluster, are refused.
 make_wine_prefix "$work/local"
 drive="$work/local/drive_c"
 unzip -q "$zip_file" -d "$drive/zentrix"
 install="$drive/zentrix/$(basename "$zip_file" .zip)"
-mkdir -p "$install/postgres" "$drive/zentrix-data/logs"
+data="$drive/ProgramData/Tarvex/Données Bravik"
+mkdir -p "$install/postgres" "$data/logs"
 cp -r "$sdk/postgresql/"{bin,lib,share} "$install/postgres/"
 cp "$install/"*.dll "$install/postgres/bin/"
 reg "$key" /v InstallationFolder /t REG_SZ /d "$windows_folder"
 reg "$key\\global" /v restaddress /t REG_SZ /d 127.0.0.1
 reg "$key\\global" /v restport /t REG_SZ /d 8008
-reg "$key\\internal" /v data_directory /t REG_SZ /d 'C:\zentrix-data'
+reg "$key\\internal" /v data_directory /t REG_SZ /d 'C:\ProgramData\Tarvex\Données Bravik'
 local_port=$(free_port 47400)
 local_run() { (cd "$drive" && "$wine" "$windows_folder\\$1" "${@:2}"); }
 local_run zentrix-dbinfo.exe set host=127.0.0.1 port="$local_port" user=zentrix password=local-pw type=local \
     dbname=product >/dev/null
 local_sql() { env PGPASSWORD=local-pw "$pgbin/psql" -h 127.0.0.1 -p "$local_port" -U zentrix -qAt "$@"; }
-pg_data='C:\zentrix-data\pg_data'
+pg_data='C:\ProgramData\Tarvex\Données Bravik\pg_data'
 # The product's own use of its server, outside the tool's runs.
 product_server() {
     if [ "$1" = start ]; then
@@ -146,11 +153,11 @@ product_server() {
     fi
     local_run 'postgres\bin\pg_ctl.exe' stop -D "$pg_data" -m fast >/dev/null
 }
-local_log="$drive/zentrix-data/logs/data_normalizer-$(date +%Y%m%d).log"
+local_log="$data/logs/data_normalizer-$(date +%Y%m%d).log"
 local_failed() { echo "local server under Wine: $1" >&2; failed=1; }
 if local_run zentrix-data-normalizer.exe >/dev/null 2>&1; then local_failed "the first run found a database"; fi
 grep -qF "Cannot connect to Postgres server: product" "$local_log" || local_failed "no connection failure logged"
-[ -f "$drive/zentrix-data/pg_data/PG_VERSION" ] || local_failed "no cluster made"
+[ -f "$data/pg_data/PG_VERSION" ] || local_failed "no cluster made"
 ! "$pgbin/pg_isready" -q -h 127.0.0.1 -p "$local_port" || local_failed "the first run left the server running"
 product_server start
 local_sql postgres -c "CREATE DATABASE product"
@@ -164,5 +171,20 @@ product_server start
 [ "$(local_sql product -c "SELECT filetype_details FROM scan.file")" = '{"a":"\\ud800"}' ] ||
     local_failed "the row was not repaired"
 product_server stop
-[ "$failed" -eq 0 ] && echo "Windows local server: cluster made, service started, rows repaired, service stopped"
+other='"C:\other\pg_ctl.exe" runservice -N "zentrix-postgresql" -D "C:\Other Data\pg_data"'
+"$wine" sc create zentrix-postgresql binPath= "$other" >/dev/null
+if local_run zentrix-data-normalizer.exe >/dev/null 2>&1; then local_failed "another installation's service was used"; fi
+grep -qF 'belongs to another installation: it runs the database server of C:\Other Data\pg_data' "$local_log" ||
+    local_failed "no run-log line names the other installation's service"
+"$wine" sc query zentrix-postgresql >/dev/null || local_failed "another installation's service was unregistered"
+"$wine" sc delete zentrix-postgresql >/dev/null
+mkdir -p "$drive/zentrix/Bravík" "$drive/fresh-data/logs"
+cp "$install"/zentrix_postgres.{dat,cat} "$drive/zentrix/Bravík/"
+reg "$key" /v InstallationFolder /t REG_SZ /d 'C:\zentrix\Bravík'
+reg "$key\\internal" /v data_directory /t REG_SZ /d 'C:\fresh-data'
+if local_run zentrix-data-normalizer.exe >/dev/null 2>&1; then local_failed "an installation outside ASCII ran"; fi
+grep -qF "initdb cannot create the database cluster from the installation folder C:\zentrix\Bravík" \
+    "$drive/fresh-data/logs/"*.log || local_failed "no run-log line refuses the installation folder"
+[ "$(ls "$drive/fresh-data")" = logs ] || local_failed "something was made for an installation outside ASCII"
+[ "$failed" -eq 0 ] && echo "Windows local server: cluster made, service started, rows repaired, service stopped; another's service and an installation outside ASCII refused"
 exit "$failed"
