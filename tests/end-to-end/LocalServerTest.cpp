@@ -93,12 +93,10 @@ protected:
     {
         ASSERT_EQ(m_installation.serverCtl({u"start"_s}), 0);
         m_installation.sql(u"CREATE DATABASE product"_s, u"postgres"_s);
-        m_installation.sql(u"CREATE SCHEMA warehouse; CREATE TABLE warehouse.control_refresh (instance_id int, "
-                           "last_request_id bigint); CREATE SCHEMA scan; CREATE TABLE scan.file (id serial, "
-                           "instance_id int, request_id bigint, filetype_details text); INSERT INTO "
-                           "warehouse.control_refresh VALUES (1, 0), (2, 0), (3, 0); INSERT INTO scan.file "
-                           "(instance_id, request_id, filetype_details) SELECT i, 5, '{\"a\":\"\\ud800\"}' FROM "
-                           "generate_series(1, 3) i;"_s
+        m_installation.sql(TestServer::productSchema()
+            + u"INSERT INTO warehouse.control_refresh VALUES (1, 0), (2, 0), (3, 0); INSERT INTO scan.file "
+              "(instance_id, request_id, filetype_details) SELECT i, 5, '{\"a\":\"\\ud800\"}' FROM "
+              "generate_series(1, 3) i;"_s
             + more);
         ASSERT_EQ(m_installation.serverCtl({u"stop"_s}), 0);
     }
@@ -282,10 +280,9 @@ TEST_F(LocalServerTest, APortHeldByAnotherProgramEndsTheRunAtOnceAndConnectsToNo
     ASSERT_EQ(other.error(), QString());
     other.freshProductDatabase();
     const QString damaged = uR"({"a":"\ud800"})"_s;
-    other.sql(u"CREATE SCHEMA warehouse; CREATE TABLE warehouse.control_refresh (instance_id int, last_request_id "
-              "bigint); CREATE SCHEMA scan; CREATE TABLE scan.file (instance_id int, request_id bigint, "
-              "filetype_details text); INSERT INTO warehouse.control_refresh VALUES (1, 0); INSERT INTO scan.file "
-              "VALUES (1, 5, '"_s
+    other.sql(TestServer::productSchema()
+        + u"INSERT INTO warehouse.control_refresh VALUES (1, 0); INSERT INTO scan.file (instance_id, request_id, "
+          "filetype_details) VALUES (1, 5, '"_s
         + damaged + u"');"_s);
     QTcpServer silent;
     ASSERT_TRUE(silent.listen(QHostAddress::LocalHost));
