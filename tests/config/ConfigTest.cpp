@@ -96,6 +96,11 @@ TEST(ConfigTest, LoaderDefaultsCommentedKeysAndTheInstanceName)
 TEST(ConfigTest, TheRegistryAsInstallersWriteIt)
 {
     const QString key = ConfigurationReader::kLocation;
+    // Gone again however the test ends: a key left behind is every later run's configuration.
+    const struct Removal {
+        const QString &key;
+        ~Removal() { QProcess::execute(u"reg"_s, {u"delete"_s, key, u"/f"_s, u"/reg:32"_s}); }
+    } removal{key};
     const auto reg = [&key](const QString &group, const QString &name, const QString &type, const QString &data) {
         return QProcess::execute(
             u"reg"_s, {u"add"_s, key + group, u"/v"_s, name, u"/t"_s, type, u"/d"_s, data, u"/f"_s, u"/reg:32"_s});
@@ -110,6 +115,5 @@ TEST(ConfigTest, TheRegistryAsInstallersWriteIt)
     EXPECT_EQ(loader->dataDirectory(), u"C:\\%SystemDrive%"_s) << "a REG_SZ value stays as it is";
     EXPECT_EQ(loader->restPort(), 8008);
     EXPECT_TRUE(note.contains(u"32-bit view"_s)) << note.toStdString();
-    QProcess::execute(u"reg"_s, {u"delete"_s, key, u"/f"_s, u"/reg:32"_s});
 }
 #endif
