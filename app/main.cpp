@@ -3,5 +3,6 @@
 
 int main(int argc, char **argv)
 {
+    ProcessEnd::quietAborts();
     return ProcessEnd::finish(RunDriver().run(argc, argv));
 }

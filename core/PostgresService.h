@@ -125,6 +125,7 @@ private:
     void settlePaths();
     bool accountMayRunServer() const;
     bool prepareLocalServer(bool writeServerConfig);
+    bool pathsWorkable(bool creatingCluster);
     bool ensureCluster();
     bool ensureRunning();
     bool waitUntilReady();
@@ -134,6 +135,7 @@ private:
     // Records why waiting cannot help: a refusal the server repeats on every try.
     bool refusedForGood(const QString &maintenanceError);
     bool portTakenByAnother();
+    bool serviceTakenByAnother();
     bool startFailed();
     void runUpgradeCheck(QString &connectionName);
     void configureHandle(QSqlDatabase &database, const QString &dbName) const;

@@ -34,7 +34,7 @@ bool PostgresService::accountMayRunServer() const
 
 bool PostgresService::prepareLocalServer(bool writeServerConfig)
 {
-    if (!ensureCluster())
+    if (!pathsWorkable(!holdsCompleteCluster()) || !ensureCluster())
         return false;
     if (writeServerConfig) {
         QFile::remove(m_dataDir + QStringLiteral("/postgresql.conf"));
@@ -42,6 +42,17 @@ bool PostgresService::prepareLocalServer(bool writeServerConfig)
             return false;
     }
     return ensureRunning() && waitUntilReady();
+}
+
+// Refused before anything is made in folders where the server's programs would fail.
+bool PostgresService::pathsWorkable(bool creatingCluster)
+{
+    const QString refusal = m_control->unworkablePaths(creatingCluster);
+    if (refusal.isEmpty())
+        return true;
+    m_operatorAdvice = refusal;
+    logPostgres(m_operatorAdvice, m_dataDir, PostgresLogLevel::Error);
+    return false;
 }
 
 bool PostgresService::holdsCompleteCluster() const
@@ -78,7 +89,8 @@ bool PostgresService::ensureRunning()
     const int status = serviceStatus();
     if (status == 0)
         return true;
-    if (!accountMayRunServer() || status != ServiceControl::kNotRunning || portTakenByAnother())
+    if (!accountMayRunServer() || status != ServiceControl::kNotRunning || serviceTakenByAnother()
+        || portTakenByAnother())
         return false;
     if (serviceExists()) {
         logPostgres(QStringLiteral("Unregistering old postgres service..."), QString(), PostgresLogLevel::Info);
@@ -103,6 +115,18 @@ bool PostgresService::startFailed()
 bool PostgresService::answers()
 {
     return checkConnection(kMaintenanceDatabase);
+}
+
+// The service's name is the installation's only while the service runs its data directory;
+// another installation's is never stopped, unregistered or replaced.
+bool PostgresService::serviceTakenByAnother()
+{
+    const QString refusal = m_control->serviceOfAnother();
+    if (refusal.isEmpty())
+        return false;
+    m_operatorAdvice = refusal;
+    logPostgres(m_operatorAdvice, m_dataDir, PostgresLogLevel::Error);
+    return true;
 }
 
 // The installation's own server is not running, so whatever answers on its port is another
@@ -184,7 +208,7 @@ bool PostgresService::createConfigFile()
     values.timeZone = ServerConfigFile::systemTimeZone();
     values.port = m_information.port;
     const QString path = ServerConfigFile::outputPath(m_dataDir);
-    if (!ServerConfigFile::write(path, ServerConfigFile::render(readConfigTemplate(), values))) {
+    if (!ServerConfigFile::write(path, m_control->serverText(ServerConfigFile::render(readConfigTemplate(), values)))) {
         logPostgres(QStringLiteral("Can't create postgres config file"), path, PostgresLogLevel::Error);
         return false;
     }
@@ -201,7 +225,14 @@ bool PostgresService::createCluster()
     settings.user = m_information.user;
     settings.password = m_information.password;
     settings.interrupted = m_interrupted;
-    return ClusterCreator(settings, m_account, m_relay).create();
+    ClusterCreator creator(settings, m_account, m_relay);
+    const bool created = creator.create();
+    // The product counts a started initdb as a success; the status check that follows fails.
+    if (!creator.failure().isEmpty())
+        m_operatorAdvice = QStringLiteral("initdb made no database cluster in %1: %2. Nothing was kept; remove the "
+                                          "cause it names and run again.")
+                               .arg(m_dataDir, creator.failure());
+    return created;
 }
 
 void PostgresService::registerService()

@@ -4,12 +4,12 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
+# The folders and options are CMake's presets of the same names (CMakePresets.json).
 variant="${1:-release}"
 case "$variant" in
-    release) dir=build; options=(-DCMAKE_BUILD_TYPE=RelWithDebInfo) ;;
-    sanitize) dir=build-sanitize; options=(-DCMAKE_BUILD_TYPE=Debug -DZENTRIX_SANITIZE=ON) ;;
+    release | sanitize) ;;
     *) echo "usage: $0 [release|sanitize]" >&2; exit 2 ;;
 esac
 
-cmake -S . -B "$dir" "${options[@]}" >/dev/null
-cmake --build "$dir" -j "$(nproc)" -- --no-print-directory
+cmake --preset "$variant" >/dev/null
+cmake --build --preset "$variant" -j "$(nproc)" -- --no-print-directory

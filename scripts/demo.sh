@@ -50,11 +50,8 @@ echo "Generated database name: $dbname"
 section "Creating the product database with sample rows for three instances"
 start_server
 sql -d postgres -c "CREATE DATABASE $dbname"
+sql -d "$dbname" -f "$top/tests/fixtures/product-schema.sql"
 sql -d "$dbname" <<'SQL'
-CREATE SCHEMA warehouse;
-CREATE TABLE warehouse.control_refresh (instance_id int PRIMARY KEY, last_request_id bigint);
-CREATE SCHEMA scan;
-CREATE TABLE scan.file (id serial PRIMARY KEY, instance_id int, request_id bigint, filetype_details text);
 INSERT INTO warehouse.control_refresh VALUES (1, 0), (2, 0), (3, 0);
 INSERT INTO scan.file (instance_id, request_id, filetype_details) VALUES
   (1, 10, '{"type":"PE32","name":"lone high \ud800 surrogate"}'),

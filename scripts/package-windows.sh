@@ -7,7 +7,7 @@ cd "$(dirname "$0")/.."
 source scripts/windows-env.sh
 
 ./scripts/install-deps.sh zip file binutils-mingw-w64-x86-64 >/dev/null
-build_windows build-windows-package OFF
+build_windows windows-package
 runtime=$(mingw_runtime_dlls)
 mapfile -t mingw_runtime <<<"$runtime"
 

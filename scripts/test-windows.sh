@@ -1,10 +1,9 @@
 #!/usr/bin/env bash
-# Cross-builds the Windows programs and test suites and runs them under Wine through CTest,
-# against a real PostgreSQL server started here on the Linux side (the Windows test programs
-# reach it on 127.0.0.1; they cannot start Linux programs themselves). Tests that need a local
-# Windows server skip with their reason. Then the packaged zip, unzipped into a fresh prefix,
-# repairs a database configured only in that prefix's registry, like the Linux build, and, in
-# another prefix, a server of its own made and run with PostgreSQL's Windows programs.
+# Cross-builds the Windows programs and test suites, makes the zip, and runs every Windows test
+# under Wine through CTest (tests/CMakeLists.txt says what each proves), against a real PostgreSQL
+# server started here on the Linux side (the Windows test programs reach it on 127.0.0.1; they
+# cannot start Linux programs themselves): the suites, and the zip's scenarios of
+# scripts/wine-scenarios.sh.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 # Wine converts command lines and names through the locale's character set.
@@ -15,8 +14,8 @@ source scripts/windows-env.sh
 source scripts/sandbox-lib.sh
 repo=$(pwd)
 [ -x build/app/zentrix-data-normalizer ] || ./scripts/build.sh release
-build_windows build-windows ON
-wine=$(wine_program)
+build_windows windows
+./scripts/package-windows.sh >/dev/null
 runtime=$(mingw_runtime_dlls)
 mapfile -t mingw_runtime <<<"$runtime"
 
@@ -43,126 +42,5 @@ as_account "$pgbin/pg_ctl" start -D "$server/data" -w -l "$server/log" \
 make_wine_prefix "$work/prefix"
 export WINEPATH="$sdk/bin;$(dirname "${mingw_runtime[0]}");$(dirname "${mingw_runtime[2]}")"
 export QT_PLUGIN_PATH="Z:$sdk/plugins" ZENTRIX_TEST_SERVER_PORT=$port
-ctest --test-dir build-windows --output-on-failure
-unset WINEPATH QT_PLUGIN_PATH ZENTRIX_TEST_SERVER_PORT
+ctest --preset windows
 
-# The zip alone, in a fresh prefix: configuration only in the registry (numbers as DWORDs,
-# paths with backslashes), the information file written by zentrix-dbinfo.exe.
-./scripts/package-windows.sh >/dev/null
-zip_file=$(ls dist/zentrix-data-normalizer-*-win64.zip)
-make_wine_prefix "$work/fresh"
-unzip -q "$zip_file" -d "$work/fresh/drive_c/zentrix"
-windows_folder='C:\zentrix\'$(basename "$zip_file" .zip)
-data_folder='zentrix-données'
-mkdir -p "$work/fresh/drive_c/$data_folder/logs"
-key='HKEY_LOCAL_MACHINE\Software\Tarvex\Bravik'
-reg() { "$wine" reg add "$@" /f >/dev/null; }
-reg "$key" /v InstallationFolder /t REG_SZ /d "$windows_folder"
-reg "$key\\global" /v restaddress /t REG_SZ /d 127.0.0.1
-reg "$key\\global" /v restport /t REG_DWORD /d 8008
-reg "$key\\internal" /v data_directory /t REG_SZ /d "C:/$data_folder"
-reg "$key\\internal" /v db_connection /t REG_DWORD /d 3
-
-sql() { env PGPASSWORD=s3cret-pw PGOPTIONS="-c client_min_messages=warning" "$pgbin/psql" -h 127.0.0.1 -p "$port" -U zentrix_test -qAt "$@"; }
-sql postgres -c "DROP DATABASE IF EXISTS windows" -c "CREATE DATABASE windows"
-sql windows -c "CREATE SCHEMA warehouse; CREATE TABLE warehouse.control_refresh (instance_id int, last_request_id
-    bigint); CREATE SCHEMA scan; CREATE TABLE scan.file (instance_id int, request_id bigint, filetype_details text);
-    INSERT INTO warehouse.control_refresh VALUES (1, 0), (2, 0); INSERT INTO scan.file VALUES
-    (1, 5, '{\"a\":\"\\ud800\"}'), (2, 5, '{\"b\":\"\\u0000\",\"c\":\"\\x41\"}'), (2, 1, '{\"d\":\"\\udc00\"}');"
-before=$(sql windows -c "SELECT string_agg(filetype_details, ' ' ORDER BY instance_id, request_id) FROM scan.file")
-
-(cd "$work/fresh/drive_c" && "$wine" "$windows_folder\\zentrix-dbinfo.exe" set host=127.0.0.1 port="$port" \
-    user=zentrix_test password=s3cret-pw type=remote dbname=windows >/dev/null)
-# The Linux build reads what the Windows build wrote.
-cp "$work/fresh/drive_c/zentrix/$(basename "$zip_file" .zip)/zentrix_postgres."{dat,cat} "$work/"
-shown=$(./build/app/zentrix-dbinfo --installation "$work" show 2>/dev/null)
-grep -q "\"port\": $port" <<<"$shown" || { echo "the Linux build cannot read the Windows information file" >&2; exit 1; }
-
-windows_out=$(cd "$work/fresh/drive_c" && "$wine" "$windows_folder\\zentrix-data-normalizer.exe" --changed-only --jobs 2 \
-    2>&1 | tr -d '\r')
-windows_rows=$(sql windows -c "SELECT string_agg(filetype_details, ' ' ORDER BY instance_id, request_id) FROM scan.file")
-windows_log=$(sed -E 's/^(\[[A-Z]+\s*\] )[0-9.: ]+:/\1<ts>:/' "$work/fresh/drive_c/$data_folder/logs/"*.log)
-
-# The same rows repaired by the Linux build.
-sql windows -c "UPDATE scan.file SET filetype_details = v FROM (VALUES (1, 5, '{\"a\":\"\\ud800\"}'),
-    (2, 5, '{\"b\":\"\\u0000\",\"c\":\"\\x41\"}'), (2, 1, '{\"d\":\"\\udc00\"}')) AS o(i, r, v)
-    WHERE instance_id = i AND request_id = r"
-[ "$(sql windows -c "SELECT string_agg(filetype_details, ' ' ORDER BY instance_id, request_id) FROM scan.file")" \
-    = "$before" ]
-linux="$work/linux"
-make_installation "$linux"
-cp "$work/zentrix_postgres."{dat,cat} "$linux/install/"
-linux_out=$(cd "$linux/work" && "$repo/build/app/zentrix-data-normalizer" --changed-only --jobs 2 2>&1)
-linux_rows=$(sql windows -c "SELECT string_agg(filetype_details, ' ' ORDER BY instance_id, request_id) FROM scan.file")
-linux_log=$(sed -E 's/^(\[[A-Z]+\s*\] )[0-9.: ]+:/\1<ts>:/' "$linux/data/logs/"*.log)
-
-failed=0
-same() {
-    if [ "$2" != "$3" ]; then
-        printf 'Windows and Linux differ in %s:\n--- Windows\n%s\n--- Linux\n%s\n' "$1" "$2" "$3" >&2
-        failed=1
-    fi
-}
-same "repaired rows" "$windows_rows" "$linux_rows"
-same "console (after the log path)" "$(tail -n +2 <<<"$windows_out" | sort)" "$(tail -n +2 <<<"$linux_out" | sort)"
-same "run log" "$(sort <<<"$windows_log")" "$(sort <<<"$linux_log")"
-[ "$windows_rows" != "$before" ] || { echo "the Windows build repaired nothing" >&2; failed=1; }
-# Text outside ASCII, from the registry and from the command line, stays UTF-8 on the console
-# and in the run log.
-first="File log: C:/$data_folder/logs/data_normalizer-$(date +%Y%m%d).log"
-[ "$(head -1 <<<"$windows_out")" = "$first" ] || { echo "the log path is not \"$first\" in UTF-8" >&2; failed=1; }
-(cd "$work/fresh/drive_c" && "$wine" "$windows_folder\\zentrix-dbinfo.exe" set dbname=fenêtre >/dev/null &&
-    ! "$wine" "$windows_folder\\zentrix-data-normalizer.exe" >/dev/null 2>&1)
-grep -qF "Cannot connect to Postgres server: fenêtre" "$work/fresh/drive_c/$data_folder/logs/"*.log ||
-    { echo "the database name is not in the run log in UTF-8" >&2; failed=1; }
-[ "$failed" -eq 0 ] && echo "Windows zip: repaired like the Linux build (rows, console, run log)"
-
-# The local path: PostgreSQL's own Windows programs in the installation, the service driven
-# through Wine's sc and net. The first run makes the cluster and the service and finds no product
-# database; once the product has made it, the next run repairs and stops the service again.
-make_wine_prefix "$work/local"
-drive="$work/local/drive_c"
-unzip -q "$zip_file" -d "$drive/zentrix"
-install="$drive/zentrix/$(basename "$zip_file" .zip)"
-mkdir -p "$install/postgres" "$drive/zentrix-data/logs"
-cp -r "$sdk/postgresql/"{bin,lib,share} "$install/postgres/"
-cp "$install/"*.dll "$install/postgres/bin/"
-reg "$key" /v InstallationFolder /t REG_SZ /d "$windows_folder"
-reg "$key\\global" /v restaddress /t REG_SZ /d 127.0.0.1
-reg "$key\\global" /v restport /t REG_SZ /d 8008
-reg "$key\\internal" /v data_directory /t REG_SZ /d 'C:\zentrix-data'
-local_port=$(free_port 47400)
-local_run() { (cd "$drive" && "$wine" "$windows_folder\\$1" "${@:2}"); }
-local_run zentrix-dbinfo.exe set host=127.0.0.1 port="$local_port" user=zentrix password=local-pw type=local \
-    dbname=product >/dev/null
-local_sql() { env PGPASSWORD=local-pw "$pgbin/psql" -h 127.0.0.1 -p "$local_port" -U zentrix -qAt "$@"; }
-pg_data='C:\zentrix-data\pg_data'
-# The product's own use of its server, outside the tool's runs.
-product_server() {
-    if [ "$1" = start ]; then
-        local_run 'postgres\bin\pg_ctl.exe' start -W -D "$pg_data" -o "-p $local_port" >/dev/null
-        for _ in $(seq 60); do "$pgbin/pg_isready" -q -h 127.0.0.1 -p "$local_port" && return; sleep 1; done
-        return 1
-    fi
-    local_run 'postgres\bin\pg_ctl.exe' stop -D "$pg_data" -m fast >/dev/null
-}
-local_log="$drive/zentrix-data/logs/data_normalizer-$(date +%Y%m%d).log"
-local_failed() { echo "local server under Wine: $1" >&2; failed=1; }
-if local_run zentrix-data-normalizer.exe >/dev/null 2>&1; then local_failed "the first run found a database"; fi
-grep -qF "Cannot connect to Postgres server: product" "$local_log" || local_failed "no connection failure logged"
-[ -f "$drive/zentrix-data/pg_data/PG_VERSION" ] || local_failed "no cluster made"
-! "$pgbin/pg_isready" -q -h 127.0.0.1 -p "$local_port" || local_failed "the first run left the server running"
-product_server start
-local_sql postgres -c "CREATE DATABASE product"
-local_sql product -c "CREATE SCHEMA warehouse; CREATE TABLE warehouse.control_refresh (instance_id int, last_request_id
-    bigint); CREATE SCHEMA scan; CREATE TABLE scan.file (instance_id int, request_id bigint, filetype_details text);
-    INSERT INTO warehouse.control_refresh VALUES (1, 0); INSERT INTO scan.file VALUES (1, 5, '{\"a\":\"\\ud800\"}');"
-product_server stop
-local_run zentrix-data-normalizer.exe >/dev/null 2>&1 || local_failed "the second run failed"
-! "$pgbin/pg_isready" -q -h 127.0.0.1 -p "$local_port" || local_failed "the second run left the server running"
-product_server start
-[ "$(local_sql product -c "SELECT filetype_details FROM scan.file")" = '{"a":"\\ud800"}' ] ||
-    local_failed "the row was not repaired"
-product_server stop
-[ "$failed" -eq 0 ] && echo "Windows local server: cluster made, service started, rows repaired, service stopped"
-exit "$failed"

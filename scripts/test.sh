@@ -9,6 +9,5 @@ cd "$(dirname "$0")/.."
 ./scripts/build.sh release
 ./scripts/build.sh sanitize
 
-ctest --test-dir build --output-on-failure
-ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
-    ctest --test-dir build-sanitize --output-on-failure
+ctest --preset release
+ctest --preset sanitize

@@ -29,19 +29,15 @@ mingw_runtime_dlls() {
     windows_env_file "$("$compiler" -print-file-name=libwinpthread-1.dll)" mingw-w64-x86-64-dev
 }
 
-# Builds (or finds) the SDK and configures and builds the Windows programs, with or without
-# their test suites, into the given folder. Sets sdk to the SDK's folder.
+# Builds (or finds) the SDK and configures and builds the Windows programs with CMake's preset
+# "windows" (with the test suites, run under Wine) or "windows-package" (the programs alone).
+# Sets sdk to the SDK's folder.
 build_windows() {
-    local dir=$1 tests=$2 emulator=() wine
+    local preset=$1
     sdk=$(./scripts/windows-sdk.sh)
-    if [ "$tests" = ON ]; then
-        wine=$(wine_program)
-        emulator=(-DCMAKE_CROSSCOMPILING_EMULATOR="$wine")
-    fi
-    cmake -S . -B "$dir" -G Ninja -DCMAKE_TOOLCHAIN_FILE=cmake/mingw-w64-x86_64.cmake \
-        -DZENTRIX_WINDOWS_SDK="$sdk" -DCMAKE_PREFIX_PATH="$sdk" -DOPENSSL_ROOT_DIR="$sdk" -DPostgreSQL_ROOT="$sdk" \
-        -DCMAKE_BUILD_TYPE=Release -DZENTRIX_BUILD_TESTS="$tests" "${emulator[@]}" >/dev/null
-    cmake --build "$dir" -j "$(nproc)" >/dev/null
+    [ "$preset" = windows ] && wine_program >/dev/null
+    ZENTRIX_WINDOWS_SDK=$sdk cmake --preset "$preset" >/dev/null
+    cmake --build --preset "$preset" -j "$(nproc)" >/dev/null
 }
 
 # A fresh Wine prefix of its own (no Mono or Gecko prompts, no debug chatter), made once; the

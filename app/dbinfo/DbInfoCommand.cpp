@@ -85,6 +85,11 @@ int DbInfoCommand::show(bool reveal)
         Console::err(file.lastError());
         return 1;
     }
+    for (const QString &secret : {m_paths.key, file.loadedPath()}) {
+        const QString warning = core::InformationFile::exposure(secret);
+        if (!warning.isEmpty())
+            Console::err(QStringLiteral("WARNING: ") + warning);
+    }
     Console::err(QStringLiteral("Information file: ") + file.loadedPath());
     QJsonObject object = QJsonObject::fromVariantMap(values);
     if (!reveal) {

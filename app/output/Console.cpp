@@ -1,5 +1,7 @@
 #include "app/output/Console.h"
 
+#include "app/output/Terminal.h"
+
 #include <iostream>
 #include <mutex>
 
@@ -14,6 +16,16 @@ std::mutex &lineMutex()
 }
 
 QString g_status;
+
+// Text reaches a console as its characters, anything else (a file, a pipe) as UTF-8 bytes.
+void put(std::ostream &stream, const QString &text)
+{
+    stream.flush();
+    const Terminal::Stream which = &stream == &std::cerr ? Terminal::Stream::Error : Terminal::Stream::Output;
+    if (!Terminal::writeToConsole(which, text))
+        stream << text.toUtf8().constData();
+    stream.flush();
+}
 
 // Carriage returns and blanks rather than terminal escapes, which not every Windows console
 // understands.
@@ -31,7 +43,7 @@ void write(std::ostream &stream, const QString &line)
     const std::lock_guard<std::mutex> lock(lineMutex());
     eraseStatus();
     g_status.clear();
-    stream << line.toUtf8().constData() << std::endl;
+    put(stream, line + QLatin1Char('\n'));
 }
 } // namespace
 
@@ -50,8 +62,7 @@ void errRaw(const QString &text)
     const std::lock_guard<std::mutex> lock(lineMutex());
     eraseStatus();
     g_status.clear();
-    std::cerr << text.toUtf8().constData();
-    std::cerr.flush();
+    put(std::cerr, text);
 }
 
 void status(const QString &text)
@@ -59,8 +70,7 @@ void status(const QString &text)
     const std::lock_guard<std::mutex> lock(lineMutex());
     eraseStatus();
     g_status = text;
-    std::cerr << g_status.toUtf8().constData();
-    std::cerr.flush();
+    put(std::cerr, g_status);
 }
 
 } // namespace Console

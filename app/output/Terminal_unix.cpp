@@ -20,3 +20,9 @@ int Terminal::columns()
         return 0;
     return size.ws_col;
 }
+
+// A POSIX terminal takes the UTF-8 bytes itself.
+bool Terminal::writeToConsole(Stream, const QString &)
+{
+    return false;
+}

@@ -21,3 +21,13 @@ int Terminal::columns()
         return 0;
     return info.srWindow.Right - info.srWindow.Left + 1;
 }
+
+bool Terminal::writeToConsole(Stream stream, const QString &text)
+{
+    const HANDLE handle = GetStdHandle(stream == Stream::Error ? STD_ERROR_HANDLE : STD_OUTPUT_HANDLE);
+    DWORD mode = 0;
+    if (GetConsoleMode(handle, &mode) == 0)
+        return false;
+    DWORD written = 0;
+    return WriteConsoleW(handle, text.utf16(), static_cast<DWORD>(text.size()), &written, nullptr) != 0;
+}

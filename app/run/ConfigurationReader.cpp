@@ -1,6 +1,7 @@
 #include "app/run/ConfigurationReader.h"
 
 #include "config/exceptions/ConfigException.h"
+#include "config/loader/Registry.h"
 #include "config/validator/CoreConfigValidator.h"
 
 #include <QFile>
@@ -8,9 +9,16 @@
 
 const QString ConfigurationReader::kLocation = QStringLiteral("HKEY_LOCAL_MACHINE\\Software\\Tarvex\\Bravik");
 
-std::unique_ptr<core::CoreConfigLoader> ConfigurationReader::load(bool validate)
+std::unique_ptr<core::CoreConfigLoader> ConfigurationReader::load(bool validate, QString *note)
 {
-    const QSettings::Format format = QFile::exists(kLocation) ? QSettings::IniFormat : QSettings::NativeFormat;
+    const QSettings::Format format = QFile::exists(kLocation)
+        ? QSettings::IniFormat
+        : config::Registry::viewOf(kLocation, QSettings::NativeFormat);
+    // Anything but the two formats asked for is the registry's 32-bit view.
+    if (note && format != QSettings::IniFormat && format != QSettings::NativeFormat)
+        *note = QStringLiteral("the registry's 64-bit view holds no %1; read the 32-bit view's, as a 32-bit "
+                               "installer wrote it (HKEY_LOCAL_MACHINE\\Software\\WOW6432Node)")
+                    .arg(kLocation);
     const QSettings settings(kLocation, format);
     if (settings.status() != QSettings::NoError)
         throw ConfigException(QStringLiteral("Can't read config from %1").arg(kLocation, 0, QLatin1Char(' ')));

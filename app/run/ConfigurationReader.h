@@ -12,6 +12,7 @@ public:
     static const QString kLocation;
 
     // Throws ConfigException when the settings cannot be read. With validate, the
-    // validator's exceptions pass through as well.
-    static std::unique_ptr<core::CoreConfigLoader> load(bool validate);
+    // validator's exceptions pass through as well. note says where the settings were found
+    // when it is not where they are looked for first.
+    static std::unique_ptr<core::CoreConfigLoader> load(bool validate, QString *note = nullptr);
 };

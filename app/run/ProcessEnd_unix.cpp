@@ -4,3 +4,5 @@ int ProcessEnd::finish(int status)
 {
     return status;
 }
+
+void ProcessEnd::quietAborts() { }

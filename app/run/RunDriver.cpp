@@ -116,7 +116,7 @@ int RunDriver::run(int &argc, char **argv)
         return 0;
     VerboseLog::takeDiagnostics(nullptr);
 
-    const std::unique_ptr<core::CoreConfigLoader> loader = ConfigurationReader::load(true);
+    const std::unique_ptr<core::CoreConfigLoader> loader = ConfigurationReader::load(true, &m_configurationNote);
     core::DeploymentIdPrefix::set(loader->deploymentIdPrefix());
 
     RunLog log;
@@ -173,6 +173,8 @@ RunDriver::Outcome RunDriver::runStages(
 
     const VerboseLog verbose(log, options.verbose);
     const DiagnosticsRoute diagnostics(verbose);
+    if (!m_configurationNote.isEmpty())
+        verbose.line(m_configurationNote);
     Interrupts &interrupts = Interrupts::instance();
     interrupts.install();
     StatementCanceller canceller;

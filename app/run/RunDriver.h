@@ -45,4 +45,7 @@ private:
     static Outcome runPass(const Pass &pass);
     static bool runStrategy(const Pass &pass, bool verify);
     static Outcome reportInterrupt(RunLog &log);
+
+    // Where the configuration was found, when not where it is looked for first.
+    QString m_configurationNote;
 };

@@ -38,7 +38,7 @@ QString CommonConfigLoader::defaultDataDirectory() const
 {
     const QString configRoot
         = QStandardPaths::writableLocation(QStandardPaths::GenericConfigLocation) + QLatin1Char('/') + productName();
-    const QString folder = settings().value(kInstallationFolderKey, configRoot).toString();
+    const QString folder = value(kInstallationFolderKey, configRoot).toString();
     // The trailing separator is kept on purpose: derived paths add their own leading "/".
     return QDir(folder).absoluteFilePath(QStringLiteral("data")) + QLatin1Char('/');
 }
@@ -55,25 +55,25 @@ QString CommonConfigLoader::executableDirectory()
 
 QString CommonConfigLoader::installationFolder() const
 {
-    return settings().value(kInstallationFolderKey, executableDirectory()).toString();
+    return value(kInstallationFolderKey, executableDirectory()).toString();
 }
 
 QString CommonConfigLoader::libraryPath() const
 {
     const QString absoluteInstallation = QDir(installationFolder()).absolutePath();
-    return settings().value(QStringLiteral("internal/library_path"), absoluteInstallation).toString();
+    return value(QStringLiteral("internal/library_path"), absoluteInstallation).toString();
 }
 
 QString CommonConfigLoader::dataDirectory() const
 {
-    return settings().value(QStringLiteral("internal/data_directory"), defaultDataDirectory()).toString();
+    return value(QStringLiteral("internal/data_directory"), defaultDataDirectory()).toString();
 }
 
 QString CommonConfigLoader::runtimeDirectory() const
 {
     const QString key = QStringLiteral("internal/runtime_directory");
     if (settings().contains(key))
-        return settings().value(key).toString();
+        return value(key).toString();
     return defaultRuntimeDirectory();
 }
 

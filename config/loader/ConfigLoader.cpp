@@ -2,6 +2,7 @@
 
 #include "config/exceptions/InvalidValueException.h"
 #include "config/exceptions/MissingKeyException.h"
+#include "config/loader/Registry.h"
 
 namespace config {
 
@@ -11,7 +12,8 @@ const QString kCommentMarker = QStringLiteral("/#");
 
 ConfigLoader::ConfigLoader(const QSettings &settings, QObject *parent)
     : QObject(parent)
-    , m_settings(settings.fileName(), settings.format())
+    , m_format(Registry::viewOf(settings.fileName(), settings.format()))
+    , m_settings(settings.fileName(), m_format)
 {
     if (m_settings.format() == QSettings::IniFormat)
         removeCommentedKeys();
@@ -33,15 +35,20 @@ void ConfigLoader::removeCommentedKeys()
     }
 }
 
+QVariant ConfigLoader::value(const QString &key, const QVariant &defaultValue) const
+{
+    return Registry::expanded(m_settings.fileName(), m_format, key, m_settings.value(key, defaultValue));
+}
+
 QVariant ConfigLoader::readValue(const QString &key) const
 {
     if (!m_settings.contains(key))
         throw MissingKeyException(
             QStringLiteral("Trying to access the following key '%1', but it does not exist").arg(key));
-    const QVariant value = m_settings.value(key);
-    if (value.isNull())
+    const QVariant stored = value(key);
+    if (stored.isNull())
         throw InvalidValueException(QStringLiteral("The following key '%1' exists, but has no value").arg(key));
-    return value;
+    return stored;
 }
 
 quint16 ConfigLoader::readPort(const QString &key) const
@@ -67,8 +74,8 @@ QHostAddress ConfigLoader::readAddress(const QString &key) const
 
 bool ConfigLoader::readBool(const QString &key, bool defaultValue) const
 {
-    const QVariant value = m_settings.value(key, defaultValue);
-    const QString text = value.canConvert<QString>() ? value.toString() : QString();
+    const QVariant stored = value(key, defaultValue);
+    const QString text = stored.canConvert<QString>() ? stored.toString() : QString();
     if (text.compare(QLatin1String("true"), Qt::CaseInsensitive) == 0 || text == QLatin1String("1"))
         return true;
     if (text.compare(QLatin1String("false"), Qt::CaseInsensitive) == 0 || text == QLatin1String("0"))

@@ -16,8 +16,9 @@ class ConfigLoader : public QObject
 
 public:
     // Opens its own settings on the file name and format of the given object, which is
-    // not kept. In INI format every key containing "/#" is removed; the removal reaches
-    // the file at the next sync or when the loader is destroyed.
+    // not kept (a registry key that only the 32-bit view holds is read there). In INI format
+    // every key containing "/#" is removed; the removal reaches the file at the next sync or
+    // when the loader is destroyed.
     explicit ConfigLoader(const QSettings &settings, QObject *parent = nullptr);
     ~ConfigLoader() override;
 
@@ -31,10 +32,14 @@ public:
 protected:
     QSettings &settings() { return m_settings; }
     const QSettings &settings() const { return m_settings; }
+    // The stored value, or the default; a REG_EXPAND_SZ registry value with its variables expanded.
+    QVariant value(const QString &key, const QVariant &defaultValue = QVariant()) const;
 
 private:
     void removeCommentedKeys();
 
+    // The settings report a registry view as the native format.
+    const QSettings::Format m_format;
     QSettings m_settings;
 };
 

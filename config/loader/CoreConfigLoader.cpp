@@ -27,9 +27,7 @@ config::RestConfiguration *CoreConfigLoader::restConfiguration()
 
 QString CoreConfigLoader::updateUrl() const
 {
-    return settings()
-        .value(QStringLiteral("internal/updateurl"), QStringLiteral("https://update.tarvex.com/zentrix"))
-        .toString();
+    return value(QStringLiteral("internal/updateurl"), QStringLiteral("https://update.tarvex.com/zentrix")).toString();
 }
 
 QString CoreConfigLoader::quarantineDirectory() const
@@ -69,15 +67,13 @@ QString CoreConfigLoader::restSocketPath() const
 
 QString CoreConfigLoader::nginxPrefix() const
 {
-    return settings()
-        .value(QStringLiteral("internal/nginxprefix"), joined(installationFolder(), QStringLiteral("nginx")))
+    return value(QStringLiteral("internal/nginxprefix"), joined(installationFolder(), QStringLiteral("nginx")))
         .toString();
 }
 
 QString CoreConfigLoader::nginxLibraryPath() const
 {
-    return settings()
-        .value(QStringLiteral("internal/nginxlibrarypath"), joined(installationFolder(), QStringLiteral("nginx/lib")))
+    return value(QStringLiteral("internal/nginxlibrarypath"), joined(installationFolder(), QStringLiteral("nginx/lib")))
         .toString();
 }
 
@@ -88,9 +84,8 @@ QString CoreConfigLoader::restRuntimeDirectory() const
 
 QString CoreConfigLoader::includedRestConfig() const
 {
-    return settings()
-        .value(
-            QStringLiteral("internal/included_rest_config"), webServerFolder() + QStringLiteral("/conf/included.conf"))
+    return value(
+        QStringLiteral("internal/included_rest_config"), webServerFolder() + QStringLiteral("/conf/included.conf"))
         .toString();
 }
 
@@ -106,7 +101,7 @@ QString CoreConfigLoader::fillIncludedConfigLocation(const QString &text) const
 
 bool CoreConfigLoader::nginxLogRotation() const
 {
-    return settings().value(QStringLiteral("logger/nginx_log_rotation"), false).toBool();
+    return value(QStringLiteral("logger/nginx_log_rotation"), false).toBool();
 }
 
 QString CoreConfigLoader::webServerFolder() const
@@ -116,7 +111,7 @@ QString CoreConfigLoader::webServerFolder() const
 
 QString CoreConfigLoader::instanceName() const
 {
-    return settings().value(kInstanceNameKey, QString()).toString();
+    return value(kInstanceNameKey, QString()).toString();
 }
 
 void CoreConfigLoader::setInstanceName(const QString &name)
@@ -127,32 +122,32 @@ void CoreConfigLoader::setInstanceName(const QString &name)
 
 QString CoreConfigLoader::deploymentIdPrefix() const
 {
-    return settings().value(QStringLiteral("internal/deploymentid_prefix"), QString()).toString();
+    return value(QStringLiteral("internal/deploymentid_prefix"), QString()).toString();
 }
 
 int CoreConfigLoader::dbMode() const
 {
-    return settings().value(QStringLiteral("global/dbmode"), 1).toInt();
+    return value(QStringLiteral("global/dbmode"), 1).toInt();
 }
 
 int CoreConfigLoader::dbConnectionCount() const
 {
-    return settings().value(QStringLiteral("internal/db_connection"), 10).toInt();
+    return value(QStringLiteral("internal/db_connection"), 10).toInt();
 }
 
 QString CoreConfigLoader::quarantinePath() const
 {
-    return settings().value(QStringLiteral("global/quarantinepath"), quarantineDirectory()).toString();
+    return value(QStringLiteral("global/quarantinepath"), quarantineDirectory()).toString();
 }
 
 QString CoreConfigLoader::sanitizePath() const
 {
-    return settings().value(QStringLiteral("global/sanitizepath"), sanitizedDirectory()).toString();
+    return value(QStringLiteral("global/sanitizepath"), sanitizedDirectory()).toString();
 }
 
 QString CoreConfigLoader::dlpPath() const
 {
-    return settings().value(QStringLiteral("global/dlppath"), dlpDirectory()).toString();
+    return value(QStringLiteral("global/dlppath"), dlpDirectory()).toString();
 }
 
 QString CoreConfigLoader::quarantineDatabasePath() const
@@ -173,15 +168,15 @@ QString CoreConfigLoader::dlpDatabasePath() const
 QVariantMap CoreConfigLoader::nasSettings() const
 {
     return {
-        {QStringLiteral("host"), settings().value(QStringLiteral("nas/host"))},
-        {QStringLiteral("port"), settings().value(QStringLiteral("nas/port"))},
-        {QStringLiteral("worker_count"), settings().value(QStringLiteral("nas/worker_count"), 4)},
+        {QStringLiteral("host"), value(QStringLiteral("nas/host"))},
+        {QStringLiteral("port"), value(QStringLiteral("nas/port"))},
+        {QStringLiteral("worker_count"), value(QStringLiteral("nas/worker_count"), 4)},
     };
 }
 
 QString CoreConfigLoader::stringValue(const QString &key) const
 {
-    return settings().value(key, QString()).toString();
+    return value(key, QString()).toString();
 }
 
 QString CoreConfigLoader::logDirectory() const

@@ -20,6 +20,16 @@ InformationFile::Paths InformationFile::pathsIn(const QString &installationFolde
         dir.absoluteFilePath(QStringLiteral("zentrix_postgres.cat"))};
 }
 
+QString InformationFile::exposure(const QString &path)
+{
+    if (!SecretFile::readableByEveryone(path))
+        return QString();
+    return QStringLiteral("%1 may be read by every user of this machine, though it holds the database's credentials "
+                          "or their key: let only the installation's account (on Windows also SYSTEM and the "
+                          "Administrators) read it")
+        .arg(QDir::toNativeSeparators(path));
+}
+
 InformationFile::InformationFile(const Paths &paths, const PostgresLogRelay &relay)
     : m_paths(paths)
     , m_relay(relay)
@@ -51,6 +61,11 @@ bool InformationFile::load(bool preferShared, PostgresInformation &information, 
 {
     prepareKey();
     const QString path = sourcePath(preferShared);
+    for (const QString &secret : {m_paths.key, path}) {
+        const QString warning = exposure(secret);
+        if (!warning.isEmpty())
+            m_relay.note(warning);
+    }
     QFile file(path);
     if (!file.exists()) {
         m_lastError = QStringLiteral("No information file: ") + path;

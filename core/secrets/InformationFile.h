@@ -24,11 +24,15 @@ public:
 
     // The three files in an installation folder.
     static Paths pathsIn(const QString &installationFolder);
+    // What to tell the operator of a file of these that every user of the machine may read;
+    // empty when it is kept as it should be.
+    static QString exposure(const QString &path);
 
     InformationFile(const Paths &paths, const PostgresLogRelay &relay);
 
     // Loads (or makes) the key, then reads the shared copy when asked for and present,
-    // else the information file. Fills both the record and the raw named values.
+    // else the information file. Fills both the record and the raw named values. Files that
+    // every user may read are noted.
     bool load(bool preferShared, PostgresInformation &information, QVariantMap &values);
     // Replaces the information file atomically, readable by its owner only. A file that
     // failed to load, and an information file whose content was not the one loaded (a

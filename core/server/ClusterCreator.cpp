@@ -1,5 +1,6 @@
 #include "core/server/ClusterCreator.h"
 
+#include "core/secrets/SecretFile.h"
 #include "core/server/FreshFile.h"
 #include "core/server/process/PostgresProcess.h"
 
@@ -44,7 +45,9 @@ bool ClusterCreator::create()
     const QString passwordPath = ClusterCreator::passwordPath(m_settings.installDirectory);
     const QString work = workDirectory(m_settings.dataDirectory);
     // Only the server's account may read the password, and only while initdb runs.
-    if (!FreshFile::write(passwordPath, m_settings.password.toUtf8(), FreshFile::kOwnerOnly)) {
+    if (!FreshFile::write(passwordPath, m_settings.password.toUtf8(), FreshFile::kOwnerOnly)
+        || !SecretFile::restrictAccess(passwordPath)) {
+        QFile::remove(passwordPath);
         m_relay.log(QStringLiteral("Can not open file for write"), passwordPath, PostgresLogLevel::Error);
         return false;
     }
@@ -91,6 +94,12 @@ bool ClusterCreator::create()
     // The product counts a started initdb as a success, but only a finished cluster takes the
     // data directory's place; the status check that follows then fails on a missing one.
     const bool succeeded = process.exitStatus() == QProcess::NormalExit && process.exitCode() == 0;
+    const bool interrupted = interruptible && m_settings.interrupted();
+    if (!succeeded && !interrupted)
+        m_failure = QStringLiteral("initdb ended with status %1%2")
+                        .arg(process.exitCode())
+                        .arg(errors.isEmpty() ? QString()
+                                              : QStringLiteral(": ") + QString::fromLocal8Bit(errors).simplified());
     if (!succeeded)
         m_relay.reason(QStringLiteral("create the database cluster in ") + m_settings.dataDirectory,
             errors.isEmpty() ? QStringLiteral("initdb ended with status %1").arg(process.exitCode())

@@ -42,6 +42,9 @@ public:
 
     // Expects removeLeftovers() to have run first.
     bool create();
+    // After create(): why initdb made no cluster, with its output; empty when it made one or
+    // was interrupted.
+    QString failure() const { return m_failure; }
     // The transient password file and the work folder of a run that was killed.
     static void removeLeftovers(const QString &installDirectory, const QString &dataDirectory);
     static QString passwordPath(const QString &installDirectory);
@@ -51,6 +54,7 @@ private:
     Settings m_settings;
     ServerAccount m_account;
     const PostgresLogRelay &m_relay;
+    QString m_failure;
 };
 
 } // namespace core

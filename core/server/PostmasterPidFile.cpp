@@ -4,6 +4,15 @@
 
 namespace core {
 
+namespace {
+qint64 number(const QByteArray &line)
+{
+    bool ok = false;
+    const qint64 value = line.trimmed().toLongLong(&ok, 10);
+    return ok ? value : 0;
+}
+} // namespace
+
 QString PostmasterPidFile::path(const QString &dataDirectory)
 {
     return dataDirectory + QStringLiteral("/postmaster.pid");
@@ -17,9 +26,9 @@ PostmasterPidFile::Content PostmasterPidFile::read(const QString &dataDirectory)
     content.readable = file.open(QIODevice::ReadOnly | QIODevice::Text);
     if (!content.readable)
         return content;
-    bool ok = false;
-    const qint64 pid = file.readLine().trimmed().toLongLong(&ok, 10);
-    content.pid = ok ? pid : 0;
+    content.pid = number(file.readLine());
+    file.readLine();
+    content.startTime = number(file.readLine());
     return content;
 }
 

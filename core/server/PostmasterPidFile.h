@@ -4,7 +4,8 @@
 
 namespace core {
 
-// The server's lock file in its data directory; its first line is the postmaster's PID.
+// The server's lock file in its data directory: its first line is the postmaster's PID, its
+// third when the postmaster started, in seconds since the epoch.
 class PostmasterPidFile
 {
 public:
@@ -13,6 +14,8 @@ public:
         bool readable = false;
         // 0 when the first line is not a number.
         qint64 pid = 0;
+        // 0 when the third line is not a number.
+        qint64 startTime = 0;
     };
 
     static QString path(const QString &dataDirectory);

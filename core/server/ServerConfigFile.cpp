@@ -44,9 +44,9 @@ QString ServerConfigFile::outputPath(const QString &dataDirectory)
     return dataDirectory + QDir::separator() + QStringLiteral("postgresql.conf");
 }
 
-bool ServerConfigFile::write(const QString &path, const QString &text)
+bool ServerConfigFile::write(const QString &path, const QByteArray &text)
 {
-    return FreshFile::write(path, text.toUtf8(), FreshFile::kReadable);
+    return FreshFile::write(path, text, FreshFile::kReadable);
 }
 
 } // namespace core

@@ -26,8 +26,8 @@ public:
     // The IANA identifier of the host's zone; "UTC" where the system names none.
     static QString systemTimeZone();
     static QString outputPath(const QString &dataDirectory);
-    // Replaces the file (never writing through a link) with the text as UTF-8.
-    static bool write(const QString &path, const QString &text);
+    // Replaces the file (never writing through a link) with the text in the server's encoding.
+    static bool write(const QString &path, const QByteArray &text);
 };
 
 } // namespace core

@@ -1,3 +1,4 @@
+#include "app/run/ConfigurationReader.h"
 #include "config/exceptions/Exception.h"
 #include "config/loader/CoreConfigLoader.h"
 #include "config/validator/CoreConfigValidator.h"
@@ -6,6 +7,7 @@
 
 #include <gtest/gtest.h>
 
+#include <QProcess>
 #include <QStandardPaths>
 #include <QTemporaryDir>
 
@@ -87,3 +89,31 @@ TEST(ConfigTest, LoaderDefaultsCommentedKeysAndTheInstanceName)
     EXPECT_FALSE(ToolSandbox::read(path).contains("old"));
     EXPECT_TRUE(ToolSandbox::read(path).contains("kept=2"));
 }
+
+#ifdef Q_OS_WIN
+// The registry as installers write it: paths as REG_EXPAND_SZ and, by a 32-bit installer, into
+// the 32-bit view only, which is read when the 64-bit one holds no key.
+TEST(ConfigTest, TheRegistryAsInstallersWriteIt)
+{
+    const QString key = ConfigurationReader::kLocation;
+    // Gone again however the test ends: a key left behind is every later run's configuration.
+    const struct Removal {
+        const QString &key;
+        ~Removal() { QProcess::execute(u"reg"_s, {u"delete"_s, key, u"/f"_s, u"/reg:32"_s}); }
+    } removal{key};
+    const auto reg = [&key](const QString &group, const QString &name, const QString &type, const QString &data) {
+        return QProcess::execute(
+            u"reg"_s, {u"add"_s, key + group, u"/v"_s, name, u"/t"_s, type, u"/d"_s, data, u"/f"_s, u"/reg:32"_s});
+    };
+    ASSERT_EQ(reg(QString(), u"InstallationFolder"_s, u"REG_EXPAND_SZ"_s, u"%SystemDrive%\\zentrix"_s), 0);
+    reg(u"\\global"_s, u"restaddress"_s, u"REG_SZ"_s, u"127.0.0.1"_s);
+    reg(u"\\global"_s, u"restport"_s, u"REG_DWORD"_s, u"8008"_s);
+    reg(u"\\internal"_s, u"data_directory"_s, u"REG_SZ"_s, u"C:\\%SystemDrive%"_s);
+    QString note;
+    const std::unique_ptr<core::CoreConfigLoader> loader = ConfigurationReader::load(true, &note);
+    EXPECT_EQ(loader->installationFolder(), qEnvironmentVariable("SystemDrive") + u"\\zentrix"_s);
+    EXPECT_EQ(loader->dataDirectory(), u"C:\\%SystemDrive%"_s) << "a REG_SZ value stays as it is";
+    EXPECT_EQ(loader->restPort(), 8008);
+    EXPECT_TRUE(note.contains(u"32-bit view"_s)) << note.toStdString();
+}
+#endif

@@ -93,12 +93,10 @@ protected:
     {
         ASSERT_EQ(m_installation.serverCtl({u"start"_s}), 0);
         m_installation.sql(u"CREATE DATABASE product"_s, u"postgres"_s);
-        m_installation.sql(u"CREATE SCHEMA warehouse; CREATE TABLE warehouse.control_refresh (instance_id int, "
-                           "last_request_id bigint); CREATE SCHEMA scan; CREATE TABLE scan.file (id serial, "
-                           "instance_id int, request_id bigint, filetype_details text); INSERT INTO "
-                           "warehouse.control_refresh VALUES (1, 0), (2, 0), (3, 0); INSERT INTO scan.file "
-                           "(instance_id, request_id, filetype_details) SELECT i, 5, '{\"a\":\"\\ud800\"}' FROM "
-                           "generate_series(1, 3) i;"_s
+        m_installation.sql(TestServer::productSchema()
+            + u"INSERT INTO warehouse.control_refresh VALUES (1, 0), (2, 0), (3, 0); INSERT INTO scan.file "
+              "(instance_id, request_id, filetype_details) SELECT i, 5, '{\"a\":\"\\ud800\"}' FROM "
+              "generate_series(1, 3) i;"_s
             + more);
         ASSERT_EQ(m_installation.serverCtl({u"stop"_s}), 0);
     }
@@ -255,6 +253,21 @@ TEST_F(LocalServerTest, ADataDirectoryWithOnlyHiddenEntriesIsMadeAnewAndANonEmpt
         + u" holds files but no complete database cluster (PG_VERSION or global/pg_control is missing). Move it "
           "aside, or remove it once it holds nothing you need; the next run then creates the cluster anew.\n"
           "[ERROR\t] <ts>: Failed to init Postgres service\n"_s));
+
+    // A cluster that initdb refuses to make is said with initdb's reason; nothing is kept.
+    QDir(m_installation.pgData()).removeRecursively();
+    ASSERT_TRUE(m_installation.provision(m_installation.port(), u"product"_s, u"local"_s, {u"user=pg_refused"_s}));
+    m_installation.handOverInstallation();
+    QFile::remove(m_installation.runLogPath());
+    EXPECT_EQ(m_installation.runTool().exitCode, 1);
+    EXPECT_TRUE(QRegularExpression(
+        u"^\\[ERROR\t\\] <ts>: initdb made no database cluster in %1: initdb ended with "
+        "status 1: [^\n]*\"pg_refused\"[^\n]*\\. Nothing was kept; remove the cause it "
+        "names and run again\\.\n\\[ERROR\t\\] <ts>: Failed to init Postgres service\n$"_s.arg(m_installation.pgData()))
+                    .match(m_installation.runLog())
+                    .hasMatch())
+        << m_installation.runLog().toStdString();
+    EXPECT_FALSE(QFileInfo::exists(m_installation.pgData()));
 }
 
 // Whatever holds the installation's port while its own server is down ends the run at once,
@@ -267,10 +280,9 @@ TEST_F(LocalServerTest, APortHeldByAnotherProgramEndsTheRunAtOnceAndConnectsToNo
     ASSERT_EQ(other.error(), QString());
     other.freshProductDatabase();
     const QString damaged = uR"({"a":"\ud800"})"_s;
-    other.sql(u"CREATE SCHEMA warehouse; CREATE TABLE warehouse.control_refresh (instance_id int, last_request_id "
-              "bigint); CREATE SCHEMA scan; CREATE TABLE scan.file (instance_id int, request_id bigint, "
-              "filetype_details text); INSERT INTO warehouse.control_refresh VALUES (1, 0); INSERT INTO scan.file "
-              "VALUES (1, 5, '"_s
+    other.sql(TestServer::productSchema()
+        + u"INSERT INTO warehouse.control_refresh VALUES (1, 0); INSERT INTO scan.file (instance_id, request_id, "
+          "filetype_details) VALUES (1, 5, '"_s
         + damaged + u"');"_s);
     QTcpServer silent;
     ASSERT_TRUE(silent.listen(QHostAddress::LocalHost));

@@ -308,6 +308,21 @@ TEST_F(ToolTest, InformationFileIsOpensslsCipherTextOfSortedJsonReadableByItsOwn
     EXPECT_TRUE(shown.out.contains("\"host\": \"db.example\"")) << shown.err.constData();
     EXPECT_TRUE(shown.out.contains("\"password\": \"********\"")) << "secrets are masked unless revealed";
     EXPECT_EQ(shown.err, "Information file: " + m_sandbox.information().toUtf8() + "\n");
+
+    // Secret files that every user may read are named. A rewrite keeps what the owner made of
+    // the file: its DACL on Windows; on POSIX it is the owner's alone again.
+    for (const QString &secret : {m_sandbox.information(), m_sandbox.key()})
+        ToolSandbox::exposeToEveryone(secret);
+    ASSERT_TRUE(m_sandbox.provision(server().port(), u"product"_s));
+#ifdef Q_OS_WIN
+    EXPECT_FALSE(ToolSandbox::ownerOnly(m_sandbox.information()));
+#else
+    EXPECT_TRUE(ToolSandbox::ownerOnly(m_sandbox.information()));
+#endif
+    const QByteArray exposed
+        = QDir::toNativeSeparators(m_sandbox.key()).toUtf8() + " may be read by every user of this machine";
+    EXPECT_TRUE(m_sandbox.runDbInfo({u"show"_s}).err.startsWith("WARNING: " + exposed));
+    EXPECT_TRUE(m_sandbox.runTool({u"--verbose"_s}).err.contains(exposed));
 }
 
 // A run log that cannot be written (a full disk) is said once, with the system's reason, and the

@@ -19,9 +19,7 @@ protected:
         if (!server().error().isEmpty())
             GTEST_SKIP() << "no test server: " << server().error().toStdString();
         server().freshProductDatabase();
-        sql(QStringLiteral("CREATE SCHEMA warehouse; CREATE TABLE warehouse.control_refresh (instance_id int PRIMARY "
-                           "KEY, last_request_id bigint); CREATE SCHEMA scan; CREATE TABLE scan.file (id serial "
-                           "PRIMARY KEY, instance_id int, request_id bigint, filetype_details text);"));
+        sql(TestServer::productSchema());
         m_sandbox.writeConfig(QByteArray());
         QDir().mkpath(m_sandbox.dataDirectory() + QStringLiteral("/logs"));
         ASSERT_TRUE(m_sandbox.provision(server().port(), QStringLiteral("product")));

@@ -129,6 +129,14 @@ void TestServer::freshProductDatabase() const
     sql(u"CREATE DATABASE product"_s, u"postgres"_s);
 }
 
+QString TestServer::productSchema()
+{
+    QFile file(QStringLiteral(ZENTRIX_FIXTURES_PATH "/product-schema.sql"));
+    if (!file.open(QIODevice::ReadOnly))
+        ADD_FAILURE() << "no fixture: " << file.fileName().toStdString();
+    return QString::fromUtf8(file.readAll());
+}
+
 QStringList TestServer::sql(const QString &statements, const QString &database) const
 {
     return sqlAt(m_port, statements, database);

@@ -45,6 +45,8 @@ public:
     QStringList sql(const QString &statements, const QString &database = QStringLiteral("product")) const;
     // Drops and creates the database "product".
     void freshProductDatabase() const;
+    // The statements that make the product's tables (tests/fixtures/product-schema.sql), empty.
+    static QString productSchema();
     // The same on any server on the loopback port that knows the test user.
     static QStringList sqlAt(int port, const QString &statements, const QString &database);
     // An open connection of the test user, registered under the given name.

@@ -13,6 +13,9 @@
 
 #ifdef Q_OS_WIN
 #include <windows.h>
+
+#include <aclapi.h>
+#include <sddl.h>
 #else
 #include <csignal>
 #endif
@@ -137,15 +140,53 @@ void ToolSandbox::write(const QString &path, const QByteArray &bytes)
         file.write(bytes);
 }
 
+#ifdef Q_OS_WIN
+namespace {
+// The file's owner and DACL in SDDL, read here with Windows' own calls.
+QString securityText(const QString &path)
+{
+    PSECURITY_DESCRIPTOR descriptor = nullptr;
+    LPWSTR text = nullptr;
+    const DWORD parts = OWNER_SECURITY_INFORMATION | DACL_SECURITY_INFORMATION;
+    if (GetNamedSecurityInfoW(reinterpret_cast<const wchar_t *>(path.utf16()), SE_FILE_OBJECT, parts, nullptr, nullptr,
+            nullptr, nullptr, &descriptor)
+        != ERROR_SUCCESS)
+        return QString();
+    ConvertSecurityDescriptorToStringSecurityDescriptorW(descriptor, SDDL_REVISION_1, parts, &text, nullptr);
+    const QString result = QString::fromWCharArray(text);
+    LocalFree(text);
+    LocalFree(descriptor);
+    return result;
+}
+} // namespace
+
 bool ToolSandbox::ownerOnly(const QString &path)
 {
-#ifdef Q_OS_WIN
-    Q_UNUSED(path);
-    return true;
-#else
-    return (QFile::permissions(path) & 0x0077) == 0;
-#endif
+    const QString text = securityText(path);
+    return !text.isEmpty() && !text.contains(QRegularExpression(u"\\(A;[^)]*;(WD|AU|BU)\\)"_s));
 }
+
+void ToolSandbox::exposeToEveryone(const QString &path)
+{
+    const QString owner = securityText(path).section(u"D:"_s, 0, 0);
+    const QString text = owner + u"D:(A;;FA;;;%1)(A;;FR;;;WD)"_s.arg(owner.mid(2));
+    PSECURITY_DESCRIPTOR descriptor = nullptr;
+    ConvertStringSecurityDescriptorToSecurityDescriptorW(
+        reinterpret_cast<const wchar_t *>(text.utf16()), SDDL_REVISION_1, &descriptor, nullptr);
+    SetFileSecurityW(reinterpret_cast<const wchar_t *>(path.utf16()), DACL_SECURITY_INFORMATION, descriptor);
+    LocalFree(descriptor);
+}
+#else
+bool ToolSandbox::ownerOnly(const QString &path)
+{
+    return (QFile::permissions(path) & 0x0077) == 0;
+}
+
+void ToolSandbox::exposeToEveryone(const QString &path)
+{
+    QFile::setPermissions(path, QFile::permissions(path) | QFileDevice::ReadGroup | QFileDevice::ReadOther);
+}
+#endif
 
 namespace {
 // libcrypto's own cipher, where the openssl program cannot be run (the Windows test programs

@@ -51,8 +51,11 @@ public:
     // The openssl command line's triple DES in 8-bit CFB with the key file's keys, the first as IV.
     static QByteArray openssl(const QString &keyFile, const QByteArray &input, bool decrypt = false);
     static void write(const QString &path, const QByteArray &bytes);
-    // Only group and other bits clear; where files carry no mode bits (Windows: ACLs), true.
+    // No one but the owner may read it: group and other bits clear, or on Windows no entry of
+    // the DACL for Everyone, Authenticated Users or Users.
     static bool ownerOnly(const QString &path);
+    // Lets every user read it, as a folder's inherited ACL or a careless chmod would.
+    static void exposeToEveryone(const QString &path);
 
 private:
     QTemporaryDir m_root;

@@ -98,23 +98,9 @@ void PosixServiceControl::stop()
     killLeftover();
 }
 
-PosixServiceControl::LockOwner PosixServiceControl::checkLockFile(qint64 *pid)
+ServiceControl::LockOwner PosixServiceControl::ownerOfLockFile(qint64 *pid) const
 {
-    qint64 named = 0;
-    const LockOwner owner = lockOwner(m_context.dataDirectory, &named);
-    if (pid)
-        *pid = named;
-    if (owner != LockOwner::Stranger)
-        return owner;
-    const bool setAside = PostmasterPidFile::setAside(m_context.dataDirectory);
-    log(setAside ? QStringLiteral("Stale lock file set aside as postmaster.pid.stale: process %1 is not a server of "
-                                  "this data directory")
-                       .arg(named)
-                 : QStringLiteral("Stale lock file could not be set aside: process %1 is not a server of this data "
-                                  "directory")
-                       .arg(named),
-        PostmasterPidFile::path(m_context.dataDirectory), PostgresLogLevel::Error);
-    return owner;
+    return lockOwner(m_context.dataDirectory, pid);
 }
 
 void PosixServiceControl::killLeftover()
@@ -127,7 +113,7 @@ void PosixServiceControl::killLeftover()
             PostgresLogLevel::Info);
 }
 
-PosixServiceControl::LockOwner PosixServiceControl::lockOwner(const QString &dataDirectory, qint64 *pid)
+ServiceControl::LockOwner PosixServiceControl::lockOwner(const QString &dataDirectory, qint64 *pid)
 {
     const PostmasterPidFile::Content lock = PostmasterPidFile::read(dataDirectory);
     if (pid)

@@ -1,5 +1,7 @@
 #include "core/server/control/ServiceControl.h"
 
+#include "core/server/PostmasterPidFile.h"
+
 #include <QtGlobal>
 
 #ifdef Q_OS_WIN
@@ -22,6 +24,25 @@ void ServiceControl::log(const QString &message, const QString &detail, Postgres
 {
     if (m_context.relay)
         m_context.relay->log(message, detail, level);
+}
+
+ServiceControl::LockOwner ServiceControl::checkLockFile(qint64 *pid)
+{
+    qint64 named = 0;
+    const LockOwner owner = ownerOfLockFile(&named);
+    if (pid)
+        *pid = named;
+    if (owner != LockOwner::Stranger)
+        return owner;
+    const bool setAside = PostmasterPidFile::setAside(m_context.dataDirectory);
+    log(setAside ? QStringLiteral("Stale lock file set aside as postmaster.pid.stale: process %1 is not a server of "
+                                  "this data directory")
+                       .arg(named)
+                 : QStringLiteral("Stale lock file could not be set aside: process %1 is not a server of this data "
+                                  "directory")
+                       .arg(named),
+        PostmasterPidFile::path(m_context.dataDirectory), PostgresLogLevel::Error);
+    return owner;
 }
 
 int ServiceControl::status()

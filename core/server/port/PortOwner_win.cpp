@@ -1,5 +1,7 @@
 #include "core/server/port/PortOwner.h"
 
+#include "core/server/process/ProcessIdentity.h"
+
 #include <QFileInfo>
 
 #include <vector>
@@ -14,18 +16,6 @@
 namespace core {
 
 namespace {
-QString programOf(DWORD pid)
-{
-    const HANDLE process = OpenProcess(PROCESS_QUERY_LIMITED_INFORMATION, FALSE, pid);
-    if (!process)
-        return QString();
-    wchar_t path[MAX_PATH] = {};
-    DWORD size = MAX_PATH;
-    const bool known = QueryFullProcessImageNameW(process, 0, path, &size);
-    CloseHandle(process);
-    return known ? QFileInfo(QString::fromWCharArray(path, static_cast<int>(size))).fileName() : QString();
-}
-
 // The owner of the first listening IPv4 socket on the port, from the system's TCP table.
 DWORD listeningProcess(quint16 port)
 {
@@ -47,7 +37,7 @@ DWORD listeningProcess(quint16 port)
 QString PortOwner::describe(const QHostAddress &, quint16 port)
 {
     const DWORD pid = listeningProcess(port);
-    return format(pid, pid ? programOf(pid) : QString());
+    return format(pid, pid ? QFileInfo(ProcessIdentity::of(pid).image).fileName() : QString());
 }
 
 } // namespace core

@@ -1,0 +1,24 @@
+#pragma once
+
+#include <QSettings>
+#include <QString>
+#include <QVariant>
+
+namespace config {
+
+// The Windows registry as the product's installers write it, which the settings class reads
+// only in part: a 32-bit installer writes into the registry's 32-bit view alone
+// (HKLM\Software\WOW6432Node), and paths come as REG_EXPAND_SZ ("%ProgramFiles%\...").
+class Registry
+{
+public:
+    // The format to open settings of this name and format in: Registry32Format for a key that
+    // only the 32-bit view holds; otherwise the format itself.
+    static QSettings::Format viewOf(const QString &fileName, QSettings::Format format);
+    // The value read for the key, with the environment variables of a REG_EXPAND_SZ value
+    // expanded; any other value, and every value outside the registry, as it was read.
+    static QVariant expanded(
+        const QString &fileName, QSettings::Format format, const QString &key, const QVariant &value);
+};
+
+} // namespace config
