@@ -43,13 +43,8 @@ start_bench_server() {
 
     (cd "$work/work" && "$dbinfo" set host=127.0.0.1 port="$port" user=zentrix password="$password" type=remote \
         dbname=bench private_password=x >/dev/null)
-    sql -d bench <<'SQL'
-CREATE SCHEMA warehouse;
-CREATE TABLE warehouse.control_refresh (instance_id int PRIMARY KEY, last_request_id bigint);
-CREATE SCHEMA scan;
-CREATE TABLE scan.file (id bigint PRIMARY KEY, instance_id int, request_id bigint, filetype_details text);
-CREATE TABLE pristine (LIKE scan.file);
-SQL
+    sql -d bench -f "$top/tests/fixtures/product-schema.sql"
+    sql -d bench -c "CREATE TABLE pristine (LIKE scan.file)"
 }
 
 # "seed ROWS [INSTANCES] [EVERY]": about 1 KB of file-type details per row, spread evenly over

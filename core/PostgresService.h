@@ -80,6 +80,8 @@ public:
 
     // Told every message and the reasons of failures (see PostgresLogRelay::observer).
     void setObserver(std::function<void(const QString &line)> observer) { m_relay.observer = std::move(observer); }
+    // Told what the run log must say of a run that goes on (see PostgresLogRelay::warning).
+    void setWarningSink(std::function<void(const QString &line)> sink) { m_relay.warning = std::move(sink); }
     // Asked during the long waits of init (cluster creation, start, readiness): true makes
     // init give up at once and leave nothing half-made.
     void setInterruptCheck(std::function<bool()> interrupted) { m_interrupted = std::move(interrupted); }

@@ -194,6 +194,7 @@ RunDriver::Outcome RunDriver::runStages(
     service.stopOnDestroy = true;
     service.auxiliaryStopOnDestroy = true;
     service.setObserver([&verbose](const QString &line) { verbose.line(line); });
+    service.setWarningSink([&log](const QString &line) { log.writeLine(RunLog::Warning, line); });
     service.setInterruptCheck(interrupted);
     const bool initialised = service.init(false, true, false);
     for (const QString &copy : service.keptInformationCopies())

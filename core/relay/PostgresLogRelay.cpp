@@ -79,4 +79,11 @@ void PostgresLogRelay::record(const QString &message, const QString &detail, Pos
     logger.record(row.severity, row.eventId, kCategory, QLatin1String(row.title), parameters);
 }
 
+void PostgresLogRelay::warn(const QString &message, const QString &detail) const
+{
+    log(message, detail, PostgresLogLevel::Error);
+    if (warning)
+        warning(message);
+}
+
 } // namespace core

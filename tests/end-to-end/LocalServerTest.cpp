@@ -190,6 +190,10 @@ TEST_F(LocalServerTest, LifecycleOfAManagedCluster)
     EXPECT_FALSE(m_installation.running());
     EXPECT_FALSE(stranger.waitForFinished(100)) << "the process named in the lock file lives";
     EXPECT_TRUE(QFile::exists(lock + u".stale"_s));
+    EXPECT_TRUE(m_installation.runLog().contains(
+        u"[WARNING] <ts>: Stale lock file set aside as postmaster.pid.stale: process %1 is not a server of this data "
+        "directory"_s.arg(stranger.processId())))
+        << m_installation.runLog().toStdString();
     EXPECT_EQ(ToolSandbox::read(victim), "precious");
     EXPECT_FALSE(QFileInfo(configPath).isSymLink());
     EXPECT_EQ(ToolSandbox::read(m_installation.information()), information) << "a later run generates nothing";

@@ -2,6 +2,7 @@
 
 #include "core/server/PostmasterPidFile.h"
 
+#include <QDir>
 #include <QtGlobal>
 
 #ifdef Q_OS_WIN
@@ -35,13 +36,17 @@ ServiceControl::LockOwner ServiceControl::checkLockFile(qint64 *pid)
     if (owner != LockOwner::Stranger)
         return owner;
     const bool setAside = PostmasterPidFile::setAside(m_context.dataDirectory);
-    log(setAside ? QStringLiteral("Stale lock file set aside as postmaster.pid.stale: process %1 is not a server of "
-                                  "this data directory")
-                       .arg(named)
-                 : QStringLiteral("Stale lock file could not be set aside: process %1 is not a server of this data "
-                                  "directory")
-                       .arg(named),
-        PostmasterPidFile::path(m_context.dataDirectory), PostgresLogLevel::Error);
+    const QString message = setAside
+        ? QStringLiteral("Stale lock file set aside as postmaster.pid.stale: process %1 is not a server of this data "
+                         "directory (its id was reused, as after a reboot); nothing was signalled. The .stale file "
+                         "is kept for your information only: delete it at will.")
+              .arg(named)
+        : QStringLiteral("Stale lock file could not be set aside: process %1 is not a server of this data directory; "
+                         "nothing was signalled. Move %2 aside by hand.")
+              .arg(named)
+              .arg(QDir::toNativeSeparators(PostmasterPidFile::path(m_context.dataDirectory)));
+    if (m_context.relay)
+        m_context.relay->warn(message, PostmasterPidFile::path(m_context.dataDirectory));
     return owner;
 }
 

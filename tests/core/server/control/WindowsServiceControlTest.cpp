@@ -27,6 +27,8 @@ struct Installation {
         context.pgCtlPath = root.filePath(u"bin/pg_ctl.exe"_s);
         context.dataDirectory = root.filePath(u"pg_data"_s);
         context.port = 5433;
+        relay.warning = [this](const QString &line) { warnings << line; };
+        context.relay = &relay;
         control
             = std::make_unique<core::WindowsServiceControl>(context, std::make_unique<RecordingProcessRunner>(script),
                 core::WindowsServiceControl::Limits{1000, 1000}, std::move(registration));
@@ -38,6 +40,9 @@ struct Installation {
     QString serverProgram() const { return root.filePath(u"bin/postgres.exe"_s); }
 
     QTemporaryDir root;
+    // What the run log would be told.
+    QStringList warnings;
+    core::PostgresLogRelay relay;
     core::ServiceContext context;
     const std::shared_ptr<RecordingProcessRunner::Script> script = std::make_shared<RecordingProcessRunner::Script>();
     std::unique_ptr<core::WindowsServiceControl> control;
@@ -154,6 +159,7 @@ TEST(WindowsServiceControlTest, StopKillsOnlyTheInstallationsOwnServer)
     for (const auto &c : cases) {
         SCOPED_TRACE(c.name);
         installation.script->lines.clear();
+        installation.warnings.clear();
         QFile::remove(installation.lockFile());
         QFile::remove(installation.lockFile() + u".stale"_s);
         if (!c.lockFile.isNull())
@@ -174,6 +180,9 @@ TEST(WindowsServiceControlTest, StopKillsOnlyTheInstallationsOwnServer)
         EXPECT_EQ(between.contains(status), QByteArray(c.name).startsWith("the server,"))
             << "the server's own state is waited for, and only its";
         EXPECT_EQ(QFile::exists(installation.lockFile() + u".stale"_s), c.setAside);
+        EXPECT_EQ(installation.warnings.filter(u"Stale lock file set aside as postmaster.pid.stale"_s).size(),
+            c.setAside ? 1 : 0)
+            << "said in the run log";
         EXPECT_EQ(stranger.state(), QProcess::Running);
     }
 }
