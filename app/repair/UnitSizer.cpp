@@ -9,7 +9,7 @@ const char *const UnitSizer::kTargetVariable = "ZENTRIX_UNIT_TARGET_MS";
 
 UnitSizer::UnitSizer(int slotsPerBlock)
     : m_slotsPerBlock(slotsPerBlock)
-    , m_size(kFirstBlocks * slotsPerBlock)
+    , m_size(kFirstSlots)
 {
     bool ok = false;
     const qint64 blocks = qEnvironmentVariable(kBlocksVariable).toLongLong(&ok);
