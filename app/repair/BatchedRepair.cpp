@@ -115,7 +115,9 @@ RepairStrategy::Result BatchedRepair::run(QSqlQuery &query, const WorkUnit &unit
                 .arg(m_cursor->text(unit),
                     QString::number(double(unit.end - unit.first) / m_table.slotsPerBlock(), 'f', 2)));
     if (result.ok)
-        m_cursor->sizer().measured(unit.end - unit.first, elapsed.elapsed());
+        m_cursor->sizer().measured(unit.end - unit.first, elapsed.elapsed(), result.rowsRead);
+    if (result.ok && result.rowsRead == 0)
+        m_cursor->heldNoRow(unit);
     return result;
 }
 

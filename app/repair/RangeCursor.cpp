@@ -47,11 +47,30 @@ bool RangeCursor::next(WorkUnit &unit)
         unit.kind = WorkUnit::Kind::Range;
         unit.relation = m_relation;
         unit.first = m_position;
-        unit.end = std::min(m_position + m_sizer.size(), freeEnd);
+        unit.end = std::min(std::max(m_position + m_sizer.size(), restOfEmptyBlock()), freeEnd);
         m_position = unit.end;
         return true;
     }
     return false;
+}
+
+void RangeCursor::heldNoRow(const WorkUnit &unit)
+{
+    const qint64 slotsPerBlock = m_table.slotsPerBlock();
+    if (unit.kind != WorkUnit::Kind::Range || unit.end % slotsPerBlock == 0)
+        return;
+    const std::lock_guard<std::mutex> lock(m_emptyMutex);
+    m_emptyRelation = unit.relation;
+    m_emptyBlockEnd = (unit.end / slotsPerBlock + 1) * slotsPerBlock;
+}
+
+qint64 RangeCursor::restOfEmptyBlock()
+{
+    const std::lock_guard<std::mutex> lock(m_emptyMutex);
+    const bool inIt = m_emptyRelation == m_relation && m_position < m_emptyBlockEnd
+        && m_position >= m_emptyBlockEnd - m_table.slotsPerBlock();
+    m_emptyRelation = -1;
+    return inIt ? m_emptyBlockEnd : 0;
 }
 
 QString RangeCursor::tidOf(qint64 slot) const

@@ -8,6 +8,8 @@
 #include <QPair>
 #include <QVector>
 
+#include <mutex>
+
 // Hands out a run's ranges of row versions through the relations that hold scan.file's rows,
 // one after the other, each as large as the sizer says, none inside a range already done.
 // Blocks appended while the run goes on (rows the product writes, new versions of the rows the
@@ -25,6 +27,10 @@ public:
     // The next range; false when the relations are done.
     bool next(WorkUnit &unit);
     UnitSizer &sizer() { return m_sizer; }
+    // The range held no row: a block's row versions are numbered from its start, so the rest of
+    // the block most likely holds none either, and the next range reaches the block's end.
+    // Called by any connection.
+    void heldNoRow(const WorkUnit &unit);
 
     QString tidOf(qint64 slot) const;
     // "(a,b) to (c,d) of <relation>".
@@ -32,6 +38,9 @@ public:
 
 private:
     qint64 endOf(int relation) const;
+    // The end of the block a range that held no row ended in, when the next range begins in it;
+    // else 0.
+    qint64 restOfEmptyBlock();
 
     const ScanTable &m_table;
     UnitSizer m_sizer;
@@ -39,4 +48,7 @@ private:
     QHash<int, Ranges> m_done;
     int m_relation = 0;
     qint64 m_position = 0;
+    std::mutex m_emptyMutex;
+    int m_emptyRelation = -1;
+    qint64 m_emptyBlockEnd = 0;
 };

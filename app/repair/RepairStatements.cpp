@@ -167,6 +167,14 @@ QString RepairStatements::journaledUpdate(const QString &column, const QString &
             records);
 }
 
+// Adds to a statement counting rows changed per instance a row with no instance and the rows
+// the range held as the statement began: what the time of a range is spent on, which its size
+// in row versions does not say (the end of a block may hold none).
+QString RepairStatements::countingRead(const QString &counted, const QString &relation, const QString &where)
+{
+    return QStringLiteral("%1 UNION ALL SELECT NULL, count(*) FROM %2 WHERE %3").arg(counted, relation, where);
+}
+
 // ctid, instance id, and the server process holding the row locked (its transaction is the
 // row's xmax), of the rows still to change among the given ones.
 QString RepairStatements::rowsToChange(

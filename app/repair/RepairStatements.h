@@ -41,6 +41,9 @@ public:
     // written, key the keyArray given, original the text replaced.
     static QString journaledUpdate(const QString &column, const QString &relation, const QStringList &instanceIds,
         const QString &where, bool skipLocked, const QString &keyArray, const QString &records);
+    // The counting statement given, with one more row: no instance, and the rows of relation
+    // that where selects.
+    static QString countingRead(const QString &counted, const QString &relation, const QString &where);
     static QString rowsToChange(
         const QString &column, const QString &relation, const QStringList &instanceIds, const QString &where);
 };

@@ -25,6 +25,8 @@ public:
         QVector<WorkUnit> more;
         // Rows the unit had to leave (locked by another session until its last try).
         QVector<RunTally::LeftRow> left;
+        // Rows the unit's range held when it ran, where the mode counts them; -1 otherwise.
+        qint64 rowsRead = -1;
     };
 
     virtual ~RepairStrategy() = default;

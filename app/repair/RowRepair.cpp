@@ -53,15 +53,20 @@ QString RowRepair::relationOf(const WorkUnit &unit) const
 QString RowRepair::statement(const WorkUnit &unit, const QString &where, bool lastTry) const
 {
     const QString relation = relationOf(unit);
-    if (!m_journal)
-        return lastTry ? RepairStatements::updateSkippingLocked(InstanceLines::kColumn, relation, idsOf(unit), where)
-                       : RepairStatements::update(InstanceLines::kColumn, relation, idsOf(unit), where);
+    const bool range = unit.kind == WorkUnit::Kind::Range;
+    if (!m_journal) {
+        const QString update = lastTry
+            ? RepairStatements::updateSkippingLocked(InstanceLines::kColumn, relation, idsOf(unit), where)
+            : RepairStatements::update(InstanceLines::kColumn, relation, idsOf(unit), where);
+        return range ? RepairStatements::countingRead(update, relation, where) : update;
+    }
     QString records = m_journal->records(relation);
     // A range is done when its one statement commits; the parts of a split one are not a range.
-    if (unit.kind == WorkUnit::Kind::Range)
+    if (range)
         records += QStringLiteral(", ") + m_journal->rangeRecord(relation, unit.first, unit.end);
-    return RepairStatements::journaledUpdate(
+    const QString update = RepairStatements::journaledUpdate(
         InstanceLines::kColumn, relation, idsOf(unit), where, lastTry, m_table.keyArray(QStringLiteral("f")), records);
+    return range ? RepairStatements::countingRead(update, relation, where) : update;
 }
 
 RepairStrategy::Result RowRepair::repair(
@@ -75,6 +80,10 @@ RepairStrategy::Result RowRepair::repair(
     result.ok = query.exec(statement(unit, where, lastTry));
     qint64 changed = 0;
     while (result.ok && query.next()) {
+        if (query.value(0).isNull()) {
+            result.rowsRead = query.value(1).toLongLong();
+            continue;
+        }
         result.changed[query.value(0).toString()] += query.value(1).toLongLong();
         changed += query.value(1).toLongLong();
     }

@@ -9,7 +9,7 @@ const char *const UnitSizer::kTargetVariable = "ZENTRIX_UNIT_TARGET_MS";
 
 UnitSizer::UnitSizer(int slotsPerBlock)
     : m_slotsPerBlock(slotsPerBlock)
-    , m_size(kFirstSlots)
+    , m_size(kFirstBlocks * slotsPerBlock)
 {
     bool ok = false;
     const qint64 blocks = qEnvironmentVariable(kBlocksVariable).toLongLong(&ok);
@@ -28,12 +28,21 @@ qint64 UnitSizer::size() const
     return m_size;
 }
 
-void UnitSizer::measured(qint64 slotCount, qint64 elapsedMs)
+void UnitSizer::measured(qint64 slotCount, qint64 elapsedMs, qint64 rowsRead)
 {
     if (m_fixed || slotCount <= 0)
         return;
     const std::lock_guard<std::mutex> lock(m_mutex);
-    const qint64 fitting = slotCount * m_targetMs / std::max<qint64>(elapsedMs, 1);
+    // A range that held no row took only what every statement takes (the round trip, a
+    // statement trigger): not work that a smaller range would save. Grown from it, the next
+    // range could land on a full block of large rows.
+    if (rowsRead == 0) {
+        m_overheadMs = m_overheadKnown ? std::min(m_overheadMs, elapsedMs) : elapsedMs;
+        m_overheadKnown = true;
+        return;
+    }
+    const qint64 workMs = std::max<qint64>(elapsedMs - m_overheadMs, 1);
+    const qint64 fitting = slotCount * m_targetMs / workMs;
     // A short range at the end of a relation says little about a longer one.
     const qint64 grown = std::max(m_size, slotCount) * 2;
     m_size = std::clamp<qint64>(std::min(fitting, grown), 1, kMostBlocks * m_slotsPerBlock);

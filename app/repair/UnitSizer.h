@@ -15,8 +15,9 @@ public:
     // the range's commit, so its longest wait is about this; from 100 ms to 500 ms the repair's
     // own time was the same, while the writer's longest wait grew from 60 ms to 560 ms.
     static constexpr qint64 kTargetMs = 100;
-    // The first range holds one row at most: a block of a few large rows may take seconds.
-    static constexpr qint64 kFirstSlots = 2;
+    // Smaller first ranges cost a statement each for every range of a relation the run cannot
+    // measure (one held locked all through the run); a block of large rows takes about a second.
+    static constexpr qint64 kFirstBlocks = 1;
     // A bound on what one statement reads, whatever it measured.
     static constexpr qint64 kMostBlocks = 16384;
     // Forces a fixed size in blocks, for tests and for measuring.
@@ -28,8 +29,8 @@ public:
 
     qint64 size() const;
     bool fixed() const { return m_fixed; }
-    // A range of the given slotCount took elapsedMs.
-    void measured(qint64 slotCount, qint64 elapsedMs);
+    // A range of the given slotCount took elapsedMs; rowsRead: the rows it held, -1 unknown.
+    void measured(qint64 slotCount, qint64 elapsedMs, qint64 rowsRead = -1);
 
 private:
     const int m_slotsPerBlock;
@@ -37,4 +38,7 @@ private:
     bool m_fixed = false;
     mutable std::mutex m_mutex;
     qint64 m_size = 0;
+    // What a range that held no row took: none measured yet.
+    qint64 m_overheadMs = 0;
+    bool m_overheadKnown = false;
 };

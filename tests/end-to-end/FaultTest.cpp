@@ -108,9 +108,10 @@ TEST_F(ToolTest, AnInterruptedPassKeepsWhatItCommittedWholeAndTheNextRunComplete
         sql(u"DROP TRIGGER slow ON scan.file; CREATE TABLE before AS SELECT id, xmin::text AS x, filetype_details = "
             "%1 AS done FROM scan.file"_s.arg(quoted(kFixed)));
         const bool journaled = arguments == QStringList{u"--journal"_s};
-        if (journaled)
+        if (journaled) {
             EXPECT_EQ(sql(fixed), sql(u"SELECT count(*) FROM zentrix_normalizer.original"_s))
                 << "a repaired row without its original";
+        }
         const ToolSandbox::Result next = m_sandbox.runTool(arguments);
         EXPECT_EQ(next.exitCode, 0);
         EXPECT_EQ(next.out.contains("Resuming run 1: "), journaled) << next.out.constData();
