@@ -116,6 +116,8 @@ RepairStrategy::Result BatchedRepair::run(QSqlQuery &query, const WorkUnit &unit
                     QString::number(double(unit.end - unit.first) / m_table.slotsPerBlock(), 'f', 2)));
     if (result.ok)
         m_cursor->sizer().measured(unit.end - unit.first, elapsed.elapsed(), result.rowsRead);
+    else
+        m_cursor->sizer().failed();
     if (result.ok && result.rowsRead == 0)
         m_cursor->heldNoRow(unit);
     return result;

@@ -25,7 +25,13 @@ UnitSizer::UnitSizer(int slotsPerBlock)
 qint64 UnitSizer::size() const
 {
     const std::lock_guard<std::mutex> lock(m_mutex);
-    return m_size;
+    return m_fixed || m_measured ? m_size : std::min(kFirstSlots, m_size);
+}
+
+void UnitSizer::failed()
+{
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    m_measured = true;
 }
 
 void UnitSizer::measured(qint64 slotCount, qint64 elapsedMs, qint64 rowsRead)
@@ -41,6 +47,7 @@ void UnitSizer::measured(qint64 slotCount, qint64 elapsedMs, qint64 rowsRead)
         m_overheadKnown = true;
         return;
     }
+    m_measured = true;
     const qint64 workMs = std::max<qint64>(elapsedMs - m_overheadMs, 1);
     const qint64 fitting = slotCount * m_targetMs / workMs;
     // A short range at the end of a relation says little about a longer one.

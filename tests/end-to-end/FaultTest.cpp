@@ -397,6 +397,16 @@ TEST_F(ToolTest, TheToolsModesFinishTheirJobUnderFieldFaults)
             const QString log = QString::fromUtf8(ToolSandbox::read(m_sandbox.runLogPath()))
                                     .replace(QRegularExpression(u"\\d{4}\\.\\d\\d\\.\\d\\d [0-9:.]{12}"_s), u"<ts>"_s);
             EXPECT_TRUE(log.contains(QString::fromUtf8(c.logHas).replace(u"%1"_s, middle))) << log.toStdString();
+            if (c.disturbance == HoldPartition) {
+                // A relation no range of which could be measured is still taken about a block at a time.
+                QRegularExpressionMatch coverage;
+                auto coverages = QRegularExpression(u"of (\\d+) blocks .* of (\\d+) batches"_s).globalMatch(log);
+                while (coverages.hasNext())
+                    coverage = coverages.next();
+                ASSERT_TRUE(coverage.hasMatch()) << log.toStdString();
+                EXPECT_LE(coverage.captured(2).toInt(), coverage.captured(1).toInt() + 4)
+                    << coverage.captured(0).toStdString();
+            }
             m_sandbox.provision(server().port(), u"product"_s);
         }
     }

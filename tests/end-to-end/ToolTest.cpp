@@ -169,7 +169,9 @@ TEST_F(ToolTest, RunOutcomes)
             }
             EXPECT_FALSE(result.crashed);
             EXPECT_EQ(result.exitCode, c.exitCode);
-            const auto ordered = [&c](const QString &text) {
+            // How many ranges a table is cut into follows what the first ones took.
+            const auto ordered = [&c](QString text) {
+                text.replace(QRegularExpression(u"in (\\d+) of \\1 batches"_s), u"in all batches"_s);
                 QStringList lines = text.split(QLatin1Char('\n'));
                 if (c.unordered)
                     lines.sort();

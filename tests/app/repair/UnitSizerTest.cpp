@@ -39,7 +39,10 @@ TEST_P(UnitSizerTest, SizesTheNextRangeFromWhatTheLastOnesTook)
 }
 
 INSTANTIATE_TEST_SUITE_P(Ranges, UnitSizerTest,
-    testing::Values(SizerCase{"FirstIsOneBlock", {}, UnitSizer::kFirstBlocks *kSlotsPerBlock},
+    testing::Values(SizerCase{"FirstAreAFewRows", {}, UnitSizer::kFirstSlots},
+        SizerCase{"RangesThatHeldNoRowMeasureNothing", {{UnitSizer::kFirstSlots, 1, 0}}, UnitSizer::kFirstSlots},
+        // A block of 120 rows of 400 KB, each taking 20 ms: the first measure shrinks to five rows.
+        SizerCase{"FirstFewLargeRowsShrinkAtOnce", {{UnitSizer::kFirstSlots, 16 * 20, 16}}, 5},
         SizerCase{"QuickOneGrowsAtMostTwofold", {{kSlotsPerBlock, 1, 7}}, 2 * kSlotsPerBlock},
         SizerCase{"QuickOnesGrowTwofoldEach",
             {{kSlotsPerBlock, 1, 7}, {2 * kSlotsPerBlock, 1, 14}, {4 * kSlotsPerBlock, 1, 28}}, 8 * kSlotsPerBlock},
@@ -56,6 +59,13 @@ INSTANTIATE_TEST_SUITE_P(Ranges, UnitSizerTest,
         SizerCase{"NeverBelowOneSlot", {{2, 1000 * kTarget, 1}}, 1},
         SizerCase{"NeverOverTheBlockBound", {{kBound, 1, 1000}, {kBound, 1, 1000}}, kBound}),
     [](const testing::TestParamInfo<SizerCase> &info) { return info.param.name; });
+
+TEST(UnitSizerFailed, AFailedRangeEndsTheFirstFewRows)
+{
+    UnitSizer sizer(kSlotsPerBlock);
+    sizer.failed();
+    EXPECT_EQ(sizer.size(), UnitSizer::kFirstBlocks * kSlotsPerBlock);
+}
 
 TEST(UnitSizerFixed, ForcedBlocksIgnoreWhatRangesTook)
 {
