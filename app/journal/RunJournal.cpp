@@ -2,6 +2,8 @@
 
 #include "app/repair/RepairStatements.h"
 
+#include <QJsonArray>
+#include <QJsonDocument>
 #include <QSqlError>
 #include <QSqlQuery>
 #include <QStringList>
@@ -32,6 +34,13 @@ const QStringList kCreate = {
     QStringLiteral("CREATE INDEX IF NOT EXISTS original_run ON zentrix_normalizer.original (run, seq)"),
     QStringLiteral("CREATE TABLE IF NOT EXISTS zentrix_normalizer.left_row (run int NOT NULL, at timestamptz NOT NULL "
                    "DEFAULT clock_timestamp(), instance text, row text NOT NULL, reason text NOT NULL)"),
+    // What a resumed run needs to know whether a committed range still holds the rows it held: the
+    // snapshot the run began with, the instances it repaired, and the file each range was read in
+    // (VACUUM FULL, CLUSTER and table rewrites move every row into a new one). Journals of earlier
+    // versions get them empty, and their ranges are then done again.
+    QStringLiteral("ALTER TABLE zentrix_normalizer.run ADD COLUMN IF NOT EXISTS since bigint, ADD COLUMN IF NOT "
+                   "EXISTS instances text[]"),
+    QStringLiteral("ALTER TABLE zentrix_normalizer.range ADD COLUMN IF NOT EXISTS filenode oid"),
 };
 } // namespace
 
@@ -41,7 +50,7 @@ bool RunJournal::exists(QSqlQuery &query)
         && query.value(0).toBool();
 }
 
-bool RunJournal::open(QSqlQuery &query, const QString &options)
+bool RunJournal::open(QSqlQuery &query, const QString &options, qint64 since, const QStringList &instances)
 {
     for (const QString &statement : kCreate) {
         if (!query.exec(statement)) {
@@ -49,14 +58,17 @@ bool RunJournal::open(QSqlQuery &query, const QString &options)
             return false;
         }
     }
-    if (!query.exec(QStringLiteral("SELECT id FROM zentrix_normalizer.run WHERE state IN ('running', 'interrupted') "
-                                   "ORDER BY id DESC LIMIT 1"))) {
+    if (!query.exec(QStringLiteral("SELECT id, since, array_to_json(instances) FROM zentrix_normalizer.run "
+                                   "WHERE state IN ('running', 'interrupted') ORDER BY id DESC LIMIT 1"))) {
         m_error = query.lastError().databaseText().simplified();
         return false;
     }
     if (query.next()) {
         m_run = query.value(0).toInt();
         m_resumed = true;
+        m_since = query.value(1).isNull() ? -1 : query.value(1).toLongLong();
+        for (const QJsonValue &instance : QJsonDocument::fromJson(query.value(2).toString().toUtf8()).array())
+            m_instances << instance.toString();
         if (!query.exec(QStringLiteral("UPDATE zentrix_normalizer.run SET state = 'running' WHERE id = %1").arg(m_run))
             || !readCommitted(query)) {
             m_error = query.lastError().databaseText().simplified();
@@ -64,8 +76,16 @@ bool RunJournal::open(QSqlQuery &query, const QString &options)
         }
         return true;
     }
-    if (!query.exec(QStringLiteral("INSERT INTO zentrix_normalizer.run (options) VALUES (%1) RETURNING id")
-                        .arg(RepairStatements::literal(options)))
+    QStringList literals;
+    for (const QString &instance : instances)
+        literals << RepairStatements::literal(instance);
+    m_since = since;
+    m_instances = instances;
+    if (!query.exec(QStringLiteral("INSERT INTO zentrix_normalizer.run (options, since, instances) VALUES (%1, %2, "
+                                   "ARRAY[%3]::text[]) RETURNING id")
+                        .arg(RepairStatements::literal(options))
+                        .arg(since)
+                        .arg(literals.join(QLatin1Char(','))))
         || !query.next()) {
         m_error = query.lastError().databaseText().simplified();
         return false;
@@ -76,12 +96,13 @@ bool RunJournal::open(QSqlQuery &query, const QString &options)
 
 bool RunJournal::readCommitted(QSqlQuery &query)
 {
-    if (!query.exec(QStringLiteral("SELECT relation, first, \"end\" FROM zentrix_normalizer.range WHERE run = %1 "
-                                   "ORDER BY relation, first")
+    if (!query.exec(QStringLiteral("SELECT relation, first, \"end\", filenode FROM zentrix_normalizer.range WHERE "
+                                   "run = %1 ORDER BY relation, first")
                         .arg(m_run)))
         return false;
     while (query.next())
-        m_committed[query.value(0).toString()].append({query.value(1).toLongLong(), query.value(2).toLongLong()});
+        m_committed[query.value(0).toString()][query.value(3).toString()].append(
+            {query.value(1).toLongLong(), query.value(2).toLongLong()});
     if (!query.exec(QStringLiteral("SELECT count(*) FROM zentrix_normalizer.original WHERE run = %1").arg(m_run))
         || !query.next())
         return false;
@@ -99,8 +120,8 @@ QString RunJournal::records(const QString &relation) const
 
 QString RunJournal::rangeRecord(const QString &relation, qint64 first, qint64 end) const
 {
-    return QStringLiteral("done AS (INSERT INTO zentrix_normalizer.range (run, relation, first, \"end\") VALUES (%1, "
-                          "%2, %3, %4))")
+    return QStringLiteral("done AS (INSERT INTO zentrix_normalizer.range (run, relation, first, \"end\", filenode) "
+                          "VALUES (%1, %2, %3, %4, pg_relation_filenode(%2::regclass)))")
         .arg(m_run)
         .arg(RepairStatements::literal(relation))
         .arg(first)

@@ -3,6 +3,7 @@
 #include <QHash>
 #include <QPair>
 #include <QString>
+#include <QStringList>
 #include <QVector>
 
 class QSqlQuery;
@@ -31,13 +32,19 @@ public:
     static bool exists(QSqlQuery &query);
 
     // Creates the schema on first use, then resumes the newest unfinished run or begins a new
-    // one; false with the server's words in error().
-    bool open(QSqlQuery &query, const QString &options);
+    // one (since: the xmin of the snapshot it begins with; instances: the ids it repairs); false
+    // with the server's words in error().
+    bool open(QSqlQuery &query, const QString &options, qint64 since, const QStringList &instances);
     QString error() const { return m_error; }
     int run() const { return m_run; }
     bool resumed() const { return m_resumed; }
-    // The ranges of row slots the resumed run committed, per relation.
-    const QHash<QString, Ranges> &committed() const { return m_committed; }
+    // The ranges of row slots the resumed run committed, per relation and per file of the relation
+    // they were read in.
+    const QHash<QString, QHash<QString, Ranges>> &committed() const { return m_committed; }
+    // The xmin of the snapshot the run began with, -1 when the journal does not know it.
+    qint64 since() const { return m_since; }
+    // The instance ids the run began with.
+    const QStringList &instances() const { return m_instances; }
     qint64 rowsChangedBefore() const { return m_rowsChangedBefore; }
 
     // The common table expressions that record what an UPDATE named "changed" changed, which
@@ -55,6 +62,8 @@ private:
     QString m_error;
     int m_run = 0;
     bool m_resumed = false;
-    QHash<QString, Ranges> m_committed;
+    QHash<QString, QHash<QString, Ranges>> m_committed;
+    qint64 m_since = -1;
+    QStringList m_instances;
     qint64 m_rowsChangedBefore = 0;
 };

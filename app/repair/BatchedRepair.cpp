@@ -28,10 +28,68 @@ bool BatchedRepair::prepare(QSqlQuery &query)
         return true;
     if (!readTable(query))
         return false;
+    qint64 since = 0;
+    if (!readSnapshotXmin(query, since)) {
+        const QString line = QStringLiteral("%1 cannot read the server's snapshot. %2")
+                                 .arg(m_option, query.lastError().databaseText().simplified());
+        Console::err(QStringLiteral("ERROR: ") + line);
+        m_log.writeLine(RunLog::Error, line);
+        return false;
+    }
     m_mainQuery = &query;
     m_cursor = std::make_unique<RangeCursor>(m_table);
+    m_since = QVector<qint64>(m_table.relations().size(), since);
+    for (const ScanTable::Relation &relation : m_table.relations())
+        m_filenodes << relation.filenode;
     m_progress.setTotal(m_cursor->totalSlots(), QStringLiteral("scan.file"));
-    return !m_journal || openJournal(query);
+    return !m_journal || openJournal(query, since);
+}
+
+bool BatchedRepair::readSnapshotXmin(QSqlQuery &query, qint64 &xmin)
+{
+    if (!query.exec(QStringLiteral("SELECT pg_snapshot_xmin(pg_current_snapshot())::text::bigint")) || !query.next())
+        return false;
+    xmin = query.value(0).toLongLong();
+    return true;
+}
+
+namespace {
+constexpr qint64 kXidSpace = Q_INT64_C(4294967296);
+constexpr qint64 kXidHalf = Q_INT64_C(2147483648);
+
+// A 32-bit transaction id is newer than a full one, as the server compares them.
+bool newer(qint64 xid, qint64 than)
+{
+    const qint64 distance = (xid - than % kXidSpace + kXidSpace) % kXidSpace;
+    return distance != 0 && distance < kXidHalf;
+}
+} // namespace
+
+// A vacuum freezes the rows older than its freeze limit, the oldest running transaction less
+// vacuum_freeze_min_age (or the table's own setting; 0 for VACUUM FREEZE, which then moves
+// relfrozenxid past them): while fewer transactions than that have begun since, and relfrozenxid
+// is not newer, none of the rows written since can be frozen.
+bool BatchedRepair::sinceHolds(QSqlQuery &query, int relation, qint64 since, QString *filenodeNow) const
+{
+    const QString state = QStringLiteral(
+        "SELECT pg_relation_filenode(c.oid), c.relfrozenxid::text::bigint, "
+        "pg_snapshot_xmax(pg_current_snapshot())::text::bigint, "
+        "least(current_setting('vacuum_freeze_min_age')::bigint, coalesce((SELECT option_value::bigint FROM "
+        "pg_options_to_table(c.reloptions) WHERE option_name = 'autovacuum_freeze_min_age'), "
+        "current_setting('vacuum_freeze_min_age')::bigint)) FROM pg_class c WHERE c.oid = %1::regclass");
+    if (!query.exec(state.arg(RepairStatements::literal(m_table.relations()[relation].name))) || !query.next())
+        return false;
+    if (filenodeNow)
+        *filenodeNow = query.value(0).toString();
+    if (since < 0)
+        return false;
+    QString filenode;
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        filenode = m_filenodes.value(relation);
+    }
+    return query.value(0).toString() == filenode && !newer(query.value(1).toLongLong(), since)
+        && query.value(2).toLongLong() - since < query.value(3).toLongLong();
 }
 
 bool BatchedRepair::checkServer(QSqlQuery &query, RunLog &log, const QString &option)
@@ -50,10 +108,13 @@ bool BatchedRepair::checkServer(QSqlQuery &query, RunLog &log, const QString &op
     return false;
 }
 
-// A resumed run's committed ranges are done: they count as covered, and no unit is made of them.
-bool BatchedRepair::openJournal(QSqlQuery &query)
+// A resumed run's committed ranges are done: they count as covered, and no unit is made of them,
+// where they still hold the rows they held: read in the relation's present file, and the rows
+// written into them since can be told. The rows written since the run began are read again at
+// its end, and so are the rows of instances it did not list then.
+bool BatchedRepair::openJournal(QSqlQuery &query, qint64 since)
 {
-    if (!m_journal->open(query, m_options)) {
+    if (!m_journal->open(query, m_options, since, m_instances.ids())) {
         const QString line = QStringLiteral("--journal cannot record the run in schema %1 of the database. %2")
                                  .arg(RunJournal::kSchema, m_journal->error());
         Console::err(QStringLiteral("ERROR: ") + line);
@@ -61,10 +122,17 @@ bool BatchedRepair::openJournal(QSqlQuery &query)
         return false;
     }
     qint64 done = 0;
-    for (auto it = m_journal->committed().cbegin(); it != m_journal->committed().cend(); ++it) {
-        const int relation = m_table.relationIndex(it.key());
-        if (relation >= 0)
-            done += m_cursor->skip(relation, it.value());
+    for (int relation = 0; relation < m_table.relations().size(); ++relation) {
+        const RangeCursor::Ranges committed
+            = m_journal->committed().value(m_table.relations()[relation].name).value(m_filenodes[relation]);
+        if (committed.isEmpty() || !sinceHolds(query, relation, m_journal->since()))
+            continue;
+        done += m_cursor->skip(relation, committed);
+        m_since[relation] = m_journal->since();
+    }
+    for (const QString &id : m_instances.ids()) {
+        if (!m_journal->instances().contains(id))
+            m_newInstances << id;
     }
     m_tally.cover(done);
     m_progress.advance(done, 0);
@@ -85,16 +153,65 @@ bool BatchedRepair::openJournal(QSqlQuery &query)
 
 bool BatchedRepair::nextUnit(WorkUnit &unit)
 {
-    if (!m_cursor || !m_cursor->next(unit))
+    if (!m_cursor)
         return false;
+    if (!m_pending.isEmpty()) {
+        unit = m_pending.takeFirst();
+        handOut(unit, -1);
+        return true;
+    }
+    if (m_cursor->next(unit)) {
+        handOut(unit, unit.end - unit.first);
+        return true;
+    }
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        if (m_open > 0)
+            return false;
+    }
+    if (!closingUnits())
+        return false;
+    unit = m_pending.takeFirst();
+    handOut(unit, -1);
+    return true;
+}
+
+void BatchedRepair::handOut(WorkUnit &unit, qint64 slotCount)
+{
     const std::lock_guard<std::mutex> lock(m_mutex);
     unit.origin = m_rangeSlots.size();
-    m_rangeSlots.append(unit.end - unit.first);
-    return true;
+    m_rangeSlots.append(slotCount);
+    m_ranges += slotCount >= 0;
+    ++m_open;
+}
+
+bool BatchedRepair::closingUnits()
+{
+    if (hasHeldRows(-1)) {
+        m_pending = heldRows(-1);
+        return true;
+    }
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        if (m_round > kClosingRounds || (m_round > 0 && !m_roundFound))
+            return false;
+        ++m_round;
+        m_roundFound = false;
+    }
+    for (int relation = 0; relation < m_table.relations().size(); ++relation) {
+        WorkUnit read;
+        read.kind = WorkUnit::Kind::WrittenSince;
+        read.relation = relation;
+        read.round = m_round;
+        m_pending.append(read);
+    }
+    return !m_pending.isEmpty();
 }
 
 QString BatchedRepair::step(const WorkUnit &unit) const
 {
+    if (unit.kind == WorkUnit::Kind::WrittenSince)
+        return QStringLiteral("rows of %1 written during the run, round %2").arg(relationOf(unit)).arg(unit.round);
     if (unit.kind == WorkUnit::Kind::Rows)
         return QStringLiteral("%1 rows of %2").arg(unit.tids.size()).arg(relationOf(unit));
     return m_cursor->text(unit);
@@ -102,6 +219,8 @@ QString BatchedRepair::step(const WorkUnit &unit) const
 
 RepairStrategy::Result BatchedRepair::run(QSqlQuery &query, const WorkUnit &unit)
 {
+    if (unit.kind == WorkUnit::Kind::WrittenSince)
+        return readWrittenSince(query, unit);
     if (unit.kind == WorkUnit::Kind::Rows) {
         if (unit.tids.isEmpty())
             return Result{true, {}, {}, {}};
@@ -120,13 +239,118 @@ RepairStrategy::Result BatchedRepair::run(QSqlQuery &query, const WorkUnit &unit
         m_cursor->sizer().failed();
     if (result.ok && result.rowsRead == 0)
         m_cursor->heldNoRow(unit);
+    if (result.ok && unit.round > 0) {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        for (const qint64 changed : result.changed)
+            m_roundChanged += changed;
+    }
     return result;
+}
+
+// Rows written since the relation's snapshot (or, where they cannot be told, every row), and in the
+// first round every row of an instance the run's start did not list; the read runs on the
+// server's parallel workers, which pass on only the few blocks found.
+RepairStrategy::Result BatchedRepair::readWrittenSince(QSqlQuery &query, const WorkUnit &unit)
+{
+    Result result;
+    qint64 next = 0;
+    if (!readSnapshotXmin(query, next))
+        return result;
+    qint64 since = 0;
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        since = m_since[unit.relation];
+    }
+    QString filenode;
+    const bool told = sinceHolds(query, unit.relation, since, &filenode);
+    QString which = told ? RepairStatements::writtenSince(since) : QStringLiteral("true");
+    if (unit.round == 1 && !m_newInstances.isEmpty()) {
+        QStringList literals;
+        for (const QString &id : m_newInstances)
+            literals << RepairStatements::literal(id);
+        which = QStringLiteral("(%1 OR instance_id IN (%2))").arg(which, literals.join(QLatin1Char(',')));
+    }
+    if (unit.round > kClosingRounds) {
+        leaveWrittenSince(query, unit, which, result);
+        return result;
+    }
+    query.setForwardOnly(true);
+    query.exec(QStringLiteral("SET parallel_tuple_cost = 0"));
+    result.ok = query.exec(
+        RepairStatements::blocksToChange(InstanceLines::kColumn, relationOf(unit), m_instances.ids(), which));
+    QVector<qint64> blocks;
+    while (result.ok && query.next())
+        blocks << query.value(0).toLongLong();
+    result.ok = result.ok && query.lastError().type() == QSqlError::NoError;
+    if (!result.ok)
+        return result;
+    query.exec(QStringLiteral("RESET parallel_tuple_cost"));
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        m_since[unit.relation] = next;
+        m_filenodes[unit.relation] = filenode;
+        m_roundFound = m_roundFound || !blocks.isEmpty();
+    }
+    result.more = rangesOfBlocks(blocks, unit);
+    if (!blocks.isEmpty())
+        m_log.writeLine(RunLog::Info,
+            QStringLiteral("Rows written during the run, round %1: %2 blocks of %3 hold rows to repair")
+                .arg(unit.round)
+                .arg(blocks.size())
+                .arg(relationOf(unit)));
+    return result;
+}
+
+// What the rounds could not repair: another session kept writing text to repair.
+void BatchedRepair::leaveWrittenSince(QSqlQuery &query, const WorkUnit &unit, const QString &which, Result &result)
+{
+    query.setForwardOnly(true);
+    result.ok = query.exec(
+        RepairStatements::rowVersionsToChange(InstanceLines::kColumn, relationOf(unit), m_instances.ids(), which));
+    QStringList tids;
+    while (result.ok && query.next())
+        tids << query.value(0).toString();
+    result.ok = result.ok && query.lastError().type() == QSqlError::NoError;
+    if (!result.ok)
+        return;
+    const QString reason = QStringLiteral("Another session wrote the row with text to repair during the run, "
+                                          "after the run had read the rows written meanwhile %1 times; a later run "
+                                          "repairs it.")
+                               .arg(kClosingRounds);
+    for (const QString &tid : tids)
+        leaveRow(query, m_table.describeRow(query, relationOf(unit), tid), reason);
+}
+
+// Runs of neighbouring blocks, each as one range of the relation's present size at most.
+QVector<WorkUnit> BatchedRepair::rangesOfBlocks(const QVector<qint64> &blocks, const WorkUnit &read) const
+{
+    const qint64 slotsPerBlock = m_table.slotsPerBlock();
+    const qint64 mostSlots = std::max(m_cursor->sizer().size(), slotsPerBlock);
+    QVector<WorkUnit> ranges;
+    for (const qint64 block : blocks) {
+        const qint64 first = block * slotsPerBlock;
+        if (!ranges.isEmpty() && ranges.last().end == first && ranges.last().end - ranges.last().first < mostSlots) {
+            ranges.last().end += slotsPerBlock;
+            continue;
+        }
+        WorkUnit range;
+        range.kind = WorkUnit::Kind::Range;
+        range.relation = read.relation;
+        range.round = read.round;
+        range.origin = read.origin;
+        range.first = first;
+        range.end = first + slotsPerBlock;
+        ranges.append(range);
+    }
+    return ranges;
 }
 
 // The rows to change of a range that failed, as one unit to split further; none to change any
 // more leaves an empty unit, which is done at once.
 QVector<WorkUnit> BatchedRepair::split(QSqlQuery &query, const WorkUnit &unit)
 {
+    if (unit.kind == WorkUnit::Kind::WrittenSince)
+        return {};
     if (unit.kind == WorkUnit::Kind::Rows)
         return splitRows(unit);
     query.setForwardOnly(true);
@@ -144,20 +368,28 @@ QVector<WorkUnit> BatchedRepair::split(QSqlQuery &query, const WorkUnit &unit)
 
 bool BatchedRepair::leave(QSqlQuery &query, const WorkUnit &unit, const ServerFailure &failure)
 {
-    const QString what = unit.kind == WorkUnit::Kind::Range
-        ? QStringLiteral("row versions %1").arg(m_cursor->text(unit))
-        : QStringLiteral("%1 rows of %2").arg(unit.tids.size()).arg(relationOf(unit));
+    QString what = QStringLiteral("%1 rows of %2").arg(unit.tids.size()).arg(relationOf(unit));
+    if (unit.kind == WorkUnit::Kind::Range)
+        what = QStringLiteral("row versions %1").arg(m_cursor->text(unit));
+    else if (unit.kind == WorkUnit::Kind::WrittenSince)
+        what = QStringLiteral("rows of %1 written during the run").arg(relationOf(unit));
     return leaveRows(query, unit, what, failure.words());
+}
+
+QString BatchedRepair::givenUp(const WorkUnit &unit) const
+{
+    return QStringLiteral("the rows of %1 not repaired yet").arg(relationOf(unit));
 }
 
 void BatchedRepair::rangeFinished(int origin, bool covered)
 {
-    if (!covered)
-        return;
     qint64 slotCount = 0;
     {
         const std::lock_guard<std::mutex> lock(m_mutex);
+        --m_open;
         slotCount = m_rangeSlots[origin];
+        if (!covered || slotCount < 0)
+            return;
         ++m_rangesDone;
     }
     m_tally.cover(slotCount);
@@ -185,7 +417,7 @@ void BatchedRepair::report(bool interrupted)
                            .arg(total / slotsPerBlock)
                            .arg(percent)
                            .arg(m_rangesDone)
-                           .arg(m_rangeSlots.size())
+                           .arg(m_ranges)
                            .arg(m_tally.totalChanged());
     if (!m_tally.leftRows().isEmpty())
         coverage += QStringLiteral(", rows left: %1").arg(m_tally.leftRows().size());
@@ -197,6 +429,10 @@ void BatchedRepair::report(bool interrupted)
         Console::err(coverage);
         m_log.writeLine(RunLog::Warning, coverage);
     }
+    if (m_roundChanged > 0)
+        m_log.writeLine(RunLog::Info,
+            QStringLiteral("Rows that other sessions wrote during the run and the run then repaired: %1")
+                .arg(m_roundChanged));
     if (!interrupted)
         reportLeft();
     // A run that stopped early is resumed by the next --journal run.

@@ -15,11 +15,23 @@
 // damage; a run that ends early keeps every committed range, and the next run finds only what is
 // left. An instance is no longer repaired all or nothing. With a journal (--journal) every change
 // is recorded with its original text, and the newest unfinished journaled run is resumed.
+//
+// A row that another session writes while the run goes on gets a new version wherever the table
+// has room: in a range already done, or past the end the run took at its start. Once the ranges
+// are done, the rows written since the run began are read again (by their xmin, which costs one
+// pass over the table that tests the text of those rows only) and the blocks that hold any to
+// repair are repaired as further ranges, in rounds, each reading what was written since the one
+// before.
 class BatchedRepair : public RowRepair
 {
 public:
     // A TID range scan reads a range of blocks only; older servers would read the whole table.
     static constexpr int kFirstServerWithRanges = 140000;
+    // Rounds over the rows written during the run that repair what they find; one more read then
+    // names what is still left. A round sees what was written while the one before ran, a few
+    // seconds' worth: with the product's writer at 200 updates/s the second round found none
+    // (docs/benchmarks.md), so a writer must keep writing text to repair to use them all.
+    static constexpr int kClosingRounds = 3;
 
     // journal: record the run there; options are the run's own, for its record.
     BatchedRepair(RunLog &log, const VerboseLog &verbose, Progress &progress, RunTally &tally,
@@ -37,15 +49,46 @@ public:
     // Refuses, with the run's own lines, a server that cannot read a table by ranges.
     static bool checkServer(QSqlQuery &query, RunLog &log, const QString &option);
 
+protected:
+    QString givenUp(const WorkUnit &unit) const override;
+
 private:
-    bool openJournal(QSqlQuery &query);
+    bool openJournal(QSqlQuery &query, qint64 since);
+    // The xmin of a snapshot taken now: every row written from here on has a newer xmin.
+    static bool readSnapshotXmin(QSqlQuery &query, qint64 &xmin);
+    // Whether the rows of relation written since the snapshot whose xmin is given can still be
+    // told by their xmin: the relation was not rewritten into a new file, and no vacuum may have
+    // frozen them (a frozen row reads as the oldest of all).
+    // filenodeNow: the relation's present file, where it could be read.
+    bool sinceHolds(QSqlQuery &query, int relation, qint64 since, QString *filenodeNow = nullptr) const;
+    Result readWrittenSince(QSqlQuery &query, const WorkUnit &unit);
+    void leaveWrittenSince(QSqlQuery &query, const WorkUnit &unit, const QString &which, Result &result);
+    QVector<WorkUnit> rangesOfBlocks(const QVector<qint64> &blocks, const WorkUnit &read) const;
+    // The next closing units when everything handed out so far is over: the rows a last try
+    // skipped, or the next round; false when there are none.
+    bool closingUnits();
+    void handOut(WorkUnit &unit, qint64 slotCount);
 
     const QString m_options;
     QSqlQuery *m_mainQuery = nullptr;
     std::unique_ptr<RangeCursor> m_cursor;
+    // Closing units made and not handed out yet.
+    QVector<WorkUnit> m_pending;
 
-    std::mutex m_mutex;
-    // The slots of every range handed out, by its number.
+    mutable std::mutex m_mutex;
+    // The slots of every range handed out, by its number; -1 for the closing units'.
     QVector<qint64> m_rangeSlots;
+    int m_ranges = 0;
     int m_rangesDone = 0;
+    // Units handed out whose every part is not over yet.
+    int m_open = 0;
+    // Per relation: the xmin of the snapshot since which its rows are to be read again, and the
+    // file its rows were read in.
+    QVector<qint64> m_since;
+    QStringList m_filenodes;
+    // Instances the resumed run's start did not list: their rows in its committed ranges are read.
+    QStringList m_newInstances;
+    int m_round = 0;
+    bool m_roundFound = false;
+    qint64 m_roundChanged = 0;
 };

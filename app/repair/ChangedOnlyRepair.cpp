@@ -96,9 +96,12 @@ RepairStrategy::Result ChangedOnlyRepair::run(QSqlQuery &query, const WorkUnit &
         QHash<int, QVector<WorkUnit>> units;
         Result result;
         result.ok = readCandidates(query, {m_instances[unit.instance].first}, units);
+        // Rows put aside for a last try are not waited for again.
         for (WorkUnit part : units.value(unit.instance)) {
             part.rereads = unit.rereads;
-            result.more.append(part);
+            part.tids = withoutHeld(part.relation, part.tids);
+            if (!part.tids.isEmpty())
+                result.more.append(part);
         }
         return result;
     }
@@ -109,9 +112,10 @@ RepairStrategy::Result ChangedOnlyRepair::run(QSqlQuery &query, const WorkUnit &
                              .arg(unit.tids.size())
                              .arg(relationOf(unit));
     Result result = repair(query, unit, RepairStatements::tidList(unit.tids), step);
-    // Fewer rows changed than listed: some were rewritten (or deleted) by another writer since
-    // they were read. Whether they still need the repair is read again once the rest is done.
-    if (result.ok && result.changed.value(m_instances[unit.instance].first) < unit.tids.size()) {
+    // Fewer rows changed or set aside than listed: some were rewritten (or deleted) by another
+    // writer since they were read. Whether they still need the repair is read again once the rest
+    // is done.
+    if (result.ok && result.changed.value(m_instances[unit.instance].first) + result.setAside < unit.tids.size()) {
         const std::lock_guard<std::mutex> lock(m_mutex);
         m_rewritten[unit.instance] = true;
     }
@@ -140,8 +144,15 @@ QVector<WorkUnit> ChangedOnlyRepair::instanceFinished(int instance)
             return {again};
         }
     }
+    if (hasHeldRows(instance))
+        return heldRows(instance);
     instanceLine(instance);
     return {};
+}
+
+QString ChangedOnlyRepair::givenUp(const WorkUnit &unit) const
+{
+    return QStringLiteral("instance ") + m_instances[unit.instance].first;
 }
 
 void ChangedOnlyRepair::report(bool interrupted)

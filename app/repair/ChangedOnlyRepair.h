@@ -29,6 +29,9 @@ public:
     QVector<WorkUnit> instanceFinished(int instance) override;
     void report(bool interrupted) override;
 
+protected:
+    QString givenUp(const WorkUnit &unit) const override;
+
 private:
     // The rows to change of the listed instances, as units per instance and relation; false
     // when the read fails.

@@ -59,6 +59,10 @@ void RangeCursor::heldNoRow(const WorkUnit &unit)
     const qint64 slotsPerBlock = m_table.slotsPerBlock();
     if (unit.kind != WorkUnit::Kind::Range || unit.end % slotsPerBlock == 0)
         return;
+    // Item 0 of a block never holds a row: a range that reached no further into its last block
+    // says nothing of the rows there.
+    if (unit.end % slotsPerBlock == 1)
+        return;
     const std::lock_guard<std::mutex> lock(m_emptyMutex);
     m_emptyRelation = unit.relation;
     m_emptyBlockEnd = (unit.end / slotsPerBlock + 1) * slotsPerBlock;

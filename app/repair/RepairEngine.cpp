@@ -152,6 +152,11 @@ bool RepairEngine::take(WorkUnit &unit)
 
 void RepairEngine::process(WorkerConnection &connection, WorkUnit unit)
 {
+    if (m_strategy->skips(unit)) {
+        leftWhole(unit);
+        finished(unit);
+        return;
+    }
     const int serverProcess = LibpqHandle::serverProcess(connection.database());
     {
         const std::lock_guard<std::mutex> lock(m_mutex);
@@ -209,6 +214,11 @@ void RepairEngine::handleFailure(WorkerConnection &connection, const WorkUnit &u
         return;
     }
     case ServerFailure::Kind::Retry:
+        if (m_strategy->relationLocked(connection.query(), unit)) {
+            leftWhole(unit);
+            finished(unit);
+            return;
+        }
         if (unit.tries < kWaitingTries) {
             WorkUnit again = unit;
             ++again.tries;
@@ -248,7 +258,13 @@ void RepairEngine::splitOrLeave(WorkerConnection &connection, const WorkUnit &un
 
 void RepairEngine::leave(WorkerConnection &connection, const WorkUnit &unit, const ServerFailure &failure)
 {
-    if (!m_strategy->leave(connection.query(), unit, failure) || unit.origin < 0)
+    if (m_strategy->leave(connection.query(), unit, failure))
+        leftWhole(unit);
+}
+
+void RepairEngine::leftWhole(const WorkUnit &unit)
+{
+    if (unit.origin < 0)
         return;
     const std::lock_guard<std::mutex> lock(m_mutex);
     m_originFailed[unit.origin] = true;
@@ -277,7 +293,8 @@ void RepairEngine::addLocked(const WorkUnit &unit)
 }
 
 // A unit is over. The last one of an instance or of a range unit tells the mode, which may
-// hand out more units for the instance.
+// hand out more units for the instance. The unit counts as in flight until the mode has been
+// told, so that no connection finds the list empty and ends while the mode may still add to it.
 void RepairEngine::finished(const WorkUnit &unit)
 {
     bool instanceOver = false;
@@ -285,7 +302,6 @@ void RepairEngine::finished(const WorkUnit &unit)
     bool originFailed = false;
     {
         const std::lock_guard<std::mutex> lock(m_mutex);
-        --m_inFlight;
         if (unit.instance >= 0)
             instanceOver = --m_openOfInstance[unit.instance] == 0;
         if (unit.origin >= 0) {
@@ -301,6 +317,10 @@ void RepairEngine::finished(const WorkUnit &unit)
     }
     if (originOver)
         m_strategy->rangeFinished(unit.origin, !originFailed);
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        --m_inFlight;
+    }
     m_wake.notify_all();
 }
 

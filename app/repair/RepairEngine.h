@@ -68,6 +68,8 @@ private:
     void dropped(const WorkUnit &unit);
     void splitOrLeave(WorkerConnection &connection, const WorkUnit &unit, const ServerFailure &failure);
     void leave(WorkerConnection &connection, const WorkUnit &unit, const ServerFailure &failure);
+    // The unit's part of its range is not covered.
+    void leftWhole(const WorkUnit &unit);
     bool stopping() const;
     void watchLocks();
     QString lockWait(QSqlDatabase &database) const;

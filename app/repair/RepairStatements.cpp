@@ -185,3 +185,38 @@ QString RepairStatements::rowsToChange(
                           "pg_backend_pid()) FROM %1 f WHERE %2 AND %3")
         .arg(relation, where, changesInRange(column, instanceIds));
 }
+
+namespace {
+// Transaction ids are compared modulo 2^32 as the server does: a row's xmin at most 2^31 after the
+// snapshot's xmin is newer. Every unfrozen xmin in a table lies within 2^31 of the next id, which
+// the server's wraparound protection keeps so. Ids below 3 are the frozen and bootstrap ones,
+// which are older than any snapshot.
+constexpr qint64 kXidSpace = Q_INT64_C(4294967296);
+constexpr qint64 kXidHalf = Q_INT64_C(2147483648);
+constexpr int kFirstNormalXid = 3;
+} // namespace
+
+QString RepairStatements::writtenSince(qint64 snapshotXmin)
+{
+    return QStringLiteral("(xmin::text::bigint >= %1 AND (xmin::text::bigint - %2 + %3) % %3 < %4)")
+        .arg(kFirstNormalXid)
+        .arg(snapshotXmin % kXidSpace)
+        .arg(kXidSpace)
+        .arg(kXidHalf);
+}
+
+// The cheap test of which comes first: the text is read only of the rows it selects.
+QString RepairStatements::blocksToChange(
+    const QString &column, const QString &relation, const QStringList &instanceIds, const QString &which)
+{
+    return QStringLiteral("SELECT DISTINCT (ctid::text::point)[0]::bigint FROM %1 WHERE CASE WHEN %2 THEN %3 ELSE "
+                          "false END ORDER BY 1")
+        .arg(relation, which, changesInRange(column, instanceIds));
+}
+
+QString RepairStatements::rowVersionsToChange(
+    const QString &column, const QString &relation, const QStringList &instanceIds, const QString &which)
+{
+    return QStringLiteral("SELECT ctid FROM %1 WHERE CASE WHEN %2 THEN %3 ELSE false END")
+        .arg(relation, which, changesInRange(column, instanceIds));
+}

@@ -46,4 +46,14 @@ public:
     static QString countingRead(const QString &counted, const QString &relation, const QString &where);
     static QString rowsToChange(
         const QString &column, const QString &relation, const QStringList &instanceIds, const QString &where);
+
+    // Row versions written by a transaction that a snapshot whose xmin (a full transaction id) is
+    // given could not see as finished: every row written since that snapshot was taken.
+    static QString writtenSince(qint64 snapshotXmin);
+    // The blocks, in order, of the rows of relation that which selects and the repair changes.
+    static QString blocksToChange(
+        const QString &column, const QString &relation, const QStringList &instanceIds, const QString &which);
+    // The ctids of those rows.
+    static QString rowVersionsToChange(
+        const QString &column, const QString &relation, const QStringList &instanceIds, const QString &which);
 };

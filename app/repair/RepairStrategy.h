@@ -27,6 +27,9 @@ public:
         QVector<RunTally::LeftRow> left;
         // Rows the unit's range held when it ran, where the mode counts them; -1 otherwise.
         qint64 rowsRead = -1;
+        // Listed rows the unit did not change but accounted for: put aside for a last try, handed
+        // to a further unit, or left.
+        qint64 setAside = 0;
     };
 
     virtual ~RepairStrategy() = default;
@@ -50,6 +53,13 @@ public:
     // Records what a unit that could not be done leaves: its one row, named, or the unit whole
     // (then true: its part of the table is not covered).
     virtual bool leave(QSqlQuery &query, const WorkUnit &unit, const ServerFailure &failure) = 0;
+
+    // A unit that met a lock past the tool's bound: true when the lock is on its whole relation
+    // (another session's LOCK TABLE, CREATE INDEX, ALTER TABLE), which the mode has then said
+    // and given up; the unit is left whole.
+    virtual bool relationLocked(QSqlQuery &query, const WorkUnit &unit);
+    // A unit the mode no longer runs (its relation was given up): left whole without a statement.
+    virtual bool skips(const WorkUnit &unit) const;
 
     // Every unit of an instance is over: the instance's line, or more units when the instance
     // must be read again.

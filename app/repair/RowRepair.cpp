@@ -61,8 +61,9 @@ QString RowRepair::statement(const WorkUnit &unit, const QString &where, bool la
         return range ? RepairStatements::countingRead(update, relation, where) : update;
     }
     QString records = m_journal->records(relation);
-    // A range is done when its one statement commits; the parts of a split one are not a range.
-    if (range)
+    // A range of the run's own list is done when its one statement commits; the parts of a split
+    // one, and the ranges of rows written during the run, are not one.
+    if (range && unit.round == 0)
         records += QStringLiteral(", ") + m_journal->rangeRecord(relation, unit.first, unit.end);
     const QString update = RepairStatements::journaledUpdate(
         InstanceLines::kColumn, relation, idsOf(unit), where, lastTry, m_table.keyArray(QStringLiteral("f")), records);
@@ -102,8 +103,9 @@ RepairStrategy::Result RowRepair::repair(
     return result;
 }
 
-// What a last try skipped: rows another session still holds are left, named with that
-// session's server process; rows rewritten meanwhile are tried once more, waiting on nothing.
+// What a last try skipped: rows another session holds are put aside for one more try at the end
+// (or, on that try, left and named with that session's server process); rows rewritten meanwhile
+// are tried once more, waiting on nothing.
 void RowRepair::leaveLeftovers(QSqlQuery &query, const WorkUnit &unit, const QString &where, Result &result)
 {
     if (!query.exec(RepairStatements::rowsToChange(InstanceLines::kColumn, relationOf(unit), idsOf(unit), where))) {
@@ -119,10 +121,17 @@ void RowRepair::leaveLeftovers(QSqlQuery &query, const WorkUnit &unit, const QSt
         else
             rewritten << query.value(0).toString();
     }
-    for (const auto &row : locked)
+    result.setAside += locked.size() + rewritten.size();
+    for (const auto &row : locked) {
+        if (!unit.leftovers) {
+            const std::lock_guard<std::mutex> lock(m_heldMutex);
+            m_held.insert({unit.relation, row.first}, {unit.instance, row.second});
+            continue;
+        }
         leaveRow(query, m_table.describeRow(query, relationOf(unit), row.first),
             QStringLiteral("The row is locked by server process %1, which held it through every try of the run.")
                 .arg(row.second));
+    }
     if (rewritten.isEmpty())
         return;
     if (unit.leftovers) {
@@ -137,6 +146,106 @@ void RowRepair::leaveLeftovers(QSqlQuery &query, const WorkUnit &unit, const QSt
     again.tids = rewritten;
     again.leftovers = true;
     result.more.append(again);
+}
+
+bool RowRepair::hasHeldRows(int instance) const
+{
+    const std::lock_guard<std::mutex> lock(m_heldMutex);
+    for (const HeldRow &row : m_held) {
+        if (instance < 0 || row.instance == instance)
+            return true;
+    }
+    return false;
+}
+
+QVector<WorkUnit> RowRepair::heldRows(int instance)
+{
+    QMap<int, WorkUnit> perRelation;
+    const std::lock_guard<std::mutex> lock(m_heldMutex);
+    for (auto it = m_held.begin(); it != m_held.end();) {
+        if (instance >= 0 && it.value().instance != instance) {
+            ++it;
+            continue;
+        }
+        WorkUnit &unit = perRelation[it.key().first];
+        unit.kind = WorkUnit::Kind::Rows;
+        unit.instance = instance;
+        unit.relation = it.key().first;
+        unit.tries = RepairEngine::kWaitingTries;
+        unit.leftovers = true;
+        unit.tids << it.key().second;
+        it = m_held.erase(it);
+    }
+    return perRelation.values().toVector();
+}
+
+QStringList RowRepair::withoutHeld(int relation, const QStringList &tids) const
+{
+    const std::lock_guard<std::mutex> lock(m_heldMutex);
+    if (m_held.isEmpty())
+        return tids;
+    QStringList kept;
+    for (const QString &tid : tids) {
+        if (!m_held.contains({relation, tid}))
+            kept << tid;
+    }
+    return kept;
+}
+
+namespace {
+// Modes of another session's lock on a whole relation that the tool's UPDATE (ROW EXCLUSIVE)
+// waits for: LOCK TABLE in these modes, CREATE INDEX (SHARE), most ALTER TABLE forms (ACCESS
+// EXCLUSIVE).
+const QString kWholeRelationModes
+    = QStringLiteral("'ShareLock', 'ShareRowExclusiveLock', 'ExclusiveLock', 'AccessExclusiveLock'");
+} // namespace
+
+// Asked after a lock wait ran past the tool's bound: a lock on the whole relation would hold every
+// one of its units alike, so the relation is given up at once rather than met unit after unit.
+bool RowRepair::relationLocked(QSqlQuery &query, const WorkUnit &unit)
+{
+    if (relationGivenUp(unit.relation))
+        return true;
+    const QString relation = relationOf(unit);
+    const QString holder = QStringLiteral(
+        "SELECT l.pid, l.mode FROM pg_locks l WHERE l.locktype = 'relation' AND l.database = (SELECT oid FROM "
+        "pg_database WHERE datname = current_database()) AND l.relation = %1::regclass AND l.granted AND l.pid <> "
+        "pg_backend_pid() AND l.mode IN (%2) ORDER BY l.pid LIMIT 1");
+    if (!query.exec(holder.arg(RepairStatements::literal(relation), kWholeRelationModes)) || !query.next())
+        return false;
+    const QString reason = QStringLiteral("%1 is locked as a whole by server process %2 (%3), which held it "
+                                          "through the run's wait; what the run had not repaired of it is left "
+                                          "to the next run.")
+                               .arg(relation, query.value(0).toString(), query.value(1).toString());
+    {
+        const std::lock_guard<std::mutex> lock(m_heldMutex);
+        if (m_givenUp.contains(unit.relation))
+            return true;
+        m_givenUp.insert(unit.relation, reason);
+    }
+    m_tally.fail(givenUp(unit), reason);
+    m_log.writeLine(RunLog::Warning, reason);
+    return true;
+}
+
+bool RowRepair::relationGivenUp(int relation) const
+{
+    const std::lock_guard<std::mutex> lock(m_heldMutex);
+    return m_givenUp.contains(relation);
+}
+
+bool RowRepair::skips(const WorkUnit &unit) const
+{
+    QString reason;
+    {
+        const std::lock_guard<std::mutex> lock(m_heldMutex);
+        reason = m_givenUp.value(unit.relation);
+    }
+    if (reason.isEmpty())
+        return false;
+    // Each instance's line says what was given up with the relation.
+    m_tally.fail(givenUp(unit), reason);
+    return true;
 }
 
 QVector<WorkUnit> RowRepair::splitRows(const WorkUnit &unit) const
@@ -165,7 +274,8 @@ bool RowRepair::leaveRows(QSqlQuery &query, const WorkUnit &unit, const QString 
 
 void RowRepair::leaveRow(QSqlQuery &query, const ScanTable::Row &row, const QString &reason)
 {
-    m_tally.leaveRow({row.instance, row.name, reason});
+    if (!m_tally.leaveRow({row.instance, row.name, reason}))
+        return;
     if (m_journal)
         m_journal->leaveRow(query, row.instance, row.name, reason);
     m_log.writeLine(RunLog::Warning,

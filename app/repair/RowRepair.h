@@ -5,6 +5,9 @@
 #include "app/repair/ScanTable.h"
 
 #include <QHash>
+#include <QMap>
+#include <QPair>
+
 #include <mutex>
 
 class Progress;
@@ -37,6 +40,21 @@ protected:
     QStringList idsOf(const WorkUnit &unit) const;
     QString relationOf(const WorkUnit &unit) const;
 
+    bool relationLocked(QSqlQuery &query, const WorkUnit &unit) override;
+    bool skips(const WorkUnit &unit) const override;
+    // What a unit given up with its relation leaves, as the run's report names it.
+    virtual QString givenUp(const WorkUnit &unit) const = 0;
+    bool relationGivenUp(int relation) const;
+
+    // Rows a last try skipped because another session held them: they are tried once more, waiting
+    // on nothing, when the rest is done (of one instance, or of the run: -1), and only then left.
+    bool hasHeldRows(int instance) const;
+    QVector<WorkUnit> heldRows(int instance);
+    // The listed rows without those put aside for that last try.
+    QStringList withoutHeld(int relation, const QStringList &tids) const;
+    // Names a row left, once however often the run met it.
+    void leaveRow(QSqlQuery &query, const ScanTable::Row &row, const QString &reason);
+
     const QString m_option;
     RunLog &m_log;
     const VerboseLog &m_verbose;
@@ -48,7 +66,17 @@ protected:
     RunJournal *m_journal = nullptr;
 
 private:
+    struct HeldRow {
+        int instance = -1;
+        QString holder;
+    };
+
     QString statement(const WorkUnit &unit, const QString &where, bool lastTry) const;
     void leaveLeftovers(QSqlQuery &query, const WorkUnit &unit, const QString &where, Result &result);
-    void leaveRow(QSqlQuery &query, const ScanTable::Row &row, const QString &reason);
+
+    mutable std::mutex m_heldMutex;
+    // By relation and row version.
+    QMap<QPair<int, QString>, HeldRow> m_held;
+    // Relations given up for a lock on the whole of them, with why.
+    QHash<int, QString> m_givenUp;
 };

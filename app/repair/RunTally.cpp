@@ -22,10 +22,14 @@ qint64 RunTally::totalChanged() const
     return total;
 }
 
-void RunTally::leaveRow(const LeftRow &row)
+bool RunTally::leaveRow(const LeftRow &row)
 {
     const std::lock_guard<std::mutex> lock(m_mutex);
+    if (m_leftNames.contains({row.instance, row.row}))
+        return false;
+    m_leftNames.insert({row.instance, row.row});
     m_left.append(row);
+    return true;
 }
 
 void RunTally::fail(const QString &what, const QString &reason)

@@ -1,6 +1,8 @@
 #pragma once
 
 #include <QHash>
+#include <QPair>
+#include <QSet>
 #include <QString>
 #include <QStringList>
 #include <QVector>
@@ -23,7 +25,8 @@ public:
     qint64 changed(const QString &instance) const;
     qint64 totalChanged() const;
 
-    void leaveRow(const LeftRow &row);
+    // False when the row was left already: a row is counted once, however often the run met it.
+    bool leaveRow(const LeftRow &row);
     // An instance, a count or a part of the table that failed whole, with the server's words.
     void fail(const QString &what, const QString &reason);
     void cover(qint64 units);
@@ -43,6 +46,7 @@ private:
     mutable std::mutex m_mutex;
     QHash<QString, qint64> m_changed;
     QVector<LeftRow> m_left;
+    QSet<QPair<QString, QString>> m_leftNames;
     QStringList m_failed;
     QHash<QString, QString> m_failures;
     qint64 m_covered = 0;

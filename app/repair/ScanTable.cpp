@@ -14,6 +14,15 @@ constexpr int kPageHeaderBytes = 24;
 constexpr int kBytesPerItem = 28;
 } // namespace
 
+ScanTable ScanTable::ofRelations(int slotsPerBlock, const QVector<Relation> &relations)
+{
+    ScanTable table;
+    table.m_kind = 'r';
+    table.m_slotsPerBlock = slotsPerBlock;
+    table.m_relations = relations;
+    return table;
+}
+
 bool ScanTable::read(QSqlQuery &query, const QString &column)
 {
     const QString shape = QStringLiteral(
@@ -42,10 +51,12 @@ bool ScanTable::readRelations(QSqlQuery &query)
     // A partitioned table holds no rows of its own: its leaves do, at any depth.
     const QString sizes = m_kind == 'p'
         ? QStringLiteral("SELECT p.relid::regclass::text, c.relkind, pg_relation_size(p.relid) / "
-                         "current_setting('block_size')::bigint FROM pg_partition_tree(%1::regclass) p JOIN pg_class "
-                         "c ON c.oid = p.relid WHERE p.isleaf ORDER BY p.level, 1")
+                         "current_setting('block_size')::bigint, pg_relation_filenode(p.relid) FROM "
+                         "pg_partition_tree(%1::regclass) p JOIN pg_class c ON c.oid = p.relid WHERE p.isleaf ORDER "
+                         "BY p.level, 1")
         : QStringLiteral(
-            "SELECT %1::regclass::text, 'r', pg_relation_size(%1) / current_setting('block_size')::bigint");
+            "SELECT %1::regclass::text, 'r', pg_relation_size(%1) / current_setting('block_size')::bigint, "
+            "pg_relation_filenode(%1)");
     if (!query.exec(sizes.arg(RepairStatements::literal(kTable)))) {
         m_error = query.lastError().text().simplified();
         return false;
@@ -56,7 +67,7 @@ bool ScanTable::readRelations(QSqlQuery &query)
             m_error = QStringLiteral("its partition %1 is not a table").arg(query.value(0).toString());
             return false;
         }
-        m_relations.append({query.value(0).toString(), query.value(2).toLongLong()});
+        m_relations.append({query.value(0).toString(), query.value(2).toLongLong(), query.value(3).toString()});
     }
     return true;
 }

@@ -16,7 +16,12 @@ public:
         // As the server names it in SQL (schema-qualified and quoted where needed).
         QString name;
         qint64 blocks = 0;
+        // The file that holds its rows as the run began; a rewrite of the relation makes a new one.
+        QString filenode;
     };
+
+    // A table of the given relations, as read: for code that only walks its row versions.
+    static ScanTable ofRelations(int slotsPerBlock, const QVector<Relation> &relations);
 
     // Reads the table's shape; false with the server's words in error().
     bool read(QSqlQuery &query, const QString &column);

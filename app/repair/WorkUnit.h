@@ -14,6 +14,9 @@ struct WorkUnit {
         Range,
         // Listed rows of one relation, by their row versions.
         Rows,
+        // The rows of one relation that other sessions wrote since a point of the run (and every
+        // row of instances the run's start did not list): read to find what the run could not see.
+        WrittenSince,
     };
 
     Kind kind = Kind::Instance;
@@ -39,4 +42,7 @@ struct WorkUnit {
     // The rows of a last try that were left because they were locked or rewritten meanwhile:
     // what is still to do of them is not tried once more.
     bool leftovers = false;
+    // The closing round of rows written during the run that the unit belongs to; 0 for the
+    // run's own list.
+    int round = 0;
 };
