@@ -4,6 +4,7 @@
 #include "app/output/Console.h"
 #include "app/output/Progress.h"
 #include "app/output/RunLog.h"
+#include "app/output/VerboseLog.h"
 #include "app/repair/InstanceLines.h"
 #include "app/repair/RepairStatements.h"
 #include "app/repair/ServerFailure.h"
@@ -264,6 +265,16 @@ RepairStrategy::Result BatchedRepair::readWrittenSince(QSqlQuery &query, const W
     QString filenode;
     const bool told = sinceHolds(query, unit.relation, since, &filenode);
     QString which = told ? RepairStatements::writtenSince(since) : QStringLiteral("true");
+    m_verbose.line(told ? QStringLiteral("%1, round %2: the rows written since transaction %3 are read by their xmin")
+                              .arg(relationOf(unit))
+                              .arg(unit.round)
+                              .arg(since)
+                        : QStringLiteral("%1, round %2: every row is read, the rows written since transaction %3 "
+                                         "cannot be told by their xmin (the relation was rewritten, or a vacuum may "
+                                         "have frozen them)")
+                              .arg(relationOf(unit))
+                              .arg(unit.round)
+                              .arg(since));
     if (unit.round == 1 && !m_newInstances.isEmpty()) {
         QStringList literals;
         for (const QString &id : m_newInstances)
