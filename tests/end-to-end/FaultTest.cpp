@@ -594,15 +594,17 @@ TEST_F(ToolTest, AFailedFirstConnectionSaysWhyInTheToolsModes)
     }
 }
 
-// A server text with line breaks (the driver's error with its LINE and caret) stays one entry.
+// A server text with line breaks (the driver's error with its LINE and caret) stays one entry in
+// the tool's modes; the product's run keeps its line as it always was.
 TEST_F(ToolTest, RunLogEntriesStayOneLineInTheToolsModes)
 {
     sql(u"DROP TABLE warehouse.control_refresh"_s);
-    for (const char *option : {"--dry-run", "--changed-only", "--verify"}) {
-        SCOPED_TRACE(option);
+    for (const QStringList &arguments :
+        {QStringList{u"--dry-run"_s}, QStringList{u"--changed-only"_s}, QStringList{u"--verify"_s}, QStringList()}) {
+        SCOPED_TRACE(arguments.join(u' ').toStdString());
         QFile::remove(m_sandbox.runLogPath());
-        EXPECT_EQ(m_sandbox.runTool({QLatin1String(option)}).exitCode, 1);
+        EXPECT_EQ(m_sandbox.runTool(arguments).exitCode, 1);
         EXPECT_TRUE(ToolSandbox::read(m_sandbox.runLogPath()).contains("Select all last_request_id unsuccessfully."));
-        EXPECT_EQ(unstampedLines(m_sandbox.runLogPath()), QStringList());
+        EXPECT_EQ(unstampedLines(m_sandbox.runLogPath()).isEmpty(), !arguments.isEmpty());
     }
 }
