@@ -2,6 +2,7 @@
 #include "app/output/Console.h"
 #include "app/run/ConfigurationReader.h"
 #include "app/run/ProgramVersion.h"
+#include "app/run/StandardStreams.h"
 #include "config/exceptions/Exception.h"
 
 #include <QCoreApplication>
@@ -11,6 +12,7 @@
 // configuration exactly as the tool reads it.
 int main(int argc, char **argv)
 {
+    StandardStreams::hold();
     const QCoreApplication application(argc, argv);
     QStringList arguments = QCoreApplication::arguments().mid(1);
     if (ProgramVersion::printIfAsked(QStringLiteral("zentrix-dbinfo"), arguments))

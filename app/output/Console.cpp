@@ -17,7 +17,8 @@ std::mutex &lineMutex()
 
 QString g_status;
 
-// Text reaches a console as its characters, anything else (a file, a pipe) as UTF-8 bytes.
+// Text reaches a console as its characters, anything else (a file, a pipe) as UTF-8 bytes. A
+// text that cannot be written (a closed or broken stream) is dropped; the next one is tried anew.
 void put(std::ostream &stream, const QString &text)
 {
     stream.flush();
@@ -25,6 +26,7 @@ void put(std::ostream &stream, const QString &text)
     if (!Terminal::writeToConsole(which, text))
         stream << text.toUtf8().constData();
     stream.flush();
+    stream.clear();
 }
 
 // Carriage returns and blanks rather than terminal escapes, which not every Windows console
@@ -35,6 +37,7 @@ void eraseStatus()
         return;
     std::cerr << '\r' << std::string(g_status.size(), ' ') << '\r';
     std::cerr.flush();
+    std::cerr.clear();
 }
 
 // The line is not drawn again below it: its next redraw says what holds by then.

@@ -3,6 +3,7 @@
 #include "app/output/Console.h"
 
 #include <QDateTime>
+#include <QRegularExpression>
 
 QString RunLog::filePath(const QString &logDirectory, const QDate &date)
 {
@@ -34,8 +35,12 @@ void RunLog::open(const QString &path)
 
 void RunLog::writeLine(int level, const QString &message)
 {
+    static const QRegularExpression lineBreaks(QStringLiteral("\\s*[\\r\\n]+\\s*"));
     const QString stamp = QDateTime::currentDateTime().toString(QStringLiteral("yyyy.MM.dd hh:mm:ss.zzz"));
-    write((tag(level) + QLatin1Char(' ') + stamp + QStringLiteral(": ") + message).toUtf8());
+    // Only a text that holds a line break is touched: the dry run's table aligns its cells with blanks.
+    const bool broken = m_oneLine && (message.contains(QLatin1Char('\n')) || message.contains(QLatin1Char('\r')));
+    const QString text = broken ? message.trimmed().replace(lineBreaks, QStringLiteral(" ")) : message;
+    write((tag(level) + QLatin1Char(' ') + stamp + QStringLiteral(": ") + text).toUtf8());
 }
 
 void RunLog::writeRaw(const QString &message)

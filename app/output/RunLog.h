@@ -24,6 +24,10 @@ public:
     QString path() const { return m_path; }
     QString openError() const { return m_openError; }
 
+    // From now on each entry is one line, whatever the server's or the driver's texts in it hold:
+    // the tool's modes. The product's run keeps its lines as they always were.
+    void keepEntriesOnOneLine() { m_oneLine = true; }
+
     void writeLine(int level, const QString &message);
     // For a caught exception's message: no tag and no time stamp.
     void writeRaw(const QString &message);
@@ -38,4 +42,5 @@ private:
     QString m_path;
     QString m_openError;
     bool m_writeFailureSaid = false;
+    bool m_oneLine = false;
 };

@@ -37,6 +37,7 @@ bool ScanTable::read(QSqlQuery &query, const QString &column)
         m_error = query.lastError().text().simplified();
         return false;
     }
+    m_column = column;
     m_kind = query.value(0).toString().toLatin1().at(0);
     m_columnType = query.value(1).toString();
     m_slotsPerBlock = (query.value(2).toInt() - kPageHeaderBytes) / kBytesPerItem + 1;
@@ -124,16 +125,26 @@ ScanTable::Row ScanTable::describeRow(QSqlQuery &query, const QString &relation,
     QStringList values;
     for (const QString &key : m_keyColumns)
         values << key + QStringLiteral("::text");
+    // Without a key, what still finds the row once it has moved: its request and its text's digest.
+    const QString digest = QStringLiteral("md5(%1::text)").arg(m_column);
+    if (values.isEmpty())
+        values << QStringLiteral("coalesce(request_id::text, 'NULL')")
+               << QStringLiteral("coalesce(%1, 'NULL')").arg(digest);
     const QString read = QStringLiteral("SELECT instance_id::text, concat_ws(', ', %1) FROM %2 WHERE ctid = %3")
-                             .arg(values.isEmpty() ? QStringLiteral("NULL") : values.join(QStringLiteral(", ")),
-                                 relation, RepairStatements::literal(tid));
+                             .arg(values.join(QStringLiteral(", ")), relation, RepairStatements::literal(tid));
     if (!query.exec(read) || !query.next())
         return row;
     row.instance = query.value(0).toString();
-    if (m_keyColumns.size() == 1)
+    if (m_keyColumns.size() == 1) {
         row.name = QStringLiteral("%1=%2").arg(m_keyColumns.first(), query.value(1).toString());
-    else if (!m_keyColumns.isEmpty())
+    } else if (!m_keyColumns.isEmpty()) {
         row.name = QStringLiteral("(%1)=(%2)").arg(m_keyColumns.join(QStringLiteral(", ")), query.value(1).toString());
+    } else {
+        const QStringList found = query.value(1).toString().split(QStringLiteral(", "));
+        row.name = QStringLiteral("instance_id=%1, request_id=%2, %3=%4, read at %5")
+                       .arg(row.instance.isEmpty() ? QStringLiteral("NULL") : row.instance, found.value(0), digest,
+                           found.value(1), row.name);
+    }
     return row;
 }
 

@@ -45,8 +45,9 @@ public:
 
     struct Row {
         QString instance;
-        // How the run log names it: its primary key's values, else its row version (and its
-        // partition).
+        // How the run log names it: its primary key's values; without a key its instance, request
+        // id and text's digest, beside the row version (and partition) it was read at; only its
+        // row version when it could not be read again.
         QString name;
     };
     Row describeRow(QSqlQuery &query, const QString &relation, const QString &tid) const;
@@ -61,6 +62,7 @@ public:
 
 private:
     QString m_error;
+    QString m_column;
     char m_kind = 0;
     QString m_columnType;
     int m_slotsPerBlock = 0;

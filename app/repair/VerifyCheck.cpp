@@ -15,6 +15,8 @@
 namespace {
 // The SQLSTATE class of a text the cast refuses.
 const QString kDataException = QStringLiteral("22");
+// In place of a count that was not made, as the dry run says it.
+const QString kFailed = QStringLiteral("failed");
 const QString kFunction = QStringLiteral(
     "CREATE OR REPLACE FUNCTION pg_temp.zentrix_jsonb_error(t text) RETURNS text LANGUAGE plpgsql AS $$ BEGIN "
     "PERFORM t::jsonb; RETURN NULL; EXCEPTION WHEN others THEN RETURN SQLERRM; END $$");
@@ -68,6 +70,8 @@ QString VerifyCheck::step(const WorkUnit &unit) const
 {
     if (unit.kind == WorkUnit::Kind::AllInstances)
         return QStringLiteral("verifying every row at once");
+    if (unit.kind == WorkUnit::Kind::Rows)
+        return QStringLiteral("verifying %1 rows of %2").arg(unit.tids.size()).arg(relationOf(unit));
     return QStringLiteral("verifying ") + m_cursor->text(unit);
 }
 
@@ -86,23 +90,49 @@ bool VerifyCheck::prepareSession(QSqlQuery &query)
     return true;
 }
 
-// A range is first cast whole, which costs the server little when every text casts; only a range
-// where one fails is read again row by row, each cast's error caught.
+QString VerifyCheck::rangeWhere(const WorkUnit &unit) const
+{
+    return RepairStatements::tidRange(m_cursor->tidOf(unit.first), m_cursor->tidOf(unit.end)) + QStringLiteral(" AND ")
+        + RepairStatements::inRange(m_instances.ids());
+}
+
 RepairStrategy::Result VerifyCheck::run(QSqlQuery &query, const WorkUnit &unit)
 {
-    if (unit.kind == WorkUnit::Kind::AllInstances)
+    switch (unit.kind) {
+    case WorkUnit::Kind::AllInstances:
         return castAll(query);
+    case WorkUnit::Kind::Rows:
+        return castRows(query, unit);
+    default:
+        return castRange(query, unit);
+    }
+}
+
+// A range is first cast whole, which costs the server little when every text casts; only a range
+// where one fails is read again row by row, each cast's error caught.
+RepairStrategy::Result VerifyCheck::castRange(QSqlQuery &query, const WorkUnit &unit)
+{
     Result result;
     QElapsedTimer elapsed;
     elapsed.start();
-    const QString relation = m_table.relations()[unit.relation].name;
-    const QString where = RepairStatements::tidRange(m_cursor->tidOf(unit.first), m_cursor->tidOf(unit.end))
-        + QStringLiteral(" AND ") + RepairStatements::inRange(m_instances.ids());
+    const QString relation = relationOf(unit);
+    const QString where = rangeWhere(unit);
     result.ok = query.exec(
         QStringLiteral("SELECT count(%1::text::jsonb) FROM %2 WHERE %3").arg(InstanceLines::kColumn, relation, where));
     if (!result.ok) {
-        if (!prepareSession(query))
+        // Any other failure is the engine's to judge, with the server's words for it.
+        if (!query.lastError().nativeErrorCode().startsWith(kDataException))
             return result;
+        if (m_byHalves || !prepareSession(query)) {
+            castByHalves(query.lastError().databaseText().simplified());
+            WorkUnit rows;
+            result.ok = rowsOf(query, unit, rows);
+            if (result.ok && !rows.tids.isEmpty())
+                result.more = {rows};
+            if (result.ok)
+                m_progress.advance(unit.end - unit.first, 0);
+            return result;
+        }
         query.setForwardOnly(true);
         result.ok = query.exec(QStringLiteral("SELECT instance_id::text, ctid::text, e FROM (SELECT instance_id, ctid, "
                                               "pg_temp.zentrix_jsonb_error(%1::text) AS e FROM %2 WHERE %3) checked "
@@ -114,6 +144,52 @@ RepairStrategy::Result VerifyCheck::run(QSqlQuery &query, const WorkUnit &unit)
     }
     m_cursor->sizer().measured(unit.end - unit.first, elapsed.elapsed());
     m_progress.advance(unit.end - unit.first, 0);
+    return result;
+}
+
+void VerifyCheck::castByHalves(const QString &reason)
+{
+    if (m_byHalves.exchange(true))
+        return;
+    m_log.writeLine(RunLog::Info,
+        QStringLiteral("--verify cannot make its temporary function here, so the rows of a range that does not "
+                       "cast are cast in halves down to single rows. %1")
+            .arg(reason));
+}
+
+bool VerifyCheck::rowsOf(QSqlQuery &query, const WorkUnit &range, WorkUnit &rows)
+{
+    query.setForwardOnly(true);
+    if (!query.exec(QStringLiteral("SELECT ctid::text FROM %1 WHERE %2").arg(relationOf(range), rangeWhere(range))))
+        return false;
+    rows = range;
+    rows.kind = WorkUnit::Kind::Rows;
+    rows.tids.clear();
+    while (query.next())
+        rows.tids << query.value(0).toString();
+    return query.lastError().type() == QSqlError::NoError;
+}
+
+RepairStrategy::Result VerifyCheck::castRows(QSqlQuery &query, const WorkUnit &unit)
+{
+    Result result;
+    const QString relation = relationOf(unit);
+    result.ok = query.exec(QStringLiteral("SELECT count(%1::text::jsonb) FROM %2 WHERE %3 AND %4")
+                               .arg(InstanceLines::kColumn, relation, RepairStatements::tidList(unit.tids),
+                                   RepairStatements::inRange(m_instances.ids())));
+    if (result.ok || !query.lastError().nativeErrorCode().startsWith(kDataException))
+        return result;
+    result.ok = true;
+    if (unit.tids.size() > 1) {
+        result.more = split(query, unit);
+        return result;
+    }
+    const QString reason = query.lastError().databaseText().simplified();
+    const ScanTable::Row row = m_table.describeRow(query, relation, unit.tids.first());
+    if (row.instance.isEmpty())
+        notVerified(QString(), QStringLiteral("row %1").arg(row.name), reason);
+    else
+        countFailing(row, reason);
     return result;
 }
 
@@ -149,34 +225,94 @@ void VerifyCheck::nameFailing(QSqlQuery &query, const QString &relation)
     }
 }
 
-bool VerifyCheck::leave(QSqlQuery &, const WorkUnit &unit, const ServerFailure &failure)
+void VerifyCheck::countFailing(const ScanTable::Row &row, const QString &reason)
 {
-    const QString what = QStringLiteral("verification of %1").arg(m_cursor->text(unit));
-    m_tally.fail(what, failure.words());
-    m_log.writeLine(RunLog::Warning, QStringLiteral("Not verified: %1. %2").arg(what, failure.words()));
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        if (++m_failing[row.instance] > kNamedPerInstance)
+            return;
+    }
+    m_log.writeLine(RunLog::Warning,
+        QStringLiteral("Row that fails a jsonb cast, data: %1, instance id: %2, row: %3. %4")
+            .arg(InstanceLines::kColumn, row.instance, row.name, reason));
+}
+
+// A range or rows that failed for a reason of their own, not the cast's: their rows are cast in
+// halves, so that what is left is one row, and one instance without a count.
+QVector<WorkUnit> VerifyCheck::split(QSqlQuery &query, const WorkUnit &unit)
+{
+    if (unit.kind == WorkUnit::Kind::Range) {
+        WorkUnit rows;
+        if (!rowsOf(query, unit, rows))
+            return {};
+        m_progress.advance(unit.end - unit.first, 0);
+        return {rows};
+    }
+    if (unit.kind != WorkUnit::Kind::Rows || unit.tids.size() < 2)
+        return {};
+    WorkUnit first = unit;
+    WorkUnit second = unit;
+    const int half = unit.tids.size() / 2;
+    first.tids = unit.tids.mid(0, half);
+    second.tids = unit.tids.mid(half);
+    return {first, second};
+}
+
+bool VerifyCheck::leave(QSqlQuery &query, const WorkUnit &unit, const ServerFailure &failure)
+{
+    if (unit.kind == WorkUnit::Kind::Rows && unit.tids.size() == 1) {
+        const ScanTable::Row row = m_table.describeRow(query, relationOf(unit), unit.tids.first());
+        notVerified(row.instance, QStringLiteral("row %1").arg(row.name), failure.words());
+        return false;
+    }
+    QString what = QStringLiteral("every row at once");
+    if (unit.kind == WorkUnit::Kind::Rows)
+        what = QStringLiteral("%1 rows of %2").arg(unit.tids.size()).arg(relationOf(unit));
+    else if (unit.kind == WorkUnit::Kind::Range)
+        what = m_cursor->text(unit);
+    notVerified(QString(), what, failure.words());
     return true;
 }
 
+void VerifyCheck::notVerified(const QString &instance, const QString &what, const QString &reason)
+{
+    const QString verification = QStringLiteral("verification of %1").arg(what);
+    m_tally.fail(verification, reason);
+    m_log.writeLine(RunLog::Warning, QStringLiteral("Not verified: %1. %2").arg(verification, reason));
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    if (instance.isEmpty() && m_noneVerified.isEmpty())
+        m_noneVerified = reason;
+    else if (!instance.isEmpty() && !m_notVerified.contains(instance))
+        m_notVerified.insert(instance, reason);
+}
+
+// A count that was not made is never a number: an instance the run could not verify says so, and why.
 void VerifyCheck::report(bool interrupted)
 {
     if (interrupted)
         return;
-    qint64 failing = 0;
-    for (const InstanceList::Instance &instance : m_instances.instances()) {
-        const qint64 count = m_failing.value(instance.first);
-        failing += count;
-        const QString line = QStringLiteral("Verified data: %1, instance id: %2, rows that fail a jsonb cast: %3")
-                                 .arg(InstanceLines::kColumn, instance.first)
-                                 .arg(count);
-        Console::out(line);
-        m_log.writeLine(RunLog::Info, line);
-    }
-    if (failing > 0)
-        m_tally.fail(QStringLiteral("verification"), QStringLiteral("%1 rows fail a jsonb cast").arg(failing));
     const QString stop = m_tally.stopReason();
     if (!stop.isEmpty()) {
         const QString line = QStringLiteral("The run stopped before its end: %1").arg(stop);
         Console::err(QStringLiteral("ERROR: ") + line);
         m_log.writeLine(RunLog::Error, line);
     }
+    qint64 failing = 0;
+    for (const InstanceList::Instance &instance : m_instances.instances()) {
+        const QString reason = stop.isEmpty() ? m_notVerified.value(instance.first, m_noneVerified) : stop;
+        const QString count = reason.isEmpty() ? QString::number(m_failing.value(instance.first)) : kFailed;
+        failing += m_failing.value(instance.first);
+        const QString line = QStringLiteral("Verified data: %1, instance id: %2, rows that fail a jsonb cast: %3")
+                                 .arg(InstanceLines::kColumn, instance.first, count);
+        Console::out(line);
+        m_log.writeLine(RunLog::Info, line);
+        if (reason.isEmpty() || !stop.isEmpty())
+            continue;
+        const QString failed = QStringLiteral("Verification is failed, data: %1, instance id: %2. %3")
+                                   .arg(InstanceLines::kColumn, instance.first, reason);
+        Console::err(QStringLiteral("WARNING: ") + failed);
+        m_log.writeLine(RunLog::Warning, failed);
+    }
+    if (failing > 0)
+        m_tally.fail(QStringLiteral("verification"), QStringLiteral("%1 rows fail a jsonb cast").arg(failing));
 }

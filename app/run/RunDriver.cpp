@@ -28,6 +28,7 @@
 #include <QCoreApplication>
 #include <QDate>
 #include <QSqlDatabase>
+#include <QSqlError>
 #include <QSqlQuery>
 
 namespace {
@@ -84,6 +85,14 @@ public:
     explicit DiagnosticsRoute(const VerboseLog &verbose) { VerboseLog::takeDiagnostics(&verbose); }
     ~DiagnosticsRoute() { VerboseLog::takeDiagnostics(nullptr); }
 };
+
+// Why a connection could not be opened, in the server's or libpq's words, on one line.
+QString connectionFailure(const QSqlDatabase &database)
+{
+    const QSqlError error = database.lastError();
+    const QString words = error.databaseText().simplified();
+    return words.isEmpty() ? error.text().simplified() : words;
+}
 
 void printUsage()
 {
@@ -170,6 +179,8 @@ RunDriver::Outcome RunDriver::runStages(
     } else {
         options.mode = RunMode::Repair;
     }
+    if (isToolMode(options.mode))
+        log.keepEntriesOnOneLine();
 
     const VerboseLog verbose(log, options.verbose);
     const DiagnosticsRoute diagnostics(verbose);
@@ -215,6 +226,9 @@ RunDriver::Outcome RunDriver::runStages(
     const core::PostgresInformation settings = service.connectionSettings();
     if (!service.openConnection(database, settings.dbName, connectionName, true)) {
         log.writeLine(RunLog::Error, QStringLiteral("Cannot connect to Postgres server: %1").arg(settings.dbName));
+        if (isToolMode(options.mode))
+            Console::err(QStringLiteral("ERROR: Cannot connect to Postgres server: %1: %2")
+                             .arg(settings.dbName, connectionFailure(database)));
         return Outcome::EarlyExit;
     }
     canceller.add(database);

@@ -415,3 +415,196 @@ TEST_F(ToolTest, TheToolsModesFinishTheirJobUnderFieldFaults)
     server().freshProductDatabase();
     server().sql(u"DROP ROLE IF EXISTS timed"_s, u"postgres"_s);
 }
+
+namespace {
+// Each line of the run log is a stamped entry of its own: no console line, no second line of a text.
+QStringList unstampedLines(const QString &runLogPath)
+{
+    static const QRegularExpression entry(u"^\\[(INFO\\t|WARNING|ERROR\\t)\\] \\d{4}\\.\\d\\d\\.\\d\\d "_s);
+    QStringList lines = QString::fromUtf8(ToolSandbox::read(runLogPath)).split(u'\n', Qt::SkipEmptyParts);
+    lines.removeIf([](const QString &line) { return entry.match(line).hasMatch(); });
+    return lines;
+}
+
+QString verifiedLine(int instance, const QString &count)
+{
+    return u"Verified data: filetype_details, instance id: %1, rows that fail a jsonb cast: %2"_s.arg(instance).arg(
+        count);
+}
+} // namespace
+
+// --verify where no temporary function can be made counts each failing row by plain reads; where
+// it cannot read the rows at all, no instance gets a number.
+TEST_F(ToolTest, VerifyCountsByPlainReadsWhereItCannotMakeAFunction)
+{
+    enum Setup { ReadOnly, NoTemp, NoSelect };
+    const struct {
+        const char *name;
+        Setup setup;
+        QStringList arguments;
+        QStringList counts;
+        const char *errHas;
+    } cases[] = {
+        {"a read-only database", ReadOnly, {u"--verify"_s}, {u"3"_s, u"0"_s, u"2"_s}, ""},
+        {"a role without TEMP", NoTemp, {u"--verify"_s, u"--jobs"_s, u"2"_s}, {u"3"_s, u"0"_s, u"2"_s}, ""},
+        {"a role that cannot read scan.file", NoSelect, {u"--verify"_s}, {u"failed"_s, u"failed"_s, u"failed"_s},
+            "ERROR: The run stopped before its end: ERROR: permission denied for table file"},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.name);
+        SetUp();
+        sql(u"DROP ROLE IF EXISTS verifier"_s);
+        addInstances({1, 2, 3});
+        sql(u"INSERT INTO scan.file (instance_id, request_id, filetype_details) SELECT 1 + g % 3, 100 + g, %1 FROM "
+            "generate_series(1, 600) g"_s.arg(quoted(kFixed)));
+        for (const int request : {150, 350, 550})
+            addRow(1, request, kBad);
+        addRow(3, 200, kBad);
+        addRow(3, 300, u"{\"type\":"_s);
+        addRow(2, 2, kBad);
+        addRow(4, 100, kBad);
+        if (c.setup == ReadOnly) {
+            sql(u"ALTER DATABASE product SET default_transaction_read_only = on"_s);
+        } else {
+            sql(u"CREATE ROLE verifier LOGIN PASSWORD '%1'; REVOKE TEMP ON DATABASE product FROM PUBLIC; GRANT USAGE "
+                "ON SCHEMA scan, warehouse TO verifier; GRANT SELECT ON ALL TABLES IN SCHEMA warehouse%2 TO verifier"_s
+                    .arg(QLatin1String(TestServer::kPassword), c.setup == NoTemp ? u", scan"_s : QString()));
+            ASSERT_TRUE(m_sandbox.provision(server().port(), u"product"_s, u"remote"_s, {u"user=verifier"_s}));
+        }
+        QFile::remove(m_sandbox.runLogPath());
+        const ToolSandbox::Result result = m_sandbox.runTool(c.arguments);
+        EXPECT_EQ(result.exitCode, 1);
+        EXPECT_EQ(QString::fromUtf8(result.out).split(u'\n').filter(u"Verified data"_s),
+            QStringList({verifiedLine(1, c.counts[0]), verifiedLine(2, c.counts[1]), verifiedLine(3, c.counts[2])}));
+        EXPECT_TRUE(result.err.startsWith(c.errHas)) << result.err.constData();
+        if (c.setup != NoSelect) {
+            EXPECT_TRUE(m_sandbox.runLog().contains(
+                u"[WARNING] <ts>: Row that fails a jsonb cast, data: filetype_details, instance id: 3, row: id="_s))
+                << m_sandbox.runLog().toStdString();
+        }
+    }
+    server().freshProductDatabase();
+    server().sql(u"DROP ROLE IF EXISTS verifier"_s, u"postgres"_s);
+}
+
+// Standard output (and error) closed, or a pipe whose reader has gone: the console's lines are
+// dropped, the run goes on to its end, its log is complete and its exit status its own.
+TEST_F(ToolTest, AClosedOrBrokenConsoleLosesNoWorkAndNoRunLogLine)
+{
+#ifdef Q_OS_WIN
+    GTEST_SKIP() << "the cases are POSIX shell redirections";
+#endif
+    const struct {
+        const char *name;
+        // Runs the tool ("$0" "$@") and writes its exit status to the file "status".
+        const char *script;
+    } cases[] = {
+        {"standard output to a closed pipe", R"({ "$0" "$@"; echo $? >status; } | true)"},
+        {"both to a closed pipe", R"({ "$0" "$@" 2>&1; echo $? >status; } | true)"},
+        {"standard output closed", R"("$0" "$@" >&-; echo $? >status)"},
+        {"both closed", R"("$0" "$@" >&- 2>&-; echo $? >status)"},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.name);
+        SetUp();
+        addInstances({1, 2, 3});
+        sql(u"INSERT INTO scan.file (instance_id, request_id, filetype_details) SELECT 1 + g % 3, 100 + g, %1 FROM "
+            "generate_series(1, 3000) g"_s.arg(quoted(kBad)));
+        QFile::remove(m_sandbox.runLogPath());
+        const QString status = m_sandbox.workDirectory() + u"/status"_s;
+        QFile::remove(status);
+        qputenv(UnitSizer::kBlocksVariable, "1");
+        ToolSandbox::run(u"sh"_s,
+            {u"-c"_s, QLatin1String(c.script), QStringLiteral(ZENTRIX_TOOL_PATH), u"--journal"_s, u"--jobs"_s, u"2"_s},
+            m_sandbox.workDirectory());
+        qunsetenv(UnitSizer::kBlocksVariable);
+        EXPECT_EQ(ToolSandbox::read(status), "0\n");
+        EXPECT_EQ(sql(u"SELECT count(*) FROM scan.file WHERE filetype_details = %1"_s.arg(quoted(kFixed))),
+            QStringList({u"3000"_s}));
+        const QString log = m_sandbox.runLog();
+        for (int instance = 1; instance <= 3; ++instance)
+            EXPECT_TRUE(log.contains(QString::fromUtf8(doneLine(instance).chopped(1)))) << log.toStdString();
+        EXPECT_TRUE(log.contains(u"(100%)"_s)) << log.toStdString();
+        EXPECT_EQ(unstampedLines(m_sandbox.runLogPath()), QStringList());
+    }
+}
+
+// A table without a primary key: a row left is named by what finds it once it has moved.
+TEST_F(ToolTest, ARowLeftOfATableWithoutAKeyIsNamedSoThatItCanBeFound)
+{
+    for (const QStringList &arguments : {QStringList{u"--changed-only"_s}, QStringList{u"--batched"_s}}) {
+        SCOPED_TRACE(arguments.join(u' ').toStdString());
+        SetUp();
+        addInstances({1, 2});
+        sql(u"ALTER TABLE scan.file DROP CONSTRAINT file_pkey; INSERT INTO scan.file (id, instance_id, request_id, "
+            "filetype_details) SELECT g, 1 + g % 2, 100 + g, %1 FROM generate_series(1, 400) g; CREATE FUNCTION "
+            "refuse() RETURNS trigger AS $$ BEGIN IF NEW.id = 201 THEN RAISE EXCEPTION 'row refused'; END IF; "
+            "RETURN NEW; END $$ LANGUAGE plpgsql; CREATE TRIGGER refuse BEFORE UPDATE ON scan.file FOR EACH ROW "
+            "EXECUTE FUNCTION refuse()"_s.arg(quoted(kBad)));
+        QFile::remove(m_sandbox.runLogPath());
+        EXPECT_EQ(m_sandbox.runTool(arguments).exitCode, 1);
+        // The product rewrites the row elsewhere: its row version is gone, its name still finds it.
+        sql(u"DROP TRIGGER refuse ON scan.file; UPDATE scan.file SET id = id WHERE id = 201"_s);
+        const QRegularExpressionMatch left
+            = QRegularExpression(u"Row left unrepaired, data: filetype_details, instance id: 2, row: "
+                                 "instance_id=2, request_id=(\\d+), md5\\(filetype_details::text\\)=([0-9a-f]{32}), "
+                                 "read at ctid \\(\\d+,\\d+\\)\\. "_s)
+                  .match(m_sandbox.runLog());
+        ASSERT_TRUE(left.hasMatch()) << m_sandbox.runLog().toStdString();
+        EXPECT_EQ(sql(u"SELECT string_agg(id::text, ' ') FROM scan.file WHERE instance_id = 2 AND request_id = %1 AND "
+                      "md5(filetype_details::text) = '%2'"_s.arg(left.captured(1), left.captured(2))),
+            QStringList({u"201"_s}));
+    }
+}
+
+// In the tool's modes a first connection that fails says why on standard error; the product's
+// run says nothing more than it did.
+TEST_F(ToolTest, AFailedFirstConnectionSaysWhyInTheToolsModes)
+{
+    const struct {
+        const char *name;
+        QStringList provisioned;
+        QStringList arguments;
+        const char *err;
+    } cases[] = {
+        {"a refused password, the product's run", {u"password=wrong"_s}, {}, ""},
+        {"a refused password", {u"password=wrong"_s}, {u"--dry-run"_s},
+            "ERROR: Cannot connect to Postgres server: product: connection to server at "},
+        {"no such database", {u"dbname=nosuch"_s}, {u"--changed-only"_s},
+            "ERROR: Cannot connect to Postgres server: nosuch: connection to server at "},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.name);
+        ASSERT_TRUE(m_sandbox.provision(server().port(), u"product"_s, u"remote"_s, c.provisioned));
+        QFile::remove(m_sandbox.runLogPath());
+        const ToolSandbox::Result result = m_sandbox.runTool(c.arguments);
+        EXPECT_EQ(result.exitCode, 1);
+        EXPECT_EQ(result.out, fileLogLine());
+        if (c.arguments.isEmpty()) {
+            EXPECT_EQ(result.err, QByteArray());
+            continue;
+        }
+        EXPECT_TRUE(result.err.startsWith(c.err)) << result.err.constData();
+        EXPECT_TRUE(result.err.contains(c.provisioned.constFirst().startsWith(u"password"_s)
+                ? "password authentication failed"
+                : "database \"nosuch\" does not exist"))
+            << result.err.constData();
+        EXPECT_EQ(result.err.count('\n'), 1);
+        EXPECT_EQ(unstampedLines(m_sandbox.runLogPath()), QStringList());
+    }
+}
+
+// A server text with line breaks (the driver's error with its LINE and caret) stays one entry in
+// the tool's modes; the product's run keeps its line as it always was.
+TEST_F(ToolTest, RunLogEntriesStayOneLineInTheToolsModes)
+{
+    sql(u"DROP TABLE warehouse.control_refresh"_s);
+    for (const QStringList &arguments :
+        {QStringList{u"--dry-run"_s}, QStringList{u"--changed-only"_s}, QStringList{u"--verify"_s}, QStringList()}) {
+        SCOPED_TRACE(arguments.join(u' ').toStdString());
+        QFile::remove(m_sandbox.runLogPath());
+        EXPECT_EQ(m_sandbox.runTool(arguments).exitCode, 1);
+        EXPECT_TRUE(ToolSandbox::read(m_sandbox.runLogPath()).contains("Select all last_request_id unsuccessfully."));
+        EXPECT_EQ(unstampedLines(m_sandbox.runLogPath()).isEmpty(), !arguments.isEmpty());
+    }
+}
