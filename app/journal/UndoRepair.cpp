@@ -203,6 +203,11 @@ bool UndoRepair::leave(QSqlQuery &, const WorkUnit &unit, const ServerFailure &f
     return true;
 }
 
+bool UndoRepair::mayWrite(QSqlQuery &query, const WorkUnit &unit)
+{
+    return ServerFailure::roleMayWrite(query, m_relations[unit.relation], InstanceLines::kColumn);
+}
+
 void UndoRepair::report(bool interrupted)
 {
     const qint64 restored = m_tally.totalChanged();

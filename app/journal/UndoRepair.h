@@ -29,6 +29,7 @@ public:
     QString step(const WorkUnit &unit) const override;
     QVector<WorkUnit> split(QSqlQuery &query, const WorkUnit &unit) override;
     bool leave(QSqlQuery &query, const WorkUnit &unit, const ServerFailure &failure) override;
+    bool mayWrite(QSqlQuery &query, const WorkUnit &unit) override;
     void report(bool interrupted) override;
 
 private:

@@ -174,7 +174,9 @@ void RepairEngine::process(WorkerConnection &connection, WorkUnit unit)
         finished(unit);
         return;
     }
-    handleFailure(connection, unit, ServerFailure::of(connection.query(), connection.database(), m_interrupted()));
+    const auto mayWrite = [this, &connection, &unit] { return m_strategy->mayWrite(connection.query(), unit); };
+    handleFailure(
+        connection, unit, ServerFailure::of(connection.query(), connection.database(), m_interrupted(), mayWrite));
 }
 
 void RepairEngine::handleFailure(WorkerConnection &connection, const WorkUnit &unit, const ServerFailure &failure)

@@ -50,6 +50,9 @@ public:
     // Records what a unit that could not be done leaves: its one row, named, or the unit whole
     // (then true: its part of the table is not covered).
     virtual bool leave(QSqlQuery &query, const WorkUnit &unit, const ServerFailure &failure) = 0;
+    // After a refusal of privilege: whether the role may write what the unit writes, as the server
+    // says, so that the refusal is one of its rows'. A mode that only reads says no.
+    virtual bool mayWrite(QSqlQuery &query, const WorkUnit &unit);
 
     // Every unit of an instance is over: the instance's line, or more units when the instance
     // must be read again.

@@ -288,6 +288,12 @@ TEST_F(ToolTest, TheToolsModesFinishTheirJobUnderFieldFaults)
             "PARTITION OF scan.file_2 FOR VALUES FROM (300) TO (MAXVALUE); CREATE TABLE scan.file_other "
             "PARTITION OF scan.file DEFAULT"_s);
     };
+    // The tool's sessions as a role of their own, with the grants given.
+    const auto asRole = [this](const QString &grants) {
+        sql(u"CREATE ROLE limited LOGIN PASSWORD '%1'; GRANT USAGE ON SCHEMA scan, warehouse TO limited; %2"_s.arg(
+            QLatin1String(TestServer::kPassword), grants));
+        ASSERT_TRUE(m_sandbox.provision(server().port(), u"product"_s, u"remote"_s, {u"user=limited"_s}));
+    };
     const struct {
         const char *name;
         QList<QStringList> argumentLists;
@@ -336,6 +342,23 @@ TEST_F(ToolTest, TheToolsModesFinishTheirJobUnderFieldFaults)
         // left whole, the run says how far it got, and the other partitions are repaired.
         {"a partition stays locked", {{"--batched", "--jobs", "2"}}, partitioned, HoldPartition, 1, 120,
             "[WARNING] <ts>: Batched repair covered "},
+        // A refusal of privilege that names one row is that row's; one that no row could pass stops
+        // the run at once.
+        {"a row-level security policy refuses one row", {{"--batched", "--jobs", "2"}, {"--changed-only"}},
+            [&asRole, &middle] {
+                sql(u"ALTER TABLE scan.file ENABLE ROW LEVEL SECURITY; CREATE POLICY keep ON scan.file USING (true) "
+                    "WITH CHECK (id <> %1)"_s.arg(middle));
+                asRole(u"GRANT ALL ON ALL TABLES IN SCHEMA scan, warehouse TO limited"_s);
+            },
+            None, 1, 1,
+            "[WARNING] <ts>: Row left unrepaired, data: filetype_details, instance id: 2, row: id=%1. ERROR: new row "
+            "violates row-level security policy"},
+        {"the role may not update the column", {{"--batched", "--jobs", "2"}, {"--changed-only"}},
+            [&asRole] {
+                asRole(u"GRANT SELECT ON ALL TABLES IN SCHEMA scan, warehouse TO limited; GRANT UPDATE (request_id) "
+                       "ON scan.file TO limited"_s);
+            },
+            None, 1, 360, "[ERROR\t] <ts>: The run stopped before its end: ERROR: permission denied for table file"},
     };
     const QString damaged = u"SELECT count(*) FROM scan.file WHERE filetype_details = %1"_s.arg(quoted(kBad));
     for (const auto &c : cases) {
@@ -345,7 +368,7 @@ TEST_F(ToolTest, TheToolsModesFinishTheirJobUnderFieldFaults)
             if (c.disturbance == Restart && server().isExternal())
                 continue;
             SetUp();
-            sql(u"DROP ROLE IF EXISTS timed"_s);
+            sql(u"DROP ROLE IF EXISTS timed; DROP ROLE IF EXISTS limited"_s);
             addInstances({1, 2, 3});
             c.setup();
             // Instance 3's rows are partly in the default partition; every fifth row is damaged.
@@ -414,4 +437,5 @@ TEST_F(ToolTest, TheToolsModesFinishTheirJobUnderFieldFaults)
     }
     server().freshProductDatabase();
     server().sql(u"DROP ROLE IF EXISTS timed"_s, u"postgres"_s);
+    server().sql(u"DROP ROLE IF EXISTS limited"_s, u"postgres"_s);
 }
