@@ -359,6 +359,16 @@ TEST_F(ToolTest, TheToolsModesFinishTheirJobUnderFieldFaults)
                        "ON scan.file TO limited"_s);
             },
             None, 1, 360, "[ERROR\t] <ts>: The run stopped before its end: ERROR: permission denied for table file"},
+        // A refusal that every row meets alike stops the run with one line, not one per row.
+        {"a statement-level trigger refuses every update", {{"--batched", "--jobs", "2"}, {"--changed-only"}},
+            [] {
+                sql(u"CREATE FUNCTION refuse_all() RETURNS trigger AS $$ BEGIN RAISE EXCEPTION 'no update'; END $$ "
+                    "LANGUAGE plpgsql; CREATE TRIGGER refuse_all BEFORE UPDATE ON scan.file FOR EACH STATEMENT EXECUTE "
+                    "FUNCTION refuse_all()"_s);
+            },
+            None, 1, 360,
+            "[ERROR\t] <ts>: The run stopped before its end: the server refused 100 statements in a row alike, with "
+            "no row changed in between: a refusal that every row meets. ERROR: no update"},
     };
     const QString damaged = u"SELECT count(*) FROM scan.file WHERE filetype_details = %1"_s.arg(quoted(kBad));
     for (const auto &c : cases) {
@@ -422,6 +432,7 @@ TEST_F(ToolTest, TheToolsModesFinishTheirJobUnderFieldFaults)
             const QString log = QString::fromUtf8(ToolSandbox::read(m_sandbox.runLogPath()))
                                     .replace(QRegularExpression(u"\\d{4}\\.\\d\\d\\.\\d\\d [0-9:.]{12}"_s), u"<ts>"_s);
             EXPECT_TRUE(log.contains(QString::fromUtf8(c.logHas).replace(u"%1"_s, middle))) << log.toStdString();
+            EXPECT_LT(log.count(u'\n'), kRows / 5) << "a fault is said once per row it holds, not once per row";
             if (c.disturbance == HoldPartition) {
                 // A relation no range of which could be measured is still taken about a block at a time.
                 QRegularExpressionMatch coverage;
