@@ -450,3 +450,36 @@ TEST_F(ToolTest, TheToolsModesFinishTheirJobUnderFieldFaults)
     server().sql(u"DROP ROLE IF EXISTS timed"_s, u"postgres"_s);
     server().sql(u"DROP ROLE IF EXISTS limited"_s, u"postgres"_s);
 }
+
+// --undo where a trigger refuses one row's restore: the row is counted and named by its key with
+// the server's words, and the run stays to be undone; once the trigger is gone, the next --undo
+// restores it, and the run is undone.
+TEST_F(ToolTest, AnUndoWhoseRowTheServerRefusesStaysUndoable)
+{
+    addInstances({1});
+    sql(u"INSERT INTO scan.file (instance_id, request_id, filetype_details) SELECT 1, 100, %1 FROM "
+        "generate_series(1, 50)"_s.arg(quoted(kBad)));
+    ASSERT_EQ(m_sandbox.runTool({u"--journal"_s}).exitCode, 0);
+    const QString kept = sql(u"SELECT id FROM scan.file ORDER BY id OFFSET 16 LIMIT 1"_s).value(0);
+    sql(u"CREATE FUNCTION refuse() RETURNS trigger AS $$ BEGIN IF NEW.id = %1 THEN RAISE EXCEPTION 'row % is "
+        "kept', NEW.id; END IF; RETURN NEW; END $$ LANGUAGE plpgsql; CREATE TRIGGER refuse BEFORE UPDATE ON "
+        "scan.file FOR EACH ROW EXECUTE FUNCTION refuse()"_s.arg(kept));
+    const QString notBack
+        = u"SELECT string_agg(id::text, ' ') FROM scan.file WHERE filetype_details <> %1"_s.arg(quoted(kBad));
+    const auto state
+        = [this] { return QString::fromUtf8(m_sandbox.runTool({u"--runs"_s}).out).section(u", "_s, 2, 2); };
+    const ToolSandbox::Result refused = m_sandbox.runTool({u"--undo"_s, u"1"_s});
+    EXPECT_EQ(refused.exitCode, 1);
+    EXPECT_TRUE(refused.err.contains(", rows restored: 49, rows not restored: 1\n")) << refused.err.constData();
+    const QString log = QString::fromUtf8(ToolSandbox::read(m_sandbox.runLogPath()));
+    EXPECT_TRUE(
+        log.contains(u"Row not restored, run 1, data: filetype_details, row: id=%1. ERROR: row %1 is kept"_s.arg(kept)))
+        << log.toStdString();
+    EXPECT_EQ(sql(notBack), QStringList({kept}));
+    EXPECT_EQ(state(), u"undoing"_s);
+    sql(u"DROP TRIGGER refuse ON scan.file"_s);
+    const ToolSandbox::Result again = m_sandbox.runTool({u"--undo"_s, u"1"_s});
+    EXPECT_EQ(again.exitCode, 0) << again.err.constData();
+    EXPECT_EQ(sql(notBack), QStringList({QString()}));
+    EXPECT_EQ(state(), u"undone"_s);
+}
