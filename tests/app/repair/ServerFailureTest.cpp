@@ -2,6 +2,14 @@
 
 #include <gtest/gtest.h>
 
+#include <ostream>
+
+void PrintTo(ServerFailure::Kind kind, std::ostream *os)
+{
+    static const char *const names[] = {"Rows", "Retry", "Connection", "Interrupted", "Run"};
+    *os << names[static_cast<int>(kind)];
+}
+
 namespace {
 
 using Kind = ServerFailure::Kind;
@@ -14,6 +22,11 @@ struct FailureCase {
     bool mayWrite;
     Kind kind;
 };
+
+void PrintTo(const FailureCase &c, std::ostream *os)
+{
+    *os << c.name;
+}
 
 class ServerFailureTest : public testing::TestWithParam<FailureCase>
 {
