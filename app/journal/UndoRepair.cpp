@@ -163,14 +163,18 @@ RepairStrategy::Result UndoRepair::run(QSqlQuery &query, const WorkUnit &unit)
 
 void UndoRepair::leaveUnrestored(QSqlQuery &query, const WorkUnit &unit, Result &result) const
 {
-    if (!query.exec(QStringLiteral("SELECT key, version, relation FROM zentrix_normalizer.original WHERE %1")
-                        .arg(records(unit))))
+    if (!query.exec(rowsOf(unit)))
         return;
     while (query.next()) {
         const QString name = rowName(query);
         result.left.append({QString(), name, kNotRestored});
         logNotRestored(name, kNotRestored);
     }
+}
+
+QString UndoRepair::rowsOf(const WorkUnit &unit) const
+{
+    return QStringLiteral("SELECT key, version, relation FROM zentrix_normalizer.original WHERE %1").arg(records(unit));
 }
 
 QString UndoRepair::rowName(const QSqlQuery &query) const
@@ -204,11 +208,7 @@ QVector<WorkUnit> UndoRepair::split(QSqlQuery &, const WorkUnit &unit)
 // A unit split down to one record whose restore the server refuses leaves that row, named.
 bool UndoRepair::leave(QSqlQuery &query, const WorkUnit &unit, const ServerFailure &failure)
 {
-    if (unit.end - unit.first == 1
-        && query.exec(QStringLiteral("SELECT key, version, relation FROM "
-                                     "zentrix_normalizer.original WHERE %1")
-                          .arg(records(unit)))
-        && query.next()) {
+    if (unit.end - unit.first == 1 && query.exec(rowsOf(unit)) && query.next()) {
         const QString name = rowName(query);
         ++m_refused;
         m_tally.leaveRow({QString(), name, failure.words()});

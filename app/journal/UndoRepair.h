@@ -39,6 +39,8 @@ private:
     QString statement(const WorkUnit &unit) const;
     // The records of the unit that are still not restored: each a row left, named.
     void leaveUnrestored(QSqlQuery &query, const WorkUnit &unit, Result &result) const;
+    // What names the rows of the unit's records that are still not restored.
+    QString rowsOf(const WorkUnit &unit) const;
     // A record's row as the operator finds it, from its key, version and relation read by query.
     QString rowName(const QSqlQuery &query) const;
     void logNotRestored(const QString &row, const QString &reason) const;
