@@ -369,6 +369,16 @@ TEST_F(ToolTest, TheToolsModesFinishTheirJobUnderFieldFaults)
             None, 1, 360,
             "[ERROR\t] <ts>: The run stopped before its end: the server refused 100 statements in a row alike, with "
             "no row changed in between: a refusal that every row meets. ERROR: no update"},
+        // A remote server's connection that fails is the rows' error, not the tool's lost connection.
+        {"a remote server behind a foreign table is down", {{"--batched"}},
+            [] {
+                sql(u"CREATE EXTENSION postgres_fdw; CREATE SERVER gone FOREIGN DATA WRAPPER postgres_fdw OPTIONS "
+                    "(host '127.0.0.1', port '1'); CREATE USER MAPPING FOR CURRENT_USER SERVER gone; CREATE FOREIGN "
+                    "TABLE remote (a int) SERVER gone; CREATE FUNCTION ask() RETURNS trigger AS $$ BEGIN PERFORM FROM "
+                    "remote; RETURN NEW; END $$ LANGUAGE plpgsql; CREATE TRIGGER ask BEFORE UPDATE ON scan.file FOR "
+                    "EACH ROW EXECUTE FUNCTION ask()"_s);
+            },
+            None, 1, 360, "[ERROR\t] <ts>: The run stopped before its end: the server refused 100 statements in a row"},
     };
     const QString damaged = u"SELECT count(*) FROM scan.file WHERE filetype_details = %1"_s.arg(quoted(kBad));
     for (const auto &c : cases) {
