@@ -163,25 +163,36 @@ RepairStrategy::Result UndoRepair::run(QSqlQuery &query, const WorkUnit &unit)
 
 void UndoRepair::leaveUnrestored(QSqlQuery &query, const WorkUnit &unit, Result &result) const
 {
-    if (!query.exec(QStringLiteral("SELECT key, version, relation FROM zentrix_normalizer.original WHERE %1")
-                        .arg(records(unit))))
+    if (!query.exec(rowsOf(unit)))
         return;
     while (query.next()) {
-        QString name;
-        if (m_table.hasKey()) {
-            // The text form of a text array: {a,b}, elements quoted where needed.
-            QString values = query.value(0).toString();
-            values = values.mid(1, values.size() - 2);
-            name = m_table.keyName(values.split(QLatin1Char(',')));
-        } else {
-            name = QStringLiteral("ctid %1 in %2").arg(query.value(1).toString(), query.value(2).toString());
-        }
+        const QString name = rowName(query);
         result.left.append({QString(), name, kNotRestored});
-        m_log.writeLine(RunLog::Warning,
-            QStringLiteral("Row not restored, run %1, data: %2, row: %3. %4")
-                .arg(m_run)
-                .arg(InstanceLines::kColumn, name, kNotRestored));
+        logNotRestored(name, kNotRestored);
     }
+}
+
+QString UndoRepair::rowsOf(const WorkUnit &unit) const
+{
+    return QStringLiteral("SELECT key, version, relation FROM zentrix_normalizer.original WHERE %1").arg(records(unit));
+}
+
+QString UndoRepair::rowName(const QSqlQuery &query) const
+{
+    if (!m_table.hasKey())
+        return QStringLiteral("ctid %1 in %2").arg(query.value(1).toString(), query.value(2).toString());
+    // The text form of a text array: {a,b}, elements quoted where needed.
+    QString values = query.value(0).toString();
+    values = values.mid(1, values.size() - 2);
+    return m_table.keyName(values.split(QLatin1Char(',')));
+}
+
+void UndoRepair::logNotRestored(const QString &row, const QString &reason) const
+{
+    m_log.writeLine(RunLog::Warning,
+        QStringLiteral("Row not restored, run %1, data: %2, row: %3. %4")
+            .arg(m_run)
+            .arg(InstanceLines::kColumn, row, reason));
 }
 
 QVector<WorkUnit> UndoRepair::split(QSqlQuery &, const WorkUnit &unit)
@@ -194,13 +205,26 @@ QVector<WorkUnit> UndoRepair::split(QSqlQuery &, const WorkUnit &unit)
     return {first, second};
 }
 
-bool UndoRepair::leave(QSqlQuery &, const WorkUnit &unit, const ServerFailure &failure)
+// A unit split down to one record whose restore the server refuses leaves that row, named.
+bool UndoRepair::leave(QSqlQuery &query, const WorkUnit &unit, const ServerFailure &failure)
 {
+    if (unit.end - unit.first == 1 && query.exec(rowsOf(unit)) && query.next()) {
+        const QString name = rowName(query);
+        ++m_refused;
+        m_tally.leaveRow({QString(), name, failure.words()});
+        logNotRestored(name, failure.words());
+        return false;
+    }
     const QString what = QStringLiteral("records %1 to %2 of run %3").arg(unit.first).arg(unit.end - 1).arg(m_run);
     m_tally.fail(what, failure.words());
     m_log.writeLine(RunLog::Warning,
         QStringLiteral("Not restored, data: %1: %2. %3").arg(InstanceLines::kColumn, what, failure.words()));
     return true;
+}
+
+bool UndoRepair::mayWrite(QSqlQuery &query, const WorkUnit &unit)
+{
+    return ServerFailure::roleMayWrite(query, m_relations[unit.relation], InstanceLines::kColumn);
 }
 
 void UndoRepair::report(bool interrupted)
@@ -226,8 +250,9 @@ void UndoRepair::report(bool interrupted)
         Console::err(QStringLiteral("ERROR: ") + stop);
         m_log.writeLine(RunLog::Error, stop);
     }
-    // A killed or interrupted undo stays "undoing"; the next --undo of the run finishes it.
-    if (over && m_mainQuery)
+    // A killed or interrupted undo, or one whose rows the server refused, stays "undoing"; the next
+    // --undo of the run finishes it.
+    if (over && m_refused == 0 && m_tally.failures().isEmpty() && m_mainQuery)
         m_mainQuery->exec(QStringLiteral("UPDATE zentrix_normalizer.run SET state = %1, rows_restored = (SELECT "
                                          "count(*) FROM zentrix_normalizer.original WHERE run = %2 AND restored) "
                                          "WHERE id = %2")

@@ -6,6 +6,7 @@
 
 #include <QStringList>
 
+#include <atomic>
 #include <memory>
 #include <mutex>
 
@@ -29,6 +30,7 @@ public:
     QString step(const WorkUnit &unit) const override;
     QVector<WorkUnit> split(QSqlQuery &query, const WorkUnit &unit) override;
     bool leave(QSqlQuery &query, const WorkUnit &unit, const ServerFailure &failure) override;
+    bool mayWrite(QSqlQuery &query, const WorkUnit &unit) override;
     void report(bool interrupted) override;
 
 private:
@@ -37,6 +39,11 @@ private:
     QString statement(const WorkUnit &unit) const;
     // The records of the unit that are still not restored: each a row left, named.
     void leaveUnrestored(QSqlQuery &query, const WorkUnit &unit, Result &result) const;
+    // What names the rows of the unit's records that are still not restored.
+    QString rowsOf(const WorkUnit &unit) const;
+    // A record's row as the operator finds it, from its key, version and relation read by query.
+    QString rowName(const QSqlQuery &query) const;
+    void logNotRestored(const QString &row, const QString &reason) const;
     QString records(const WorkUnit &unit) const;
 
     const int m_run;
@@ -53,4 +60,7 @@ private:
     int m_relation = 0;
     qint64 m_position = 0;
     std::unique_ptr<UnitSizer> m_sizer;
+    // Rows whose restore the server refused: the run stays to be undone, and the next --undo
+    // tries them again.
+    std::atomic<int> m_refused{0};
 };

@@ -24,6 +24,15 @@ constexpr int kClockPollMs = 1;
 // hand back; it looks again at least this often.
 constexpr int kIdlePollMs = 200;
 
+bool changedAny(const RepairStrategy::Result &result)
+{
+    for (const qint64 changed : result.changed) {
+        if (changed > 0)
+            return true;
+    }
+    return false;
+}
+
 qint64 stampOf(const QString &connectionName)
 {
     return connectionName.section(QLatin1Char('_'), -1).toLongLong();
@@ -172,6 +181,10 @@ void RepairEngine::process(WorkerConnection &connection, WorkUnit unit)
         m_unitStarts.remove(serverProcess);
     }
     if (result.ok || !m_strategy->isolatesFaults()) {
+        if (changedAny(result)) {
+            const std::lock_guard<std::mutex> lock(m_mutex);
+            m_refusalsAlike = 0;
+        }
         m_tally.addChanged(result.changed);
         for (const RunTally::LeftRow &row : result.left)
             m_tally.leaveRow(row);
@@ -179,7 +192,9 @@ void RepairEngine::process(WorkerConnection &connection, WorkUnit unit)
         finished(unit);
         return;
     }
-    handleFailure(connection, unit, ServerFailure::of(connection.query(), connection.database(), m_interrupted()));
+    const auto mayWrite = [this, &connection, &unit] { return m_strategy->mayWrite(connection.query(), unit); };
+    handleFailure(
+        connection, unit, ServerFailure::of(connection.query(), connection.database(), m_interrupted(), mayWrite));
 }
 
 void RepairEngine::handleFailure(WorkerConnection &connection, const WorkUnit &unit, const ServerFailure &failure)
@@ -237,14 +252,32 @@ void RepairEngine::handleFailure(WorkerConnection &connection, const WorkUnit &u
         m_tally.stop(failure.words());
         break;
     case ServerFailure::Kind::Rows:
-        splitOrLeave(connection, unit, failure);
-        return;
+        if (!refusedAlikeTooOften(failure)) {
+            splitOrLeave(connection, unit, failure);
+            return;
+        }
+        m_tally.stop(QStringLiteral("the server refused %1 statements in a row alike, with no row changed in between: "
+                                    "a refusal that every row meets. %2")
+                         .arg(kRefusalsAlike)
+                         .arg(failure.words()));
+        break;
     }
     {
         const std::lock_guard<std::mutex> lock(m_mutex);
         m_stopped = true;
     }
     dropped(unit);
+}
+
+bool RepairEngine::refusedAlikeTooOften(const ServerFailure &failure)
+{
+    const QString refusal = failure.sqlState() + QLatin1Char(' ') + failure.words();
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    if (refusal != m_lastRefusal) {
+        m_lastRefusal = refusal;
+        m_refusalsAlike = 0;
+    }
+    return ++m_refusalsAlike >= kRefusalsAlike;
 }
 
 void RepairEngine::splitOrLeave(WorkerConnection &connection, const WorkUnit &unit, const ServerFailure &failure)

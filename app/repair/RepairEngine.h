@@ -36,6 +36,12 @@ public:
     // A unit in flight this long is looked at, from a connection of its own, for a lock it
     // waits on; the progress line then says whose, and for how long.
     static constexpr int kLockLookMs = 1000;
+    // A refusal tied to one row meets its statement about once per halving of its unit, a half
+    // that commits coming in between: some 20 in a row for the largest unit. This many alike
+    // (same SQLSTATE, same words) with no row changed in between is a refusal every row meets (a
+    // statement-level trigger, a remote server that is down): the run stops, having named at most
+    // about half as many rows, rather than one per row of the table.
+    static constexpr int kRefusalsAlike = 100;
 
     struct Connections {
         // Opens a further connection through the service; fills the handle and its registered name.
@@ -70,6 +76,7 @@ private:
     void leave(WorkerConnection &connection, const WorkUnit &unit, const ServerFailure &failure);
     // The unit's part of its range is not covered.
     void leftWhole(const WorkUnit &unit);
+    bool refusedAlikeTooOften(const ServerFailure &failure);
     bool stopping() const;
     void watchLocks();
     QString lockWait(QSqlDatabase &database) const;
@@ -94,6 +101,9 @@ private:
     bool m_listDone = false;
     int m_inFlight = 0;
     bool m_stopped = false;
+    // The last refusal tied to rows, and how often it came in a row with no row changed since.
+    QString m_lastRefusal;
+    int m_refusalsAlike = 0;
     // Units not over yet, per instance and per range unit.
     QHash<int, int> m_openOfInstance;
     QHash<int, int> m_openOfOrigin;

@@ -21,3 +21,8 @@ QVector<WorkUnit> RepairStrategy::instanceFinished(int)
 }
 
 void RepairStrategy::rangeFinished(int, bool) { }
+
+bool RepairStrategy::mayWrite(QSqlQuery &, const WorkUnit &)
+{
+    return false;
+}

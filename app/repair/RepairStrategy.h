@@ -53,6 +53,9 @@ public:
     // Records what a unit that could not be done leaves: its one row, named, or the unit whole
     // (then true: its part of the table is not covered).
     virtual bool leave(QSqlQuery &query, const WorkUnit &unit, const ServerFailure &failure) = 0;
+    // After a refusal of privilege: whether the role may write what the unit writes, as the server
+    // says, so that the refusal is one of its rows'. A mode that only reads says no.
+    virtual bool mayWrite(QSqlQuery &query, const WorkUnit &unit);
 
     // A unit that met a lock past the tool's bound: true when the lock is on its whole relation
     // (another session's LOCK TABLE, CREATE INDEX, ALTER TABLE), which the mode has then said

@@ -45,6 +45,11 @@ QStringList RowRepair::idsOf(const WorkUnit &unit) const
     return unit.instance >= 0 ? QStringList{m_instances[unit.instance].first} : m_instances.ids();
 }
 
+bool RowRepair::mayWrite(QSqlQuery &query, const WorkUnit &unit)
+{
+    return ServerFailure::roleMayWrite(query, relationOf(unit), InstanceLines::kColumn);
+}
+
 QString RowRepair::relationOf(const WorkUnit &unit) const
 {
     return m_table.relations()[unit.relation].name;

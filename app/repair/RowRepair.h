@@ -38,6 +38,7 @@ protected:
     // The lines that say what the run left and why it stopped, if it did.
     void reportLeft();
     QStringList idsOf(const WorkUnit &unit) const;
+    bool mayWrite(QSqlQuery &query, const WorkUnit &unit) override;
     QString relationOf(const WorkUnit &unit) const;
 
     bool relationLocked(QSqlQuery &query, const WorkUnit &unit) override;

@@ -288,6 +288,12 @@ TEST_F(ToolTest, TheToolsModesFinishTheirJobUnderFieldFaults)
             "PARTITION OF scan.file_2 FOR VALUES FROM (300) TO (MAXVALUE); CREATE TABLE scan.file_other "
             "PARTITION OF scan.file DEFAULT"_s);
     };
+    // The tool's sessions as a role of their own, with the grants given.
+    const auto asRole = [this](const QString &grants) {
+        sql(u"CREATE ROLE limited LOGIN PASSWORD '%1'; GRANT USAGE ON SCHEMA scan, warehouse TO limited; %2"_s.arg(
+            QLatin1String(TestServer::kPassword), grants));
+        ASSERT_TRUE(m_sandbox.provision(server().port(), u"product"_s, u"remote"_s, {u"user=limited"_s}));
+    };
     const struct {
         const char *name;
         QList<QStringList> argumentLists;
@@ -336,6 +342,43 @@ TEST_F(ToolTest, TheToolsModesFinishTheirJobUnderFieldFaults)
         // left whole, the run says how far it got, and the other partitions are repaired.
         {"a partition stays locked", {{"--batched", "--jobs", "2"}}, partitioned, HoldPartition, 1, 120,
             "[WARNING] <ts>: Batched repair covered "},
+        // A refusal of privilege that names one row is that row's; one that no row could pass stops
+        // the run at once.
+        {"a row-level security policy refuses one row", {{"--batched", "--jobs", "2"}, {"--changed-only"}},
+            [&asRole, &middle] {
+                sql(u"ALTER TABLE scan.file ENABLE ROW LEVEL SECURITY; CREATE POLICY keep ON scan.file USING (true) "
+                    "WITH CHECK (id <> %1)"_s.arg(middle));
+                asRole(u"GRANT ALL ON ALL TABLES IN SCHEMA scan, warehouse TO limited"_s);
+            },
+            None, 1, 1,
+            "[WARNING] <ts>: Row left unrepaired, data: filetype_details, instance id: 2, row: id=%1. ERROR: new row "
+            "violates row-level security policy"},
+        {"the role may not update the column", {{"--batched", "--jobs", "2"}, {"--changed-only"}},
+            [&asRole] {
+                asRole(u"GRANT SELECT ON ALL TABLES IN SCHEMA scan, warehouse TO limited; GRANT UPDATE (request_id) "
+                       "ON scan.file TO limited"_s);
+            },
+            None, 1, 360, "[ERROR\t] <ts>: The run stopped before its end: ERROR: permission denied for table file"},
+        // A refusal that every row meets alike stops the run with one line, not one per row.
+        {"a statement-level trigger refuses every update", {{"--batched", "--jobs", "2"}, {"--changed-only"}},
+            [] {
+                sql(u"CREATE FUNCTION refuse_all() RETURNS trigger AS $$ BEGIN RAISE EXCEPTION 'no update'; END $$ "
+                    "LANGUAGE plpgsql; CREATE TRIGGER refuse_all BEFORE UPDATE ON scan.file FOR EACH STATEMENT EXECUTE "
+                    "FUNCTION refuse_all()"_s);
+            },
+            None, 1, 360,
+            "[ERROR\t] <ts>: The run stopped before its end: the server refused 100 statements in a row alike, with "
+            "no row changed in between: a refusal that every row meets. ERROR: no update"},
+        // A remote server's connection that fails is the rows' error, not the tool's lost connection.
+        {"a remote server behind a foreign table is down", {{"--batched"}},
+            [] {
+                sql(u"CREATE EXTENSION postgres_fdw; CREATE SERVER gone FOREIGN DATA WRAPPER postgres_fdw OPTIONS "
+                    "(host '127.0.0.1', port '1'); CREATE USER MAPPING FOR CURRENT_USER SERVER gone; CREATE FOREIGN "
+                    "TABLE remote (a int) SERVER gone; CREATE FUNCTION ask() RETURNS trigger AS $$ BEGIN PERFORM FROM "
+                    "remote; RETURN NEW; END $$ LANGUAGE plpgsql; CREATE TRIGGER ask BEFORE UPDATE ON scan.file FOR "
+                    "EACH ROW EXECUTE FUNCTION ask()"_s);
+            },
+            None, 1, 360, "[ERROR\t] <ts>: The run stopped before its end: the server refused 100 statements in a row"},
     };
     const QString damaged = u"SELECT count(*) FROM scan.file WHERE filetype_details = %1"_s.arg(quoted(kBad));
     for (const auto &c : cases) {
@@ -345,7 +388,7 @@ TEST_F(ToolTest, TheToolsModesFinishTheirJobUnderFieldFaults)
             if (c.disturbance == Restart && server().isExternal())
                 continue;
             SetUp();
-            sql(u"DROP ROLE IF EXISTS timed"_s);
+            sql(u"DROP ROLE IF EXISTS timed; DROP ROLE IF EXISTS limited"_s);
             addInstances({1, 2, 3});
             c.setup();
             // Instance 3's rows are partly in the default partition; every fifth row is damaged.
@@ -399,6 +442,7 @@ TEST_F(ToolTest, TheToolsModesFinishTheirJobUnderFieldFaults)
             const QString log = QString::fromUtf8(ToolSandbox::read(m_sandbox.runLogPath()))
                                     .replace(QRegularExpression(u"\\d{4}\\.\\d\\d\\.\\d\\d [0-9:.]{12}"_s), u"<ts>"_s);
             EXPECT_TRUE(log.contains(QString::fromUtf8(c.logHas).replace(u"%1"_s, middle))) << log.toStdString();
+            EXPECT_LT(log.count(u'\n'), kRows / 5) << "a fault is said once per row it holds, not once per row";
             if (c.disturbance == HoldPartition) {
                 // A relation no range of which could be measured is still taken about a block at a time.
                 QRegularExpressionMatch coverage;
@@ -414,6 +458,40 @@ TEST_F(ToolTest, TheToolsModesFinishTheirJobUnderFieldFaults)
     }
     server().freshProductDatabase();
     server().sql(u"DROP ROLE IF EXISTS timed"_s, u"postgres"_s);
+    server().sql(u"DROP ROLE IF EXISTS limited"_s, u"postgres"_s);
+}
+
+// --undo where a trigger refuses one row's restore: the row is counted and named by its key with
+// the server's words, and the run stays to be undone; once the trigger is gone, the next --undo
+// restores it, and the run is undone.
+TEST_F(ToolTest, AnUndoWhoseRowTheServerRefusesStaysUndoable)
+{
+    addInstances({1});
+    sql(u"INSERT INTO scan.file (instance_id, request_id, filetype_details) SELECT 1, 100, %1 FROM "
+        "generate_series(1, 50)"_s.arg(quoted(kBad)));
+    ASSERT_EQ(m_sandbox.runTool({u"--journal"_s}).exitCode, 0);
+    const QString kept = sql(u"SELECT id FROM scan.file ORDER BY id OFFSET 16 LIMIT 1"_s).value(0);
+    sql(u"CREATE FUNCTION refuse() RETURNS trigger AS $$ BEGIN IF NEW.id = %1 THEN RAISE EXCEPTION 'row % is "
+        "kept', NEW.id; END IF; RETURN NEW; END $$ LANGUAGE plpgsql; CREATE TRIGGER refuse BEFORE UPDATE ON "
+        "scan.file FOR EACH ROW EXECUTE FUNCTION refuse()"_s.arg(kept));
+    const QString notBack
+        = u"SELECT string_agg(id::text, ' ') FROM scan.file WHERE filetype_details <> %1"_s.arg(quoted(kBad));
+    const auto state
+        = [this] { return QString::fromUtf8(m_sandbox.runTool({u"--runs"_s}).out).section(u", "_s, 2, 2); };
+    const ToolSandbox::Result refused = m_sandbox.runTool({u"--undo"_s, u"1"_s});
+    EXPECT_EQ(refused.exitCode, 1);
+    EXPECT_TRUE(refused.err.contains(", rows restored: 49, rows not restored: 1\n")) << refused.err.constData();
+    const QString log = QString::fromUtf8(ToolSandbox::read(m_sandbox.runLogPath()));
+    EXPECT_TRUE(
+        log.contains(u"Row not restored, run 1, data: filetype_details, row: id=%1. ERROR: row %1 is kept"_s.arg(kept)))
+        << log.toStdString();
+    EXPECT_EQ(sql(notBack), QStringList({kept}));
+    EXPECT_EQ(state(), u"undoing"_s);
+    sql(u"DROP TRIGGER refuse ON scan.file"_s);
+    const ToolSandbox::Result again = m_sandbox.runTool({u"--undo"_s, u"1"_s});
+    EXPECT_EQ(again.exitCode, 0) << again.err.constData();
+    EXPECT_EQ(sql(notBack), QStringList({QString()}));
+    EXPECT_EQ(state(), u"undone"_s);
 }
 
 namespace {

@@ -1,0 +1,69 @@
+#include "app/repair/ServerFailure.h"
+
+#include <gtest/gtest.h>
+
+#include <ostream>
+
+void PrintTo(ServerFailure::Kind kind, std::ostream *os)
+{
+    static const char *const names[] = {"Rows", "Retry", "Connection", "Interrupted", "Run"};
+    *os << names[static_cast<int>(kind)];
+}
+
+namespace {
+
+using Kind = ServerFailure::Kind;
+
+struct FailureCase {
+    const char *name;
+    const char *sqlState;
+    bool connectionLost;
+    bool interrupted;
+    bool mayWrite;
+    Kind kind;
+};
+
+void PrintTo(const FailureCase &c, std::ostream *os)
+{
+    *os << c.name;
+}
+
+class ServerFailureTest : public testing::TestWithParam<FailureCase>
+{
+};
+
+TEST_P(ServerFailureTest, DecidesWhatTheRunDoesNextBySqlStateAndFactsAlone)
+{
+    const FailureCase &c = GetParam();
+    ServerFailure::Facts facts;
+    facts.sqlState = QString::fromLatin1(c.sqlState);
+    facts.connectionLost = c.connectionLost;
+    facts.interrupted = c.interrupted;
+    facts.mayWrite = c.mayWrite;
+    EXPECT_EQ(ServerFailure::classify(facts), c.kind);
+}
+
+INSTANTIATE_TEST_SUITE_P(SqlStates, ServerFailureTest,
+    testing::Values(FailureCase{"UniqueViolationIsTheRows", "23505", false, false, true, Kind::Rows},
+        FailureCase{"CheckViolationIsTheRows", "23514", false, false, true, Kind::Rows},
+        FailureCase{"TriggerRaiseIsTheRows", "P0001", false, false, true, Kind::Rows},
+        // A row-level security policy's check, met by a role that holds every privilege needed.
+        FailureCase{"RefusalOfARoleThatMayWriteIsTheRows", "42501", false, false, true, Kind::Rows},
+        FailureCase{"RefusalOfARoleThatMayNotWriteStopsTheRun", "42501", false, false, false, Kind::Run},
+        FailureCase{"LockNotAvailableIsRetried", "55P03", false, false, true, Kind::Retry},
+        FailureCase{"CancelBySomeoneElseIsRetried", "57014", false, false, true, Kind::Retry},
+        FailureCase{"CancelByTheRunsInterruptIsInterrupted", "57014", false, true, true, Kind::Interrupted},
+        FailureCase{"AdministratorShutdownIsTheConnection", "57P01", false, false, true, Kind::Connection},
+        FailureCase{"ReadOnlyTransactionStopsTheRun", "25006", false, false, true, Kind::Run},
+        FailureCase{"DiskFullStopsTheRun", "53100", false, false, true, Kind::Run},
+        // A foreign-data wrapper's remote server, while the tool's own connection is alive.
+        FailureCase{"RemoteUnableToConnectIsTheRows", "08001", false, false, true, Kind::Rows},
+        FailureCase{"RemoteConnectionFailureIsTheRows", "08006", false, false, true, Kind::Rows},
+        FailureCase{
+            "UnableToConnectWithTheConnectionLostIsTheConnection", "08001", true, false, true, Kind::Connection},
+        FailureCase{
+            "ConnectionFailureWithTheConnectionLostIsTheConnection", "08006", true, false, true, Kind::Connection},
+        FailureCase{"NoSqlStateWithTheConnectionLostIsTheConnection", "", true, false, false, Kind::Connection}),
+    [](const testing::TestParamInfo<FailureCase> &info) { return info.param.name; });
+
+} // namespace
