@@ -54,6 +54,7 @@ protected:
 
 private:
     bool openJournal(QSqlQuery &query, qint64 since);
+    Result repairUnit(QSqlQuery &query, const WorkUnit &unit);
     // The xmin of a snapshot taken now: every row written from here on has a newer xmin.
     static bool readSnapshotXmin(QSqlQuery &query, qint64 &xmin);
     // Whether the rows of relation written since the snapshot whose xmin is given can still be
@@ -91,4 +92,6 @@ private:
     int m_round = 0;
     bool m_roundFound = false;
     qint64 m_roundChanged = 0;
+    // The transactions of the run's own changes.
+    QVector<qint64> m_ownTransactions;
 };

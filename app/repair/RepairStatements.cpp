@@ -1,5 +1,7 @@
 #include "app/repair/RepairStatements.h"
 
+#include <algorithm>
+
 namespace {
 // Escapes in any case, spelled out: the expressions below that use them run without the "i"
 // flag.
@@ -57,12 +59,16 @@ QString changesInRange(const QString &column, const QStringList &instanceIds)
         .arg(RepairStatements::inRange(instanceIds), changesRow(column));
 }
 
-// Instance id and rows changed per instance of an UPDATE's rows.
+// Instance id, rows changed and the transaction that changed them (as a row's xmin shows it), per
+// instance of the rows of the CTE "changed"; evaluated once the update has run, so that its
+// transaction id is assigned.
+const QString kChangedPerInstance
+    = QStringLiteral("SELECT instance_id, count(*), pg_current_xact_id_if_assigned()::text::bigint % 4294967296 FROM "
+                     "changed GROUP BY instance_id");
+
 QString countedPerInstance(const QString &update)
 {
-    return QStringLiteral("WITH changed AS (%1 RETURNING instance_id) SELECT instance_id, count(*) FROM changed GROUP "
-                          "BY instance_id")
-        .arg(update);
+    return QStringLiteral("WITH changed AS (%1 RETURNING instance_id) ").arg(update) + kChangedPerInstance;
 }
 } // namespace
 
@@ -147,8 +153,9 @@ QString RepairStatements::updateSkippingLocked(
 {
     return QStringLiteral("WITH target AS (SELECT ctid AS t FROM %1 WHERE %2 AND %3 FOR UPDATE SKIP LOCKED), "
                           "changed AS (UPDATE %1 f SET %4 = %5 FROM target WHERE f.ctid = target.t RETURNING "
-                          "f.instance_id) SELECT instance_id, count(*) FROM changed GROUP BY instance_id")
-        .arg(relation, where, changesInRange(column, instanceIds), column, repairedLinear(column));
+                          "f.instance_id) ")
+               .arg(relation, where, changesInRange(column, instanceIds), column, repairedLinear(column))
+        + kChangedPerInstance;
 }
 
 // The rows are read with their text before the update joins them by row version: a row another
@@ -160,11 +167,11 @@ QString RepairStatements::journaledUpdate(const QString &column, const QString &
 {
     return QStringLiteral("WITH target AS (SELECT ctid AS t, %1 AS original FROM %2 WHERE %3 AND %4%5), changed AS "
                           "(UPDATE %2 f SET %1 = %6 FROM target WHERE f.ctid = target.t RETURNING f.instance_id, "
-                          "f.ctid AS version, %7 AS key, md5(f.%1::text) AS written, target.original), %8 SELECT "
-                          "instance_id, count(*) FROM changed GROUP BY instance_id")
-        .arg(column, relation, where, changesInRange(column, instanceIds),
-            skipLocked ? QStringLiteral(" FOR UPDATE SKIP LOCKED") : QString(), repairedLinear(column), keyArray,
-            records);
+                          "f.ctid AS version, %7 AS key, md5(f.%1::text) AS written, target.original), %8 ")
+               .arg(column, relation, where, changesInRange(column, instanceIds),
+                   skipLocked ? QStringLiteral(" FOR UPDATE SKIP LOCKED") : QString(), repairedLinear(column), keyArray,
+                   records)
+        + kChangedPerInstance;
 }
 
 // Adds to a statement counting rows changed per instance a row with no instance and the rows
@@ -172,7 +179,7 @@ QString RepairStatements::journaledUpdate(const QString &column, const QString &
 // in row versions does not say (the end of a block may hold none).
 QString RepairStatements::countingRead(const QString &counted, const QString &relation, const QString &where)
 {
-    return QStringLiteral("%1 UNION ALL SELECT NULL, count(*) FROM %2 WHERE %3").arg(counted, relation, where);
+    return QStringLiteral("%1 UNION ALL SELECT NULL, count(*), NULL FROM %2 WHERE %3").arg(counted, relation, where);
 }
 
 // ctid, instance id, and the server process holding the row locked (its transaction is the
@@ -203,6 +210,35 @@ QString RepairStatements::writtenSince(qint64 snapshotXmin)
         .arg(snapshotXmin % kXidSpace)
         .arg(kXidSpace)
         .arg(kXidHalf);
+}
+
+QString RepairStatements::notWrittenBy(QVector<qint64> transactions)
+{
+    std::sort(transactions.begin(), transactions.end());
+    transactions.erase(std::unique(transactions.begin(), transactions.end()), transactions.end());
+    QVector<QPair<qint64, qint64>> runs;
+    for (const qint64 transaction : transactions) {
+        if (!runs.isEmpty() && runs.last().second + 1 == transaction)
+            runs.last().second = transaction;
+        else
+            runs.append({transaction, transaction});
+    }
+    std::stable_sort(
+        runs.begin(), runs.end(), [](const auto &a, const auto &b) { return a.second - a.first > b.second - b.first; });
+    QStringList terms;
+    QStringList singles;
+    for (const auto &run : runs) {
+        if (run.second > run.first && terms.size() < kMostOwnRuns) {
+            terms << QStringLiteral("xmin::text::bigint NOT BETWEEN %1 AND %2").arg(run.first).arg(run.second);
+            continue;
+        }
+        for (qint64 transaction = run.first; transaction <= run.second && singles.size() < kMostOwnSingles;
+             ++transaction)
+            singles << QString::number(transaction);
+    }
+    if (!singles.isEmpty())
+        terms << QStringLiteral("xmin::text::bigint <> ALL ('{%1}'::bigint[])").arg(singles.join(QLatin1Char(',')));
+    return terms.isEmpty() ? QStringLiteral("true") : terms.join(QStringLiteral(" AND "));
 }
 
 // The cheap test of which comes first: the text is read only of the rows it selects.

@@ -2,6 +2,7 @@
 
 #include <QString>
 #include <QStringList>
+#include <QVector>
 
 // The statements of --changed-only, --batched and --dry-run. Each reads its rows once for all
 // instances: a statement per instance would make the server scan the table per instance, and
@@ -50,6 +51,13 @@ public:
     // Row versions written by a transaction that a snapshot whose xmin (a full transaction id) is
     // given could not see as finished: every row written since that snapshot was taken.
     static QString writtenSince(qint64 snapshotXmin);
+    // Row versions not written by the given transactions (as xmin shows them): runs of
+    // consecutive ids as ranges, the others in one array the server hashes. At most kMostOwnRuns
+    // runs and kMostOwnSingles others are named, so that the statement stays small; the rows of the
+    // rest are read like anyone's.
+    static QString notWrittenBy(QVector<qint64> transactions);
+    static constexpr int kMostOwnRuns = 32;
+    static constexpr int kMostOwnSingles = 4096;
     // The blocks, in order, of the rows of relation that which selects and the repair changes.
     static QString blocksToChange(
         const QString &column, const QString &relation, const QStringList &instanceIds, const QString &which);

@@ -30,6 +30,8 @@ public:
         // Listed rows the unit did not change but accounted for: put aside for a last try, handed
         // to a further unit, or left.
         qint64 setAside = 0;
+        // The transaction that made the unit's changes, as a row's xmin shows it; 0 when none.
+        qint64 transaction = 0;
     };
 
     virtual ~RepairStrategy() = default;

@@ -91,6 +91,7 @@ RepairStrategy::Result RowRepair::repair(
             continue;
         }
         result.changed[query.value(0).toString()] += query.value(1).toLongLong();
+        result.transaction = query.value(2).toLongLong();
         changed += query.value(1).toLongLong();
     }
     result.ok = result.ok && query.lastError().type() == QSqlError::NoError;
