@@ -58,8 +58,8 @@ private:
     // The xmin of a snapshot taken now: every row written from here on has a newer xmin.
     static bool readSnapshotXmin(QSqlQuery &query, qint64 &xmin);
     // Whether the rows of relation written since the snapshot whose xmin is given can still be
-    // told by their xmin: the relation was not rewritten into a new file, and no vacuum may have
-    // frozen them (a frozen row reads as the oldest of all).
+    // told by their xmin: the relation was not rewritten into a new file, and the ids have not
+    // wrapped around since.
     // filenodeNow: the relation's present file, where it could be read.
     bool sinceHolds(QSqlQuery &query, int relation, qint64 since, QString *filenodeNow = nullptr) const;
     Result readWrittenSince(QSqlQuery &query, const WorkUnit &unit);

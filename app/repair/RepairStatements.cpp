@@ -195,9 +195,9 @@ QString RepairStatements::rowsToChange(
 
 namespace {
 // Transaction ids are compared modulo 2^32 as the server does: a row's xmin at most 2^31 after the
-// snapshot's xmin is newer. Every unfrozen xmin in a table lies within 2^31 of the next id, which
-// the server's wraparound protection keeps so. Ids below 3 are the frozen and bootstrap ones,
-// which are older than any snapshot.
+// snapshot's xmin is newer. A frozen row keeps the xmin it was written with; one frozen long ago may
+// read as newer, which only costs the test of its text. Ids below 3 are the bootstrap ones and the
+// frozen id of clusters from before that, older than any snapshot.
 constexpr qint64 kXidSpace = Q_INT64_C(4294967296);
 constexpr qint64 kXidHalf = Q_INT64_C(2147483648);
 constexpr int kFirstNormalXid = 3;

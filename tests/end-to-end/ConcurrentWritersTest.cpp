@@ -92,6 +92,11 @@ TEST_F(ToolTest, AResumedRunRepairsRowsMovedIntoItsCommittedRangesOrListedSince)
         {"a vacuum, then the product's updates",
             {u"VACUUM scan.file"_s,
                 u"UPDATE scan.file SET request_id = request_id + 1 WHERE filetype_details = %1"_s.arg(quoted(kBad))}},
+        // Frozen, a row version's xmin no longer tells when it was written.
+        {"the product's updates, then VACUUM FREEZE",
+            {u"VACUUM scan.file"_s,
+                u"UPDATE scan.file SET request_id = request_id + 1 WHERE filetype_details = %1"_s.arg(quoted(kBad)),
+                u"VACUUM FREEZE scan.file"_s}},
         {"VACUUM FULL", {u"VACUUM FULL scan.file"_s}},
         {"an instance listed since", {u"INSERT INTO warehouse.control_refresh VALUES (3, 0)"_s}},
     };
