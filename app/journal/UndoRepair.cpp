@@ -6,6 +6,7 @@
 #include "app/output/RunLog.h"
 #include "app/output/VerboseLog.h"
 #include "app/repair/InstanceLines.h"
+#include "app/repair/RepairEngine.h"
 #include "app/repair/RepairStatements.h"
 #include "app/repair/ServerFailure.h"
 
@@ -123,17 +124,25 @@ QString UndoRepair::records(const WorkUnit &unit) const
 
 // A record is restored only where the row's text is still the one the run wrote; the record is
 // marked in the same statement.
+// On a unit's last try the rows another session holds are skipped rather than waited for; they
+// are left, named with that session's server process, and tried again by the next --undo.
 QString UndoRepair::statement(const WorkUnit &unit) const
 {
     const QString column = InstanceLines::kColumn;
     const QString match = m_table.hasKey() ? m_table.keyMatch(QStringLiteral("f"), QStringLiteral("j.key"))
                                            : QStringLiteral("f.ctid = j.version");
-    return QStringLiteral("WITH j AS (SELECT seq, key, version, written, original FROM zentrix_normalizer.original "
-                          "WHERE %1), restored AS (UPDATE %2 f SET %3 = j.original FROM j WHERE %4 AND md5(f.%3::text) "
-                          "= j.written RETURNING j.seq, f.instance_id), mark AS (UPDATE zentrix_normalizer.original o "
-                          "SET restored = true FROM restored r WHERE o.seq = r.seq) SELECT instance_id, count(*) FROM "
-                          "restored GROUP BY instance_id")
-        .arg(records(unit), m_relations[unit.relation], column, match);
+    const QString skipLocked = unit.tries >= RepairEngine::kWaitingTries
+        ? QStringLiteral(" AND f.ctid = ANY (ARRAY(SELECT f.ctid FROM %1 f JOIN j ON %2 WHERE md5(f.%3::text) = "
+                         "j.written FOR UPDATE OF f SKIP LOCKED))")
+              .arg(m_relations[unit.relation], match, column)
+        : QString();
+    return QStringLiteral(
+        "WITH j AS (SELECT seq, key, version, written, original FROM zentrix_normalizer.original "
+        "WHERE %1), restored AS (UPDATE %2 f SET %3 = j.original FROM j WHERE %4 AND md5(f.%3::text) "
+        "= j.written%5 RETURNING j.seq, f.instance_id), mark AS (UPDATE zentrix_normalizer.original o "
+        "SET restored = true FROM restored r WHERE o.seq = r.seq) SELECT instance_id, count(*) FROM "
+        "restored GROUP BY instance_id")
+        .arg(records(unit), m_relations[unit.relation], column, match, skipLocked);
 }
 
 RepairStrategy::Result UndoRepair::run(QSqlQuery &query, const WorkUnit &unit)
@@ -150,9 +159,11 @@ RepairStrategy::Result UndoRepair::run(QSqlQuery &query, const WorkUnit &unit)
     }
     result.ok = result.ok && query.lastError().type() == QSqlError::NoError;
     if (m_verbose.enabled())
-        m_verbose.line(QStringLiteral("%1: %2 s, rows restored: %3")
-                           .arg(step(unit), QString::number(elapsed.elapsed() / 1000.0, 'f', 3))
-                           .arg(restored));
+        m_verbose.line(
+            QStringLiteral("%1: %2 s, rows restored: %3%4")
+                .arg(step(unit), QString::number(elapsed.elapsed() / 1000.0, 'f', 3))
+                .arg(restored)
+                .arg(result.ok ? QString() : QStringLiteral(", failed: ") + query.lastError().text().simplified()));
     if (!result.ok)
         return result;
     m_sizer->measured(unit.end - unit.first, elapsed.elapsed());
@@ -161,20 +172,34 @@ RepairStrategy::Result UndoRepair::run(QSqlQuery &query, const WorkUnit &unit)
     return result;
 }
 
-void UndoRepair::leaveUnrestored(QSqlQuery &query, const WorkUnit &unit, Result &result) const
+void UndoRepair::leaveUnrestored(QSqlQuery &query, const WorkUnit &unit, Result &result)
 {
     if (!query.exec(rowsOf(unit)))
         return;
     while (query.next()) {
         const QString name = rowName(query);
-        result.left.append({QString(), name, kNotRestored});
-        logNotRestored(name, kNotRestored);
+        QString reason = kNotRestored;
+        if (!query.value(3).isNull()) {
+            reason = QStringLiteral("The row is locked by server process %1, which held it through every try of "
+                                    "the run; a later --undo restores it.")
+                         .arg(query.value(3).toString());
+            ++m_refused;
+        }
+        result.left.append({QString(), name, reason});
+        logNotRestored(name, reason);
     }
 }
 
+// Key, row version and relation of the records still to restore, and the server process of
+// another session that holds the row they name locked, if one does.
 QString UndoRepair::rowsOf(const WorkUnit &unit) const
 {
-    return QStringLiteral("SELECT key, version, relation FROM zentrix_normalizer.original WHERE %1").arg(records(unit));
+    const QString match = m_table.hasKey() ? m_table.keyMatch(QStringLiteral("f"), QStringLiteral("o.key"))
+                                           : QStringLiteral("f.ctid = o.version");
+    return QStringLiteral("SELECT key, version, relation, (SELECT min(l.pid) FROM %1 f JOIN pg_locks l ON l.locktype = "
+                          "'transactionid' AND l.transactionid = f.xmax AND l.granted AND l.pid <> pg_backend_pid() "
+                          "WHERE %2) FROM zentrix_normalizer.original o WHERE %3")
+        .arg(m_relations[unit.relation], match, records(unit));
 }
 
 QString UndoRepair::rowName(const QSqlQuery &query) const

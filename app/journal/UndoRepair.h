@@ -38,7 +38,7 @@ private:
     bool readRun(QSqlQuery &query);
     QString statement(const WorkUnit &unit) const;
     // The records of the unit that are still not restored: each a row left, named.
-    void leaveUnrestored(QSqlQuery &query, const WorkUnit &unit, Result &result) const;
+    void leaveUnrestored(QSqlQuery &query, const WorkUnit &unit, Result &result);
     // What names the rows of the unit's records that are still not restored.
     QString rowsOf(const WorkUnit &unit) const;
     // A record's row as the operator finds it, from its key, version and relation read by query.

@@ -134,7 +134,7 @@ TEST_F(ToolTest, AResumedRunRepairsRowsMovedIntoItsCommittedRangesOrListedSince)
 // the run's work on it, naming the holder.
 TEST_F(ToolTest, ALockAnotherSessionHoldsIsWaitedForTwiceAtMostAndCountedOnce)
 {
-    enum Hold { RowThroughTheRun, RowReleasedWhileWaited, TableShareMode };
+    enum Hold { RowThroughTheRun, RowReleasedWhileWaited, TableShareMode, RowThroughTheUndo };
     const struct {
         const char *name;
         QStringList arguments;
@@ -155,6 +155,9 @@ TEST_F(ToolTest, ALockAnotherSessionHoldsIsWaitedForTwiceAtMostAndCountedOnce)
             "Data normalization is done, data: filetype_details, instance id: 2"},
         {"the table in SHARE mode", {u"--batched"_s}, TableShareMode, 1, kRows / 2, 1,
             "[WARNING] <ts>: scan.file is locked as a whole by server process %1 (ShareLock)"},
+        // Left to the next --undo, which finds it again.
+        {"a row held, --undo", {u"--undo"_s, u"1"_s}, RowThroughTheUndo, 1, kRows / 2 - 1, 2,
+            "Row not restored, run 1, data: filetype_details, row: id=1500. The row is locked by server process %1"},
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.name);
@@ -162,6 +165,8 @@ TEST_F(ToolTest, ALockAnotherSessionHoldsIsWaitedForTwiceAtMostAndCountedOnce)
         addInstances({1, 2, 3});
         damagedRows();
         sql(u"DROP TRIGGER slow ON scan.file"_s);
+        if (c.hold == RowThroughTheUndo)
+            ASSERT_EQ(m_sandbox.runTool({u"--journal"_s}).exitCode, 0);
         const QString holder = u"holder"_s;
         QSqlDatabase holding = TestServer::connectionAt(server().port(), u"product"_s, holder);
         QSqlQuery lock(holding);
@@ -195,6 +200,10 @@ TEST_F(ToolTest, ALockAnotherSessionHoldsIsWaitedForTwiceAtMostAndCountedOnce)
         EXPECT_TRUE(log.contains(QString::fromUtf8(c.logHas).replace(u"%1"_s, holderPid))) << log.toStdString();
         EXPECT_EQ(log.count(u"Row left unrepaired"_s), c.hold == RowThroughTheRun ? 1 : 0) << log.toStdString();
         EXPECT_EQ(logOf(m_sandbox).count(u"lock timeout"_s), c.lockWaits) << log.toStdString();
+        if (c.hold == RowThroughTheUndo) {
+            EXPECT_TRUE(err.contains("rows not restored: 1\n")) << err.constData();
+            EXPECT_EQ(log.count(u"Row not restored"_s), 1) << log.toStdString();
+        }
         if (c.hold == RowThroughTheRun)
             EXPECT_TRUE(err.contains("Rows left unrepaired: 1 (instance 1: 1)")) << err.constData();
     }
