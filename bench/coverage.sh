@@ -33,7 +33,7 @@ run_log() { ls -t "$work"/data/logs/data_normalizer-*.log | head -n 1; }
 drop_journal() { sql -d bench -q -c "DROP SCHEMA IF EXISTS zentrix_normalizer CASCADE"; }
 # "repaired_meanwhile LOG-OFFSET": what this run's closing rounds repaired, from its run log.
 repaired_meanwhile() {
-    tail -c +"$(($1 + 1))" "$(run_log)" | grep -a 'wrote during the run and the run then repaired' |
+    tail -c +"$(($1 + 1))" "$(run_log)" | grep -a 'Rows repaired by the closing rounds' |
         sed 's/.*repaired: //' | tail -n 1 | grep . || echo 0
 }
 rounds_of() {

@@ -342,7 +342,7 @@ void BatchedRepair::leaveWrittenSince(QSqlQuery &query, const WorkUnit &unit, co
         leaveRow(query, m_table.describeRow(query, relationOf(unit), tid), reason);
 }
 
-// Runs of neighbouring blocks, each as one range of the relation's present size at most.
+// The blocks as ranges: neighbours together, each range no larger than the sizer's present size.
 QVector<WorkUnit> BatchedRepair::rangesOfBlocks(const QVector<qint64> &blocks, const WorkUnit &read) const
 {
     const qint64 slotsPerBlock = m_table.slotsPerBlock();
@@ -452,7 +452,8 @@ void BatchedRepair::report(bool interrupted)
     }
     if (m_roundChanged > 0)
         m_log.writeLine(RunLog::Info,
-            QStringLiteral("Rows that other sessions wrote during the run and the run then repaired: %1")
+            QStringLiteral("Rows repaired by the closing rounds (written during the run by other sessions, or of "
+                           "instances listed since the run began): %1")
                 .arg(m_roundChanged));
     if (!interrupted)
         reportLeft();
