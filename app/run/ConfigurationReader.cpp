@@ -1,6 +1,7 @@
 #include "app/run/ConfigurationReader.h"
 
 #include "config/exceptions/ConfigException.h"
+#include "config/loader/IniEncoding.h"
 #include "config/loader/Registry.h"
 #include "config/validator/CoreConfigValidator.h"
 
@@ -11,11 +12,11 @@ const QString ConfigurationReader::kLocation = QStringLiteral("HKEY_LOCAL_MACHIN
 
 std::unique_ptr<core::CoreConfigLoader> ConfigurationReader::load(bool validate, QString *note)
 {
-    const QSettings::Format format = QFile::exists(kLocation)
-        ? QSettings::IniFormat
-        : config::Registry::viewOf(kLocation, QSettings::NativeFormat);
-    // Anything but the two formats asked for is the registry's 32-bit view.
-    if (note && format != QSettings::IniFormat && format != QSettings::NativeFormat)
+    const bool iniFile = QFile::exists(kLocation);
+    const QSettings::Format format = iniFile ? config::IniEncoding::formatOf(kLocation)
+                                             : config::Registry::viewOf(kLocation, QSettings::NativeFormat);
+    // Anything but the native format asked for is the registry's 32-bit view.
+    if (note && !iniFile && format != QSettings::NativeFormat)
         *note = QStringLiteral("the registry's 64-bit view holds no %1; read the 32-bit view's, as a 32-bit "
                                "installer wrote it (HKEY_LOCAL_MACHINE\\Software\\WOW6432Node)")
                     .arg(kLocation);

@@ -1,6 +1,7 @@
 #include "app/run/ConfigurationReader.h"
 #include "config/exceptions/Exception.h"
 #include "config/loader/CoreConfigLoader.h"
+#include "config/loader/IniEncoding.h"
 #include "config/validator/CoreConfigValidator.h"
 #include "support/QtPrinters.h"
 #include "support/ToolSandbox.h"
@@ -9,6 +10,7 @@
 
 #include <QProcess>
 #include <QStandardPaths>
+#include <QStringEncoder>
 #include <QTemporaryDir>
 
 using namespace Qt::StringLiterals;
@@ -117,3 +119,76 @@ TEST(ConfigTest, TheRegistryAsInstallersWriteIt)
     EXPECT_TRUE(note.contains(u"32-bit view"_s)) << note.toStdString();
 }
 #endif
+
+namespace {
+
+enum class Reading {
+    Read,
+    // Read in the ANSI code page on Windows (1252 under the Wine tests), refused elsewhere.
+    AnsiOnWindows,
+};
+
+struct EncodingCase {
+    const char *name;
+    QByteArray bytes;
+    Reading reading;
+};
+
+void PrintTo(const EncodingCase &c, std::ostream *os)
+{
+    *os << c.name;
+}
+
+QByteArray utf16(const QString &text, QStringEncoder::Encoding encoding)
+{
+    QStringEncoder encoder(encoding, QStringEncoder::Flag::WriteBom);
+    return encoder.encode(text);
+}
+
+const QString kFolderIni = u"[global]\nrestaddress=127.0.0.1\nrestport=8008\n[internal]\ndata_directory=C:/Daten Ä\n"
+                           "#old=1\n"_s;
+
+class IniEncodingTest : public testing::TestWithParam<EncodingCase>
+{
+};
+
+} // namespace
+
+// An INI file as editors save it: no character of a value is ever dropped. What the loader writes
+// back (it drops commented keys) keeps the file's encoding.
+TEST_P(IniEncodingTest, ValuesAreReadWholeOrTheFileIsRefused)
+{
+    const EncodingCase &c = GetParam();
+    const QTemporaryDir dir;
+    const QString path = ini(dir, c.bytes);
+#ifndef Q_OS_WIN
+    if (c.reading == Reading::AnsiOnWindows) {
+        try {
+            config::IniEncoding::formatOf(path);
+            FAIL() << "read";
+        } catch (const Exception &e) {
+            EXPECT_TRUE(e.message().startsWith(u"The configuration file %1 is neither UTF-8 nor UTF-16"_s.arg(path)))
+                << e.message().toStdString();
+        }
+        return;
+    }
+#endif
+    {
+        const core::CoreConfigLoader loader(QSettings(path, config::IniEncoding::formatOf(path)), u"test"_s);
+        EXPECT_EQ(loader.dataDirectory(), u"C:/Daten Ä"_s);
+        EXPECT_EQ(loader.readPort(u"global/restport"_s), 8008);
+    }
+    const QByteArray written = ToolSandbox::read(path);
+    EXPECT_FALSE(written.contains("old")) << "commented keys leave the file";
+    EXPECT_EQ(written.startsWith("\xFF\xFE"), c.bytes.startsWith("\xFF\xFE") || c.bytes.startsWith("\xFE\xFF"));
+    const std::optional<QString> text = config::IniEncoding::decode(written);
+    ASSERT_TRUE(text.has_value());
+    EXPECT_TRUE(text->contains(u"Daten Ä"_s)) << text->toStdString();
+}
+
+INSTANTIATE_TEST_SUITE_P(Encodings, IniEncodingTest,
+    testing::Values(EncodingCase{"UTF-8", kFolderIni.toUtf8(), Reading::Read},
+        EncodingCase{"UTF-8 with its mark", "\xEF\xBB\xBF" + kFolderIni.toUtf8(), Reading::Read},
+        EncodingCase{"UTF-16 little-endian", utf16(kFolderIni, QStringEncoder::Utf16LE), Reading::Read},
+        EncodingCase{"UTF-16 big-endian", utf16(kFolderIni, QStringEncoder::Utf16BE), Reading::Read},
+        EncodingCase{"code page 1252", kFolderIni.toLatin1(), Reading::AnsiOnWindows}));
