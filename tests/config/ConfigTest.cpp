@@ -192,3 +192,64 @@ INSTANTIATE_TEST_SUITE_P(Encodings, IniEncodingTest,
         EncodingCase{"UTF-16 little-endian", utf16(kFolderIni, QStringEncoder::Utf16LE), Reading::Read},
         EncodingCase{"UTF-16 big-endian", utf16(kFolderIni, QStringEncoder::Utf16BE), Reading::Read},
         EncodingCase{"code page 1252", kFolderIni.toLatin1(), Reading::AnsiOnWindows}));
+
+#ifdef Q_OS_WIN
+namespace {
+// Writes into one registry view of the configuration's key: "32" or "64".
+int reg(const QString &view, const QString &group, const QString &name, const QString &type, const QString &data)
+{
+    return QProcess::execute(u"reg"_s,
+        {u"add"_s, ConfigurationReader::kLocation + group, u"/v"_s, name, u"/t"_s, type, u"/d"_s, data, u"/f"_s,
+            u"/reg:"_s + view});
+}
+
+// Gone again however the test ends: a key left behind is every later run's configuration.
+struct RegistryKeys {
+    ~RegistryKeys()
+    {
+        for (const QString &view : {u"32"_s, u"64"_s})
+            QProcess::execute(u"reg"_s, {u"delete"_s, ConfigurationReader::kLocation, u"/f"_s, u"/reg:"_s + view});
+    }
+};
+
+QString loadError(QString *note = nullptr)
+{
+    try {
+        ConfigurationReader::load(true, note);
+    } catch (const Exception &e) {
+        return e.message();
+    }
+    return QString();
+}
+} // namespace
+
+TEST(ConfigTest, AnUndefinedVariableOfAnExpandableFolderIsNamed)
+{
+    const RegistryKeys keys;
+    ASSERT_EQ(reg(u"64"_s, u"\\global"_s, u"restaddress"_s, u"REG_SZ"_s, u"127.0.0.1"_s), 0);
+    reg(u"64"_s, u"\\global"_s, u"restport"_s, u"REG_DWORD"_s, u"8008"_s);
+    reg(u"64"_s, u"\\internal"_s, u"data_directory"_s, u"REG_EXPAND_SZ"_s, u"%ZENTRIX_UNDEFINED%\\zdata"_s);
+    EXPECT_TRUE(loadError().contains(u"names the environment variable ZENTRIX_UNDEFINED, which is not defined"_s))
+        << loadError().toStdString();
+}
+
+// A 64-bit key beside a 32-bit one: the 64-bit view is read, and what the 32-bit one holds
+// otherwise is said, in the error and under --verbose.
+TEST(ConfigTest, BothRegistryViewsAreNamedWhereTheyDiffer)
+{
+    const RegistryKeys keys;
+    for (const QString &view : {u"32"_s, u"64"_s})
+        ASSERT_EQ(reg(view, u"\\global"_s, u"restaddress"_s, u"REG_SZ"_s, u"127.0.0.1"_s), 0);
+    reg(u"32"_s, u"\\global"_s, u"restport"_s, u"REG_DWORD"_s, u"8008"_s);
+    const QString view32 = u"HKEY_LOCAL_MACHINE\\Software\\WOW6432Node\\Tarvex\\Bravik"_s;
+    const QString missing = loadError();
+    EXPECT_TRUE(missing.startsWith(u"Required key missing from config: global/restport ("_s)) << missing.toStdString();
+    EXPECT_TRUE(missing.contains(ConfigurationReader::kLocation) && missing.contains(view32)) << missing.toStdString();
+    reg(u"64"_s, u"\\global"_s, u"restport"_s, u"REG_DWORD"_s, u"8009"_s);
+    QString note;
+    EXPECT_EQ(loadError(&note), QString());
+    EXPECT_TRUE(note.contains(u"global/restport: from the 64-bit view (the 32-bit view holds 8008)"_s))
+        << note.toStdString();
+    EXPECT_TRUE(note.contains(u"global/restaddress: from the 64-bit view"_s)) << note.toStdString();
+}
+#endif
