@@ -16,11 +16,8 @@ QString WindowsPathName::normal(const QString &path)
         text = QStringLiteral("//") + text.mid(kLongUncPrefix.size());
     else if (text.startsWith(kLongPrefix))
         text = text.mid(kLongPrefix.size());
-    text = QDir::cleanPath(text);
-    // A drive's root keeps its separator.
-    if (text.size() > 3 && text.endsWith(QLatin1Char('/')))
-        text.chop(1);
-    return text;
+    // Drops a trailing separator too, but not a drive root's.
+    return QDir::cleanPath(text);
 }
 
 bool WindowsPathName::same(const QString &one, const QString &other)
