@@ -18,6 +18,14 @@ RunLock::RunLock(const QString &dataDirectory)
     m_lock.setStaleLockTime(0);
 }
 
+// Another machine's process ids say nothing here. The lock records the computer name on Windows,
+// the host name elsewhere, in any letter case.
+bool RunLock::thisMachine(const QString &host)
+{
+    return host.isEmpty() || host.compare(QSysInfo::machineHostName(), Qt::CaseInsensitive) == 0
+        || host.compare(qEnvironmentVariable("COMPUTERNAME"), Qt::CaseInsensitive) == 0;
+}
+
 bool RunLock::holderIdReused(qint64 holder) const
 {
     if (holder <= 0)
@@ -35,9 +43,7 @@ bool RunLock::takeOverReused()
     qint64 holder = 0;
     QString host;
     QString application;
-    // Another machine's process ids say nothing here.
-    if (!m_lock.getLockInfo(&holder, &host, &application) || (!host.isEmpty() && host != QSysInfo::machineHostName())
-        || !holderIdReused(holder))
+    if (!m_lock.getLockInfo(&holder, &host, &application) || !thisMachine(host) || !holderIdReused(holder))
         return false;
     return m_lock.removeStaleLockFile() && m_lock.tryLock(0);
 }

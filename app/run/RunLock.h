@@ -36,6 +36,7 @@ private:
     // The recorded process cannot have written the lock: its id now names this run, or a
     // process created after the lock file was written.
     bool holderIdReused(qint64 holder) const;
+    static bool thisMachine(const QString &host);
     // Takes the lock from a holder whose id was reused; the system still refuses while the
     // writer lives and keeps the file open.
     bool takeOverReused();
