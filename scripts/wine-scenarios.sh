@@ -182,18 +182,6 @@ scenario_local_server() {
     [ -f "$data/pg_data/postmaster.pid.stale" ] || local_failed "the other installation's lock file was not set aside"
     "$pgbin/pg_isready" -q -h 127.0.0.1 -p "$other_port" || local_failed "the other installation's server was touched"
     other_ctl stop -m fast
-    # The service registered under the 8.3 short name of the data folder, with a trailing
-    # backslash, is this installation's.
-    short_data=$("$wine" cmd /c "for %I in (\"$pg_data\") do @echo %~sI" 2>/dev/null | tr -d '\r')
-    if [ -n "$short_data" ] && [ "$short_data" != "$pg_data" ]; then
-        "$wine" sc create zentrix-postgresql binPath= "\"$windows_folder\\postgres\\bin\\pg_ctl.exe\" runservice -N \"zentrix-postgresql\" -D \"$short_data\\\"" >/dev/null
-        local_run zentrix-data-normalizer.exe >/dev/null 2>&1 || local_failed "the service under the short name $short_data was refused"
-        ! grep -qF "belongs to another installation: it runs the database server of $short_data" "$local_log" ||
-            local_failed "the short name $short_data was called another installation's"
-        "$wine" sc delete zentrix-postgresql >/dev/null 2>&1 || true
-    else
-        echo "local server under Wine: no 8.3 short name for $pg_data; that case is left to the unit test" >&2
-    fi
     other='"C:\other\pg_ctl.exe" runservice -N "zentrix-postgresql" -D "C:\Other Data\pg_data"'
     "$wine" sc create zentrix-postgresql binPath= "$other" >/dev/null
     if local_run zentrix-data-normalizer.exe >/dev/null 2>&1; then local_failed "another installation's service was used"; fi
@@ -210,7 +198,7 @@ scenario_local_server() {
         "$drive/fresh-data/logs/"*.log || local_failed "no run-log line refuses the installation folder"
     [ "$(ls "$drive/fresh-data")" = logs ] || local_failed "something was made for an installation outside ASCII"
     [ "$failed" -eq 0 ] && echo "Windows local server: cluster made, service started, rows repaired, service stopped;" \
-        "another installation's lock file set aside, a short-name registration taken as its own;" \
+        "another installation's lock file set aside;" \
         "another's service and an installation outside ASCII refused"
 }
 
