@@ -140,7 +140,8 @@ private:
     bool serviceTakenByAnother();
     bool startFailed();
     void runUpgradeCheck(QString &connectionName);
-    void configureHandle(QSqlDatabase &database, const QString &dbName) const;
+    // Why the handle cannot carry the connection's texts to the server; empty when it can.
+    QString configureHandle(QSqlDatabase &database, const QString &dbName) const;
     static QString generatedSecret();
 
     CoreConfigLoader *m_configuration = nullptr;

@@ -2,6 +2,7 @@
 
 #include "config/exceptions/Exception.h"
 #include "config/loader/CoreConfigLoader.h"
+#include "core/ConnectionText.h"
 
 #include <QDateTime>
 #include <QSqlError>
@@ -12,6 +13,11 @@ namespace core {
 namespace {
 const QString kConnectionName = QStringLiteral("kvcore_connection");
 const QString kDriver = QStringLiteral("QPSQL");
+
+QString quotedOption(QString value)
+{
+    return value.replace(QLatin1Char('\\'), QStringLiteral("\\\\")).replace(QLatin1Char('\''), QStringLiteral("\\'"));
+}
 } // namespace
 
 const QMap<QString, int> PostgresService::requiredSchemaVersions = {
@@ -38,16 +44,9 @@ PostgresInformation PostgresService::connectionSettings() const
     return m_information;
 }
 
-void PostgresService::configureHandle(QSqlDatabase &database, const QString &dbName) const
+QString PostgresService::configureHandle(QSqlDatabase &database, const QString &dbName) const
 {
-    database.setHostName(m_information.host);
-    database.setPort(m_information.port);
-    database.setDatabaseName(dbName);
-    database.setUserName(m_information.user);
-    // The round trip through the local code page is how the product has always passed
-    // the password; servers provisioned by it expect exactly these bytes.
-    database.setPassword(QString::fromLocal8Bit(m_information.password.toUtf8()));
-    QStringList options;
+    QStringList options(ConnectionText::clientEncodingOption());
     if (qEnvironmentVariableIsEmpty("PGCONNECT_TIMEOUT"))
         options << QStringLiteral("connect_timeout=%1").arg(kConnectTimeoutSeconds);
     if (!m_sessionSettings.isEmpty()) {
@@ -55,11 +54,24 @@ void PostgresService::configureHandle(QSqlDatabase &database, const QString &dbN
         QString value = qEnvironmentVariable("PGOPTIONS");
         for (const QString &setting : m_sessionSettings)
             value += QStringLiteral(" -c ") + setting;
-        value.replace(QLatin1Char('\\'), QStringLiteral("\\\\")).replace(QLatin1Char('\''), QStringLiteral("\\'"));
-        options << QStringLiteral("options='%1'").arg(value.trimmed());
+        options << QStringLiteral("options='%1'").arg(quotedOption(value.trimmed()));
     }
-    if (!options.isEmpty())
-        database.setConnectOptions(options.join(QLatin1Char(';')));
+    // The password's round trip through the local code page is how the product has always
+    // passed it; the other texts take the same way, so that all of them arrive as UTF-8.
+    const std::optional<QString> name = ConnectionText::forDriver(dbName);
+    const std::optional<QString> user = ConnectionText::forDriver(m_information.user);
+    const std::optional<QString> password = ConnectionText::forDriver(m_information.password);
+    const std::optional<QString> connectOptions = ConnectionText::forDriver(options.join(QLatin1Char(';')));
+    if (!name || !user || !password || !connectOptions)
+        return QStringLiteral("the database name, user name, password or connection options have characters whose "
+                              "UTF-8 bytes the system's ANSI code page cannot carry to libpq");
+    database.setHostName(m_information.host);
+    database.setPort(m_information.port);
+    database.setDatabaseName(*name);
+    database.setUserName(*user);
+    database.setPassword(*password);
+    database.setConnectOptions(*connectOptions);
+    return QString();
 }
 
 bool PostgresService::openConnection(
@@ -69,12 +81,12 @@ bool PostgresService::openConnection(
     connectionName = kConnectionName;
     connectionName += QStringLiteral("_%1").arg(now);
     database = QSqlDatabase::addDatabase(kDriver, connectionName);
-    configureHandle(database, dbName);
-    if (database.open())
+    const QString unfit = configureHandle(database, dbName);
+    if (unfit.isEmpty() && database.open())
         return true;
     m_relay.reason(
         QStringLiteral("connect to database %1 at %2:%3").arg(dbName, m_information.host).arg(m_information.port),
-        database.lastError().text());
+        unfit.isEmpty() ? database.lastError().text() : unfit);
     if (logFailure)
         logPostgres(QStringLiteral("Could not connecting to postgres server, dbname = %1").arg(dbName),
             m_information.host, PostgresLogLevel::Error);
@@ -86,10 +98,10 @@ bool PostgresService::checkConnection(const QString &dbName)
     bool ok = false;
     try {
         QSqlDatabase database = QSqlDatabase::addDatabase(kDriver, kConnectionName);
-        configureHandle(database, dbName);
-        ok = database.open();
+        const QString unfit = configureHandle(database, dbName);
+        ok = unfit.isEmpty() && database.open();
         if (!ok)
-            m_lastConnectionError = database.lastError().text();
+            m_lastConnectionError = unfit.isEmpty() ? database.lastError().text() : unfit;
         database.close();
     } catch (const std::exception &) {
         // The exception text is deliberately not part of the message.

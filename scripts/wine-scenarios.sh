@@ -92,6 +92,24 @@ scenario_zip() {
         ! "$wine" "$windows_folder\\zentrix-data-normalizer.exe" >/dev/null 2>&1)
     grep -qF "Cannot connect to Postgres server: fenêtre" "$work/fresh/drive_c/$data_folder/logs/"*.log ||
         { echo "the database name is not in the run log in UTF-8" >&2; failed=1; }
+    # A database named outside ASCII is connected with its UTF-8 name, not the ANSI code page's bytes.
+    sql postgres -c 'DROP DATABASE IF EXISTS "Datenbank Größe"' -c 'CREATE DATABASE "Datenbank Größe"'
+    sql "Datenbank Größe" -f tests/fixtures/product-schema.sql
+    (cd "$work/fresh/drive_c" && "$wine" "$windows_folder\\zentrix-dbinfo.exe" set "dbname=Datenbank Größe" >/dev/null &&
+        "$wine" "$windows_folder\\zentrix-data-normalizer.exe" >/dev/null 2>&1) ||
+        { echo "a database named outside ASCII was not connected" >&2; failed=1; }
+    # An INI file as Notepad saves it, in code page 1252 or as "Unicode" (UTF-16): its folder outside
+    # ASCII is read whole.
+    for encoding in CP1252 UTF-16; do
+        ini_work="$work/fresh/drive_c/ini-$encoding"
+        mkdir -p "$ini_work/HKEY_LOCAL_MACHINE/Software/Tarvex" "$work/fresh/drive_c/Daten Ä/logs"
+        printf 'InstallationFolder=%s\n[global]\nrestaddress=127.0.0.1\nrestport=8008\n[internal]\ndata_directory=C:/Daten Ä\n' \
+            "${windows_folder//\\//}" | iconv -f UTF-8 -t "$encoding" >"$ini_work/HKEY_LOCAL_MACHINE/Software/Tarvex/Bravik"
+        ini_out=$(cd "$ini_work" && "$wine" "$windows_folder\\zentrix-data-normalizer.exe" 2>&1 | tr -d '\r') ||
+            { echo "the INI file in $encoding failed: $ini_out" >&2; failed=1; }
+        grep -qF "File log: C:/Daten Ä/logs/" <<<"$ini_out" ||
+            { echo "the INI file in $encoding lost its folder: $ini_out" >&2; failed=1; }
+    done
     # On a console it is the characters it is: Wine shows a console's text on its terminal in UTF-8.
     on_console=$(cd "$work/fresh/drive_c" && script -qc "'$wine' 'C:\\zentrix\\$(basename "$zip_file" .zip)\\zentrix-data-normalizer.exe' --help" /dev/null |
         sed 's/\x1b\[[^a-zA-Z]*[a-zA-Z]//g' | tr -d '\r')
@@ -150,6 +168,20 @@ scenario_local_server() {
     [ "$(local_sql product -c "SELECT filetype_details FROM scan.file")" = '{"a":"\\ud800"}' ] ||
         local_failed "the row was not repaired"
     product_server stop
+    # A lock file left naming a live postgres.exe of another installation (its own folder, cluster
+    # and port) is set aside, and this installation's server is started; the other one runs on.
+    cp -r "$install/postgres" "$drive/other-postgres"
+    cp -r "$data/pg_data" "$drive/other-data"
+    rm -f "$drive/other-data/postmaster.pid"
+    other_port=$(free_port $((local_port + 1)))
+    other_ctl() { (cd "$drive" && "$wine" 'C:\other-postgres\bin\pg_ctl.exe' "$@" -D 'C:\other-data' >/dev/null); }
+    other_ctl start -W -o "-p $other_port"
+    for _ in $(seq 60); do "$pgbin/pg_isready" -q -h 127.0.0.1 -p "$other_port" && break; sleep 1; done
+    cp "$drive/other-data/postmaster.pid" "$data/pg_data/postmaster.pid"
+    local_run zentrix-data-normalizer.exe >/dev/null 2>&1 || local_failed "a lock file of another installation's server failed the run"
+    [ -f "$data/pg_data/postmaster.pid.stale" ] || local_failed "the other installation's lock file was not set aside"
+    "$pgbin/pg_isready" -q -h 127.0.0.1 -p "$other_port" || local_failed "the other installation's server was touched"
+    other_ctl stop -m fast
     other='"C:\other\pg_ctl.exe" runservice -N "zentrix-postgresql" -D "C:\Other Data\pg_data"'
     "$wine" sc create zentrix-postgresql binPath= "$other" >/dev/null
     if local_run zentrix-data-normalizer.exe >/dev/null 2>&1; then local_failed "another installation's service was used"; fi
@@ -166,6 +198,7 @@ scenario_local_server() {
         "$drive/fresh-data/logs/"*.log || local_failed "no run-log line refuses the installation folder"
     [ "$(ls "$drive/fresh-data")" = logs ] || local_failed "something was made for an installation outside ASCII"
     [ "$failed" -eq 0 ] && echo "Windows local server: cluster made, service started, rows repaired, service stopped;" \
+        "another installation's lock file set aside;" \
         "another's service and an installation outside ASCII refused"
 }
 

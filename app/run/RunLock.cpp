@@ -2,9 +2,13 @@
 
 #include "app/output/Console.h"
 #include "app/output/RunLog.h"
+#include "core/server/process/ProcessIdentity.h"
 
+#include <QCoreApplication>
 #include <QDeadlineTimer>
 #include <QDir>
+#include <QFileInfo>
+#include <QSysInfo>
 
 RunLock::RunLock(const QString &dataDirectory)
     : m_path(QDir(dataDirectory).absoluteFilePath(QLatin1String(kFileName)))
@@ -14,9 +18,39 @@ RunLock::RunLock(const QString &dataDirectory)
     m_lock.setStaleLockTime(0);
 }
 
+// Another machine's process ids say nothing here. The lock records the computer name on Windows,
+// the host name elsewhere, in any letter case.
+bool RunLock::thisMachine(const QString &host)
+{
+    return host.isEmpty() || host.compare(QSysInfo::machineHostName(), Qt::CaseInsensitive) == 0
+        || host.compare(qEnvironmentVariable("COMPUTERNAME"), Qt::CaseInsensitive) == 0;
+}
+
+bool RunLock::holderIdReused(qint64 holder) const
+{
+    if (holder <= 0)
+        return false;
+    if (holder == QCoreApplication::applicationPid())
+        return true;
+    const core::ProcessIdentity process = core::ProcessIdentity::of(holder);
+    const QDateTime written = QFileInfo(m_path).lastModified();
+    return process.state == core::ProcessIdentity::State::Alive && written.isValid()
+        && process.created.toMSecsSinceEpoch() > written.toMSecsSinceEpoch() + kCreationToleranceMs;
+}
+
+bool RunLock::takeOverReused()
+{
+    qint64 holder = 0;
+    QString host;
+    QString application;
+    if (!m_lock.getLockInfo(&holder, &host, &application) || !thisMachine(host) || !holderIdReused(holder))
+        return false;
+    return m_lock.removeStaleLockFile() && m_lock.tryLock(0);
+}
+
 bool RunLock::acquire(RunLog &log, const std::function<bool()> &interrupted)
 {
-    if (m_lock.tryLock(0))
+    if (m_lock.tryLock(0) || (m_lock.error() == QLockFile::LockFailedError && takeOverReused()))
         return true;
     // A data folder this account cannot write to: the run cannot be guarded, but it is not
     // refused either, since it may need nothing else there.

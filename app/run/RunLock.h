@@ -9,7 +9,9 @@ class RunLog;
 
 // One run at a time per installation: a lock file in the data folder, taken before anything
 // touches the server. The system releases it with the process; a lock whose process is dead
-// is taken over. A second run waits for the first, saying once for which process.
+// is taken over, and so is one whose process id was handed out again (to this very run, or to
+// a process created after the lock was written). A second run waits for the first, saying once
+// for which process.
 class RunLock
 {
 public:
@@ -17,6 +19,9 @@ public:
     // A second run waits at most this long for the first one.
     static constexpr int kWaitLimitMs = 30 * 60 * 1000;
     static constexpr int kPollMs = 200;
+    // Creation times of processes are known to within a second (Linux counts from a boot time
+    // in whole seconds).
+    static constexpr qint64 kCreationToleranceMs = 1000;
 
     explicit RunLock(const QString &dataDirectory);
 
@@ -28,6 +33,14 @@ public:
     void release() { m_lock.unlock(); }
 
 private:
+    // The recorded process cannot have written the lock: its id now names this run, or a
+    // process created after the lock file was written.
+    bool holderIdReused(qint64 holder) const;
+    static bool thisMachine(const QString &host);
+    // Takes the lock from a holder whose id was reused; the system still refuses while the
+    // writer lives and keeps the file open.
+    bool takeOverReused();
+
     QString m_path;
     QLockFile m_lock;
 };

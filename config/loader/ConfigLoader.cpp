@@ -2,6 +2,7 @@
 
 #include "config/exceptions/InvalidValueException.h"
 #include "config/exceptions/MissingKeyException.h"
+#include "config/loader/IniEncoding.h"
 #include "config/loader/Registry.h"
 
 namespace config {
@@ -15,7 +16,7 @@ ConfigLoader::ConfigLoader(const QSettings &settings, QObject *parent)
     , m_format(Registry::viewOf(settings.fileName(), settings.format()))
     , m_settings(settings.fileName(), m_format)
 {
-    if (m_settings.format() == QSettings::IniFormat)
+    if (IniEncoding::isIni(m_settings.format()))
         removeCommentedKeys();
 }
 

@@ -2,6 +2,7 @@
 
 #include <QSettings>
 #include <QString>
+#include <QStringList>
 #include <QVariant>
 
 namespace config {
@@ -19,6 +20,14 @@ public:
     // expanded; any other value, and every value outside the registry, as it was read.
     static QVariant expanded(
         const QString &fileName, QSettings::Format format, const QString &key, const QVariant &value);
+    // The environment variables that the key's REG_EXPAND_SZ value names but this run does not
+    // define, which expansion leaves as they are; empty for any other value.
+    static QStringList undefinedVariables(const QString &fileName, QSettings::Format format, const QString &key);
+    // When both registry views hold the key and the 64-bit view, which is read, lacks values of the
+    // 32-bit view or holds others: which view each value comes from. Empty otherwise.
+    static QStringList viewDifferences(const QString &fileName);
+    // The key as the 32-bit view holds it (under WOW6432Node), for messages.
+    static QString view32Key(const QString &fileName);
 };
 
 } // namespace config

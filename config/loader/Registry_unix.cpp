@@ -12,4 +12,19 @@ QVariant Registry::expanded(const QString &, QSettings::Format, const QString &,
     return value;
 }
 
+QStringList Registry::undefinedVariables(const QString &, QSettings::Format, const QString &)
+{
+    return QStringList();
+}
+
+QStringList Registry::viewDifferences(const QString &)
+{
+    return QStringList();
+}
+
+QString Registry::view32Key(const QString &fileName)
+{
+    return fileName;
+}
+
 } // namespace config

@@ -1,5 +1,7 @@
 #include "config/loader/Registry.h"
 
+#include <QRegularExpression>
+
 #include <windows.h>
 
 #include <vector>
@@ -36,6 +38,58 @@ DWORD typeOf(const QString &fileName, QSettings::Format format, const QString &k
     return type;
 }
 } // namespace
+
+QStringList Registry::undefinedVariables(const QString &fileName, QSettings::Format format, const QString &key)
+{
+    static const QRegularExpression variable(QStringLiteral("%([^%]+)%"));
+    const QString text = QSettings(fileName, format).value(key).toString();
+    if (!text.contains(QLatin1Char('%')) || typeOf(fileName, format, key) != REG_EXPAND_SZ)
+        return QStringList();
+    QStringList undefined;
+    for (auto it = variable.globalMatch(text); it.hasNext();) {
+        const QString name = it.next().captured(1);
+        if (!qEnvironmentVariableIsSet(name.toLocal8Bit().constData()))
+            undefined << name;
+    }
+    return undefined;
+}
+
+QStringList Registry::viewDifferences(const QString &fileName)
+{
+    const QSettings view64(fileName, QSettings::Registry64Format);
+    const QSettings view32(fileName, QSettings::Registry32Format);
+    const QStringList keys64 = view64.allKeys();
+    const QStringList keys32 = view32.allKeys();
+    if (keys64.isEmpty() || keys32.isEmpty())
+        return QStringList();
+    QStringList lines;
+    bool differ = false;
+    QStringList all = keys64 + keys32;
+    all.removeDuplicates();
+    all.sort();
+    for (const QString &key : all) {
+        if (!keys64.contains(key)) {
+            differ = true;
+            lines << QStringLiteral("%1: only in the 32-bit view, not read").arg(key);
+        } else if (keys32.contains(key) && view64.value(key) != view32.value(key)) {
+            differ = true;
+            lines << QStringLiteral("%1: from the 64-bit view (the 32-bit view holds %2)")
+                         .arg(key, view32.value(key).toString());
+        } else {
+            lines << QStringLiteral("%1: from the 64-bit view").arg(key);
+        }
+    }
+    return differ ? lines : QStringList();
+}
+
+QString Registry::view32Key(const QString &fileName)
+{
+    QString key = QString(fileName).replace(QLatin1Char('/'), QLatin1Char('\\'));
+    const int software = key.indexOf(QLatin1String("\\Software\\"), 0, Qt::CaseInsensitive);
+    if (software < 0)
+        return key;
+    return key.insert(software + int(qstrlen("\\Software\\")), QLatin1String("WOW6432Node\\"));
+}
 
 QSettings::Format Registry::viewOf(const QString &fileName, QSettings::Format format)
 {

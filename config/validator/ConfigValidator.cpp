@@ -2,6 +2,7 @@
 
 #include "config/exceptions/MissingKeyException.h"
 #include "config/exceptions/UnknownKeyException.h"
+#include "config/loader/IniEncoding.h"
 
 namespace config {
 
@@ -51,7 +52,7 @@ void ConfigValidator::checkUnknownKeys(const QStringList &remaining) const
     if (remaining.isEmpty())
         return;
     const QString message = QStringLiteral("Unknown keys in config: %1");
-    if (m_settings.format() != QSettings::IniFormat)
+    if (!config::IniEncoding::isIni(m_settings.format()))
         throw UnknownKeyException(message.arg(remaining.join(QLatin1Char(','))), remaining);
     // INI files may carry commented-out entries ("section/#key"); the loader drops them.
     for (const QString &key : remaining) {

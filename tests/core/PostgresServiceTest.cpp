@@ -1,5 +1,6 @@
 #include "core/PostgresService.h"
 #include "config/loader/CoreConfigLoader.h"
+#include "core/ConnectionText.h"
 #include "core/server/control/WindowsServiceControl.h"
 #include "support/QtPrinters.h"
 #include "support/RecordingProcessRunner.h"
@@ -10,6 +11,8 @@
 
 #include <QDir>
 #include <QSettings>
+#include <QSqlError>
+#include <QSqlQuery>
 
 using namespace Qt::StringLiterals;
 
@@ -167,5 +170,48 @@ TEST_F(PostgresServiceTest, ServiceCommandsOfTheInitSequenceAndTheDestructor)
         EXPECT_EQ(commands(), stops);
         server().stop();
         ASSERT_TRUE(server().start()) << server().error().toStdString();
+    }
+}
+
+// Every text of a connection reaches the server as UTF-8, and the server talks UTF-8 from the
+// first message on, whatever the environment asks for.
+TEST_F(PostgresServiceTest, ConnectionTextsReachTheServerAsUtf8)
+{
+    const QString database = u"Datenbank Größe"_s;
+    const QString user = u"Bénutzer Ä"_s;
+    const QString password = u"pässwort €"_s;
+    for (const QString &statement : {u"DROP DATABASE IF EXISTS \"%1\""_s.arg(database),
+             u"DROP ROLE IF EXISTS \"%1\""_s.arg(user), u"CREATE ROLE \"%1\" LOGIN PASSWORD '%2'"_s.arg(user, password),
+             u"CREATE DATABASE \"%1\" OWNER \"%2\""_s.arg(database, user)})
+        server().sql(statement, u"postgres"_s);
+    ServiceUnderTest under(QByteArray(), {u"user="_s + user, u"password="_s + password, u"dbname="_s + database});
+    ASSERT_TRUE(under.service->init(false, true, false));
+    qputenv("PGCLIENTENCODING", "LATIN1");
+    QSqlDatabase connection;
+    QString name;
+    const bool opened = under.service->openConnection(connection, database, name, true);
+    qunsetenv("PGCLIENTENCODING");
+    ASSERT_TRUE(opened) << connection.lastError().text().toStdString();
+    QSqlQuery query(u"SELECT current_database(), current_user, reset_val "
+                    "FROM pg_settings WHERE name = 'client_encoding'"_s,
+        connection);
+    ASSERT_TRUE(query.next()) << query.lastError().text().toStdString();
+    EXPECT_EQ(query.value(0).toString(), database);
+    EXPECT_EQ(query.value(1).toString(), user);
+    EXPECT_EQ(query.value(2).toString(), u"UTF8"_s) << "the encoding the connection started with";
+    query.finish();
+    connection.close();
+    connection = QSqlDatabase();
+    QSqlDatabase::removeDatabase(name);
+}
+
+// What the driver's local 8-bit conversion makes of a text is its UTF-8 bytes, in every code page
+// that can carry them (on Windows the ANSI code page: 1252 under the Wine tests).
+TEST(ConnectionTextTest, TheDriverPassesUtf8Bytes)
+{
+    for (const QString &text : {u"sentrova_core_abc123"_s, u"Datenbank Größe"_s, u"pässwort €"_s, u"Ÿ‰ÿ"_s}) {
+        const std::optional<QString> carried = core::ConnectionText::forDriver(text);
+        ASSERT_TRUE(carried.has_value()) << text.toStdString();
+        EXPECT_EQ(carried->toLocal8Bit(), text.toUtf8()) << text.toStdString();
     }
 }

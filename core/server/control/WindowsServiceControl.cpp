@@ -1,6 +1,7 @@
 #include "core/server/control/WindowsServiceControl.h"
 
 #include "core/server/PostmasterPidFile.h"
+#include "core/server/path/SystemPath.h"
 #include "core/server/process/ProcessIdentity.h"
 
 #include <QDeadlineTimer>
@@ -18,13 +19,6 @@ const QString kService = QLatin1String(ServiceControl::kServiceName);
 // The states sc reports, as Windows numbers them.
 constexpr int kServiceStartPending = 2;
 constexpr int kServiceRunning = 4;
-
-// Windows paths, wherever this backend is built: either separator, any letter case.
-bool sameFolder(const QString &one, const QString &other)
-{
-    const auto normal = [](QString path) { return QDir::cleanPath(path.replace(QLatin1Char('\\'), QLatin1Char('/'))); };
-    return normal(one).compare(normal(other), Qt::CaseInsensitive) == 0;
-}
 } // namespace
 
 WindowsServiceControl::WindowsServiceControl(const ServiceContext &context, std::unique_ptr<ProcessRunner> runner)
@@ -59,7 +53,7 @@ QString WindowsServiceControl::serviceOfAnother()
             "to another installation; the run left it as it is. Run the tool as an administrator.")
             .arg(kService, registration.error);
     const QString folder = ServiceRegistration::dataFolderIn(registration.commandLine);
-    if (!folder.isEmpty() && sameFolder(folder, m_context.dataDirectory))
+    if (!folder.isEmpty() && SystemPath::sameOnWindows(folder, m_context.dataDirectory))
         return QString();
     const QString runs = folder.isEmpty()
         ? QStringLiteral("it runs %1, which names no data folder").arg(registration.commandLine)
@@ -207,6 +201,14 @@ bool WindowsServiceControl::serverStopped()
         == kNotRunning;
 }
 
+// pg_ctl believes any live process its lock file names, another installation's server among
+// them, and the run would wait for that one on this installation's port.
+int WindowsServiceControl::status()
+{
+    checkLockFile();
+    return ServiceControl::status();
+}
+
 void WindowsServiceControl::unregisterService()
 {
     if (!mayDriveService())
@@ -262,7 +264,8 @@ ServiceControl::LockOwner WindowsServiceControl::lockOwner(
         return LockOwner::Stranger;
     // A process created after the postmaster of the lock file started was only given its id.
     const bool described = process.created.toMSecsSinceEpoch() < lock.startTime * 1000 + kLockTimeResolutionMs;
-    return described && QFileInfo(process.image) == QFileInfo(serverProgram) ? LockOwner::Server : LockOwner::Stranger;
+    return described && SystemPath::sameOnWindows(process.image, serverProgram) ? LockOwner::Server
+                                                                                : LockOwner::Stranger;
 }
 
 } // namespace core

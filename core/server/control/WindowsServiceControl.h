@@ -46,6 +46,8 @@ public:
     void start() override;
     void stop() override;
     void unregisterService() override;
+    // A lock file of anything but this installation's server is set aside first.
+    int status() override;
     bool exists() override;
     QString startFailure() override { return m_startFailure; }
     QString serviceOfAnother() override;

@@ -1,4 +1,6 @@
 #include "core/server/control/WindowsServiceControl.h"
+#include "core/server/path/WindowsPathName.h"
+#include "support/LiveProcess.h"
 #include "support/QtPrinters.h"
 #include "support/RecordingProcessRunner.h"
 #include "support/ToolSandbox.h"
@@ -10,6 +12,10 @@
 #include <QFile>
 #include <QProcess>
 #include <QTemporaryDir>
+
+#ifdef Q_OS_WIN
+#include <windows.h>
+#endif
 
 using namespace Qt::StringLiterals;
 
@@ -46,23 +52,6 @@ struct Installation {
     core::ServiceContext context;
     const std::shared_ptr<RecordingProcessRunner::Script> script = std::make_shared<RecordingProcessRunner::Script>();
     std::unique_ptr<core::WindowsServiceControl> control;
-};
-
-// A live process that the tests name in lock files: a stranger, or, copied beside pg_ctl, the
-// installation's server.
-class IdleProcess : public QProcess
-{
-public:
-    explicit IdleProcess(const QString &program = QStringLiteral(ZENTRIX_IDLE_PATH))
-    {
-        start(program, QStringList());
-        waitForStarted();
-    }
-    ~IdleProcess() override
-    {
-        kill();
-        waitForFinished();
-    }
 };
 
 // "pg_ctl register" as the service manager keeps it.
@@ -129,8 +118,8 @@ TEST(WindowsServiceControlTest, StopKillsOnlyTheInstallationsOwnServer)
 {
     Installation installation;
     ASSERT_TRUE(QFile::copy(QStringLiteral(ZENTRIX_IDLE_PATH), installation.serverProgram()));
-    IdleProcess server(installation.serverProgram());
-    IdleProcess stranger;
+    LiveProcess server(installation.serverProgram());
+    LiveProcess stranger;
     const qint64 now = QDateTime::currentSecsSinceEpoch();
     const auto lockOf = [&installation](const QProcess &process, qint64 startTime) {
         return QByteArray::number(process.processId()) + "\n" + installation.context.dataDirectory.toUtf8() + "\n"
@@ -243,3 +232,106 @@ TEST(WindowsServiceControlTest, AServiceOfAnotherDataFolderIsLeftAsItIs)
         EXPECT_TRUE(QFile::exists(installation.lockFile())) << "nothing of the server is touched either";
     }
 }
+
+// pg_ctl believes any live process that the lock file names: a lock of anything but this
+// installation's server is set aside before it is asked, so the run never waits for a server of
+// another installation on this installation's port.
+TEST(WindowsServiceControlTest, TheStatusSetsAsideALockOfAnotherInstallationsServer)
+{
+    Installation installation;
+    const QTemporaryDir other;
+    QDir(other.path()).mkpath(u"bin"_s);
+    ASSERT_TRUE(QFile::copy(QStringLiteral(ZENTRIX_IDLE_PATH), installation.serverProgram()));
+    ASSERT_TRUE(QFile::copy(QStringLiteral(ZENTRIX_IDLE_PATH), other.filePath(u"bin/postgres.exe"_s)));
+    LiveProcess ownServer(installation.serverProgram());
+    LiveProcess otherServer(other.filePath(u"bin/postgres.exe"_s));
+    LiveProcess stranger;
+    const struct {
+        const char *name;
+        const QProcess &process;
+        bool setAside;
+    } cases[] = {
+        {"another installation's postgres.exe", otherServer, true},
+        {"another program", stranger, true},
+        {"this installation's server", ownServer, false},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.name);
+        QFile::remove(installation.lockFile() + u".stale"_s);
+        ToolSandbox::write(installation.lockFile(),
+            QByteArray::number(c.process.processId()) + "\nC:/other/pg_data\n"
+                + QByteArray::number(QDateTime::currentSecsSinceEpoch()) + "\n5432\n");
+        bool lockSeenByPgCtl = false;
+        installation.script->hooks.insert(u"pg_ctl.exe status"_s,
+            [&installation, &lockSeenByPgCtl] { lockSeenByPgCtl = QFile::exists(installation.lockFile()); });
+        installation.control->status();
+        EXPECT_EQ(lockSeenByPgCtl, !c.setAside);
+        EXPECT_EQ(QFile::exists(installation.lockFile() + u".stale"_s), c.setAside);
+        EXPECT_EQ(otherServer.state(), QProcess::Running);
+        EXPECT_EQ(installation.script->lines.filter(u"taskkill"_s), QStringList()) << "nothing is signalled";
+    }
+}
+
+namespace {
+struct SpellingCase {
+    const char *name;
+    const char16_t *one;
+    const char16_t *other;
+    bool same;
+};
+
+void PrintTo(const SpellingCase &c, std::ostream *os)
+{
+    *os << c.name;
+}
+
+class FolderSpellingTest : public testing::TestWithParam<SpellingCase>
+{
+};
+} // namespace
+
+// Windows compares folders by name whatever their spelling, as the service manager and the
+// lock file may give them.
+TEST_P(FolderSpellingTest, ComparedAsWindowsComparesThem)
+{
+    const SpellingCase &c = GetParam();
+    EXPECT_EQ(core::WindowsPathName::same(QString::fromUtf16(c.one), QString::fromUtf16(c.other)), c.same);
+}
+
+INSTANTIATE_TEST_SUITE_P(Spellings, FolderSpellingTest,
+    testing::Values(SpellingCase{"letter case", u"C:\\Tarvex\\Daten\\pg_data", u"c:\\TARVEX\\daten\\PG_DATA", true},
+        SpellingCase{"separators", u"C:\\Tarvex\\pg_data", u"C:/Tarvex/pg_data", true},
+        SpellingCase{"a trailing separator", u"C:\\Tarvex\\pg_data\\", u"C:\\Tarvex\\pg_data", true},
+        SpellingCase{"the long-path prefix", u"\\\\?\\C:\\Tarvex\\pg_data", u"C:\\Tarvex\\pg_data", true},
+        SpellingCase{"a long UNC path", u"\\\\?\\UNC\\server\\share\\pg_data", u"\\\\server\\share\\pg_data\\", true},
+        SpellingCase{"a drive's root", u"C:\\", u"c:/", true},
+        SpellingCase{"another folder", u"C:\\Tarvex\\pg_data", u"C:\\Tarvex\\pg_data2", false},
+        SpellingCase{"a parent folder", u"C:\\Tarvex\\pg_data", u"C:\\Tarvex", false}));
+
+#ifdef Q_OS_WIN
+// The service manager may hold the data folder under its 8.3 short name, as an installer that
+// took a short path registered it.
+TEST(WindowsServiceControlTest, AServiceRegisteredUnderTheShortNameIsThisInstallations)
+{
+    const QTemporaryDir root;
+    const QString dataFolder = root.filePath(u"Datenbank Größe langer Name/pg_data"_s);
+    ASSERT_TRUE(QDir().mkpath(dataFolder));
+    const QString native = QDir::toNativeSeparators(dataFolder);
+    wchar_t shortName[MAX_PATH] = {};
+    const DWORD size = GetShortPathNameW(reinterpret_cast<const wchar_t *>(native.utf16()), shortName, MAX_PATH);
+    ASSERT_GT(size, 0u);
+    const QString registered = QString::fromWCharArray(shortName, static_cast<int>(size)) + u"\\"_s;
+    ASSERT_FALSE(registered.contains(u"Größe"_s)) << "no short name given";
+    Installation installation;
+    installation.context.dataDirectory = dataFolder;
+    core::WindowsServiceControl control(installation.context,
+        std::make_unique<RecordingProcessRunner>(installation.script), core::WindowsServiceControl::Limits{1000, 1000},
+        [&registered](const QString &) {
+            core::ServiceRegistration registration;
+            registration.state = core::ServiceRegistration::State::Registered;
+            registration.commandLine = registeredCommandLine(registered);
+            return registration;
+        });
+    EXPECT_EQ(control.serviceOfAnother(), QString()) << registered.toStdString();
+}
+#endif
