@@ -34,7 +34,7 @@ drop_journal() { sql -d bench -q -c "DROP SCHEMA IF EXISTS zentrix_normalizer CA
 # "repaired_meanwhile LOG-OFFSET": what this run's closing rounds repaired, from its run log.
 repaired_meanwhile() {
     tail -c +"$(($1 + 1))" "$(run_log)" | grep -a 'Rows repaired by the closing rounds' |
-        sed 's/.*repaired: //' | tail -n 1 | grep . || echo 0
+        sed 's/.*began): //' | tail -n 1 | grep . || echo 0
 }
 rounds_of() {
     tail -c +"$(($1 + 1))" "$(run_log)" | grep -ac 'Rows written during the run, round' || true

@@ -373,7 +373,7 @@ QVector<WorkUnit> BatchedRepair::split(QSqlQuery &query, const WorkUnit &unit)
     if (unit.kind == WorkUnit::Kind::WrittenSince)
         return {};
     if (unit.kind == WorkUnit::Kind::Rows)
-        return splitRows(unit);
+        return halvesOfRows(unit);
     query.setForwardOnly(true);
     if (!query.exec(RepairStatements::rowsToChange(InstanceLines::kColumn, relationOf(unit), idsOf(unit),
             RepairStatements::tidRange(m_cursor->tidOf(unit.first), m_cursor->tidOf(unit.end)))))

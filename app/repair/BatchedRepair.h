@@ -29,9 +29,9 @@ public:
     static constexpr int kFirstServerWithRanges = 140000;
     // Rounds over the rows written during the run that repair what they find; one more read then
     // names what is still left. A round sees what was written while the one before ran, a few
-    // seconds' worth: beside the product's writer at 200 updates/s the first round repaired 300 to
-    // 560 rows of 2 000 000 and the second found none (docs/benchmarks.md), so only a writer that
-    // keeps writing text to repair uses them all.
+    // seconds' worth: beside the product's writer at 200 updates/s the first round repaired a few
+    // hundred rows of 2 000 000 and the second found none (docs/benchmarks.md), so only a writer
+    // that keeps writing text to repair uses them all.
     static constexpr int kClosingRounds = 3;
 
     // journal: record the run there; options are the run's own, for its record.

@@ -124,7 +124,7 @@ RepairStrategy::Result ChangedOnlyRepair::run(QSqlQuery &query, const WorkUnit &
 
 QVector<WorkUnit> ChangedOnlyRepair::split(QSqlQuery &, const WorkUnit &unit)
 {
-    return splitRows(unit);
+    return halvesOfRows(unit);
 }
 
 bool ChangedOnlyRepair::leave(QSqlQuery &query, const WorkUnit &unit, const ServerFailure &failure)

@@ -26,3 +26,15 @@ bool RepairStrategy::mayWrite(QSqlQuery &, const WorkUnit &)
 {
     return false;
 }
+
+QVector<WorkUnit> RepairStrategy::halvesOfRows(const WorkUnit &unit)
+{
+    if (unit.kind != WorkUnit::Kind::Rows || unit.tids.size() < 2)
+        return {};
+    WorkUnit first = unit;
+    WorkUnit second = unit;
+    const int half = unit.tids.size() / 2;
+    first.tids = unit.tids.mid(0, half);
+    second.tids = unit.tids.mid(half);
+    return {first, second};
+}

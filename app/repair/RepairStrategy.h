@@ -73,4 +73,8 @@ public:
     virtual void rangeFinished(int origin, bool covered);
     // The run's closing lines; an interrupted run says only how far it got.
     virtual void report(bool interrupted) = 0;
+
+protected:
+    // A unit of listed rows in two halves; none for a single row.
+    static QVector<WorkUnit> halvesOfRows(const WorkUnit &unit);
 };

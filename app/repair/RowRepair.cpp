@@ -254,18 +254,6 @@ bool RowRepair::skips(const WorkUnit &unit) const
     return true;
 }
 
-QVector<WorkUnit> RowRepair::splitRows(const WorkUnit &unit) const
-{
-    if (unit.tids.size() < 2)
-        return {};
-    WorkUnit first = unit;
-    WorkUnit second = unit;
-    const int half = unit.tids.size() / 2;
-    first.tids = unit.tids.mid(0, half);
-    second.tids = unit.tids.mid(half);
-    return {first, second};
-}
-
 bool RowRepair::leaveRows(QSqlQuery &query, const WorkUnit &unit, const QString &what, const QString &reason)
 {
     if (unit.kind == WorkUnit::Kind::Rows && unit.tids.size() == 1) {

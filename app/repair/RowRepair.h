@@ -30,7 +30,6 @@ protected:
     // or on the last try skipping them and leaving those still held. changed is filled per
     // instance.
     Result repair(QSqlQuery &query, const WorkUnit &unit, const QString &where, const QString &step);
-    QVector<WorkUnit> splitRows(const WorkUnit &unit) const;
     bool leaveRows(QSqlQuery &query, const WorkUnit &unit, const QString &what, const QString &reason);
     // An instance's closing line: done with the rows it changed, or failed with what it left
     // (and, when unfinished is given, with why its part of the run is not over).

@@ -248,14 +248,7 @@ QVector<WorkUnit> VerifyCheck::split(QSqlQuery &query, const WorkUnit &unit)
         m_progress.advance(unit.end - unit.first, 0);
         return {rows};
     }
-    if (unit.kind != WorkUnit::Kind::Rows || unit.tids.size() < 2)
-        return {};
-    WorkUnit first = unit;
-    WorkUnit second = unit;
-    const int half = unit.tids.size() / 2;
-    first.tids = unit.tids.mid(0, half);
-    second.tids = unit.tids.mid(half);
-    return {first, second};
+    return halvesOfRows(unit);
 }
 
 bool VerifyCheck::leave(QSqlQuery &query, const WorkUnit &unit, const ServerFailure &failure)
