@@ -13,7 +13,8 @@
 // Hands out a run's ranges of row versions through the relations that hold scan.file's rows,
 // one after the other, each as large as the sizer says, none inside a range already done.
 // Blocks appended while the run goes on (rows the product writes, new versions of the rows the
-// run rewrites) are left to the next run. Called by one connection at a time.
+// run rewrites) are not handed out: the run reads the rows written meanwhile at its end. Called by
+// one connection at a time.
 class RangeCursor
 {
 public:
