@@ -1,29 +1,28 @@
 #include "app/repair/BatchedRepair.h"
 
 #include "app/journal/RunJournal.h"
-#include "app/output/Console.h"
 #include "app/output/Progress.h"
-#include "app/output/RunLog.h"
+#include "app/output/Reporter.h"
 #include "app/output/VerboseLog.h"
 #include "app/repair/InstanceLines.h"
 #include "app/repair/RepairStatements.h"
 #include "app/repair/ServerFailure.h"
+#include "app/repair/StrategyContext.h"
+#include "app/sql/SqlLiteral.h"
 
 #include <QElapsedTimer>
 #include <QSqlError>
 #include <QSqlQuery>
 
-BatchedRepair::BatchedRepair(RunLog &log, const VerboseLog &verbose, Progress &progress, RunTally &tally,
-    RunJournal *journal, const QString &options)
-    : RowRepair(journal ? QStringLiteral("--journal") : QStringLiteral("--batched"), log, verbose, progress, tally)
+BatchedRepair::BatchedRepair(const StrategyContext &context, bool journaled, const QString &options)
+    : RewritingStrategy(journaled ? QStringLiteral("--journal") : QStringLiteral("--batched"), context,
+        journaled ? &context.journal : nullptr)
     , m_options(options)
-{
-    m_journal = journal;
-}
+{ }
 
 bool BatchedRepair::prepare(QSqlQuery &query)
 {
-    if (!checkServer(query, m_log, m_option) || !m_instances.read(query, m_log))
+    if (!checkServer(query, m_reporter, m_option) || !m_instances.read(query, m_reporter))
         return false;
     if (m_instances.isEmpty())
         return true;
@@ -31,13 +30,10 @@ bool BatchedRepair::prepare(QSqlQuery &query)
         return false;
     qint64 since = 0;
     if (!readSnapshotXmin(query, since)) {
-        const QString line = QStringLiteral("%1 cannot read the server's snapshot. %2")
-                                 .arg(m_option, query.lastError().databaseText().simplified());
-        Console::err(QStringLiteral("ERROR: ") + line);
-        m_log.writeLine(RunLog::Error, line);
+        m_reporter.error(QStringLiteral("%1 cannot read the server's snapshot. %2")
+                             .arg(m_option, query.lastError().databaseText().simplified()));
         return false;
     }
-    m_mainQuery = &query;
     m_cursor = std::make_unique<RangeCursor>(m_table);
     m_since = QVector<qint64>(m_table.relations().size(), since);
     for (const ScanTable::Relation &relation : m_table.relations())
@@ -67,7 +63,7 @@ bool BatchedRepair::sinceHolds(QSqlQuery &query, int relation, qint64 since, QSt
 {
     const QString state = QStringLiteral(
         "SELECT pg_relation_filenode(%1::regclass), pg_snapshot_xmax(pg_current_snapshot())::text::bigint");
-    if (!query.exec(state.arg(RepairStatements::literal(m_table.relations()[relation].name))) || !query.next())
+    if (!query.exec(state.arg(SqlLiteral::of(m_table.relations()[relation].name))) || !query.next())
         return false;
     if (filenodeNow)
         *filenodeNow = query.value(0).toString();
@@ -81,7 +77,7 @@ bool BatchedRepair::sinceHolds(QSqlQuery &query, int relation, qint64 since, QSt
     return query.value(0).toString() == filenode && query.value(1).toLongLong() - since < kXidHalf;
 }
 
-bool BatchedRepair::checkServer(QSqlQuery &query, RunLog &log, const QString &option)
+bool BatchedRepair::checkServer(QSqlQuery &query, const Reporter &reporter, const QString &option)
 {
     if (query.exec(QStringLiteral("SELECT current_setting('server_version_num')::int, "
                                   "current_setting('server_version')"))
@@ -92,8 +88,7 @@ bool BatchedRepair::checkServer(QSqlQuery &query, RunLog &log, const QString &op
                          "runs PostgreSQL %2. Use --changed-only there.")
               .arg(option, query.value(1).toString())
         : QStringLiteral("Cannot read the server's version for %1. %2").arg(option, query.lastError().text());
-    Console::err(QStringLiteral("ERROR: ") + line);
-    log.writeLine(RunLog::Error, line);
+    reporter.error(line);
     return false;
 }
 
@@ -104,10 +99,8 @@ bool BatchedRepair::checkServer(QSqlQuery &query, RunLog &log, const QString &op
 bool BatchedRepair::openJournal(QSqlQuery &query, qint64 since)
 {
     if (!m_journal->open(query, m_options, since, m_instances.ids())) {
-        const QString line = QStringLiteral("--journal cannot record the run in schema %1 of the database. %2")
-                                 .arg(RunJournal::kSchema, m_journal->error());
-        Console::err(QStringLiteral("ERROR: ") + line);
-        m_log.writeLine(RunLog::Error, line);
+        m_reporter.error(QStringLiteral("--journal cannot record the run in schema %1 of the database. %2")
+                             .arg(RunJournal::kSchema, m_journal->error()));
         return false;
     }
     qint64 done = 0;
@@ -135,8 +128,7 @@ bool BatchedRepair::openJournal(QSqlQuery &query, qint64 since)
               .arg(total == 0 ? 100 : int(done * 100 / total))
               .arg(m_journal->rowsChangedBefore())
         : QStringLiteral("Journaled as run %1 in schema %2").arg(m_journal->run()).arg(RunJournal::kSchema);
-    Console::out(line);
-    m_log.writeLine(RunLog::Info, line);
+    m_reporter.info(line);
     return true;
 }
 
@@ -168,7 +160,7 @@ bool BatchedRepair::nextUnit(WorkUnit &unit)
 void BatchedRepair::handOut(WorkUnit &unit, qint64 slotCount)
 {
     const std::lock_guard<std::mutex> lock(m_mutex);
-    unit.origin = m_rangeSlots.size();
+    unit.rootUnit = m_rangeSlots.size();
     m_rangeSlots.append(slotCount);
     m_ranges += slotCount >= 0;
     ++m_open;
@@ -284,7 +276,7 @@ RepairStrategy::Result BatchedRepair::readWrittenSince(QSqlQuery &query, const W
     if (unit.round == 1 && !m_newInstances.isEmpty()) {
         QStringList literals;
         for (const QString &id : m_newInstances)
-            literals << RepairStatements::literal(id);
+            literals << SqlLiteral::of(id);
         which = QStringLiteral("(%1 OR instance_id IN (%2))").arg(which, literals.join(QLatin1Char(',')));
     }
     if (unit.round > kClosingRounds) {
@@ -314,11 +306,10 @@ RepairStrategy::Result BatchedRepair::readWrittenSince(QSqlQuery &query, const W
     }
     result.more = rangesOfBlocks(blocks, unit);
     if (!blocks.isEmpty())
-        m_log.writeLine(RunLog::Info,
-            QStringLiteral("Rows written during the run, round %1: %2 blocks of %3 hold rows to repair")
-                .arg(unit.round)
-                .arg(blocks.size())
-                .arg(relationOf(unit)));
+        m_reporter.logInfo(QStringLiteral("Rows written during the run, round %1: %2 blocks of %3 hold rows to repair")
+                               .arg(unit.round)
+                               .arg(blocks.size())
+                               .arg(relationOf(unit)));
     return result;
 }
 
@@ -358,7 +349,7 @@ QVector<WorkUnit> BatchedRepair::rangesOfBlocks(const QVector<qint64> &blocks, c
         range.kind = WorkUnit::Kind::Range;
         range.relation = read.relation;
         range.round = read.round;
-        range.origin = read.origin;
+        range.rootUnit = read.rootUnit;
         range.first = first;
         range.end = first + slotsPerBlock;
         ranges.append(range);
@@ -394,7 +385,7 @@ bool BatchedRepair::leave(QSqlQuery &query, const WorkUnit &unit, const ServerFa
         what = QStringLiteral("row versions %1").arg(m_cursor->text(unit));
     else if (unit.kind == WorkUnit::Kind::WrittenSince)
         what = QStringLiteral("rows of %1 written during the run").arg(relationOf(unit));
-    return leaveRows(query, unit, what, failure.words());
+    return leaveRows(query, unit, what, failure.serverMessage());
 }
 
 QString BatchedRepair::givenUp(const WorkUnit &unit) const
@@ -402,13 +393,13 @@ QString BatchedRepair::givenUp(const WorkUnit &unit) const
     return QStringLiteral("the rows of %1 not repaired yet").arg(relationOf(unit));
 }
 
-void BatchedRepair::rangeFinished(int origin, bool covered)
+void BatchedRepair::rangeFinished(int rootUnit, bool covered)
 {
     qint64 slotCount = 0;
     {
         const std::lock_guard<std::mutex> lock(m_mutex);
         --m_open;
-        slotCount = m_rangeSlots[origin];
+        slotCount = m_rangeSlots[rootUnit];
         if (!covered || slotCount < 0)
             return;
         ++m_rangesDone;
@@ -417,7 +408,17 @@ void BatchedRepair::rangeFinished(int origin, bool covered)
     m_progress.advance(slotCount, 0);
 }
 
-void BatchedRepair::report(bool interrupted)
+// A run that stopped early is resumed by the next --journal run.
+void BatchedRepair::conclude(QSqlQuery &query, bool interrupted)
+{
+    if (!m_journal || !m_cursor)
+        return;
+    m_journal->close(query,
+        interrupted || !m_tally.stopReason().isEmpty() ? RunJournal::RunState::Interrupted
+                                                       : RunJournal::RunState::Finished);
+}
+
+void BatchedRepair::report(bool interrupted) const
 {
     if (m_instances.isEmpty() || !m_cursor)
         return;
@@ -443,22 +444,15 @@ void BatchedRepair::report(bool interrupted)
     if (!m_tally.leftRows().isEmpty())
         coverage += QStringLiteral(", rows left: %1").arg(m_tally.leftRows().size());
     // A run that did not cover everything says how far it got as a warning, not that it is done.
-    if (covered == total && !interrupted) {
-        Console::out(coverage);
-        m_log.writeLine(RunLog::Info, coverage);
-    } else {
-        Console::err(coverage);
-        m_log.writeLine(RunLog::Warning, coverage);
-    }
+    if (covered == total && !interrupted)
+        m_reporter.info(coverage);
+    else
+        m_reporter.shortfall(coverage);
     if (m_roundChanged > 0)
-        m_log.writeLine(RunLog::Info,
+        m_reporter.logInfo(
             QStringLiteral("Rows repaired by the closing rounds (written during the run by other sessions, or of "
                            "instances listed since the run began): %1")
                 .arg(m_roundChanged));
     if (!interrupted)
         reportLeft();
-    // A run that stopped early is resumed by the next --journal run.
-    if (m_journal && m_mainQuery)
-        m_journal->close(*m_mainQuery,
-            interrupted || !m_tally.stopReason().isEmpty() ? RunJournal::kInterrupted : RunJournal::kFinished);
 }

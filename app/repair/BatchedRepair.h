@@ -1,7 +1,7 @@
 #pragma once
 
 #include "app/repair/RangeCursor.h"
-#include "app/repair/RowRepair.h"
+#include "app/repair/RewritingStrategy.h"
 
 #include <QVector>
 
@@ -22,7 +22,7 @@
 // pass over the table that tests the text of those rows only) and the blocks that hold any to
 // repair are repaired as further ranges, in rounds, each reading what was written since the one
 // before.
-class BatchedRepair : public RowRepair
+class BatchedRepair : public RewritingStrategy
 {
 public:
     // A TID range scan reads a range of blocks only; older servers would read the whole table.
@@ -34,9 +34,8 @@ public:
     // that keeps writing text to repair uses them all.
     static constexpr int kClosingRounds = 3;
 
-    // journal: record the run there; options are the run's own, for its record.
-    BatchedRepair(RunLog &log, const VerboseLog &verbose, Progress &progress, RunTally &tally,
-        RunJournal *journal = nullptr, const QString &options = QString());
+    // journaled: record the run in the context's journal; options are the run's own, for its record.
+    BatchedRepair(const StrategyContext &context, bool journaled, const QString &options);
 
     bool prepare(QSqlQuery &query) override;
     bool nextUnit(WorkUnit &unit) override;
@@ -44,11 +43,12 @@ public:
     QString step(const WorkUnit &unit) const override;
     QVector<WorkUnit> split(QSqlQuery &query, const WorkUnit &unit) override;
     bool leave(QSqlQuery &query, const WorkUnit &unit, const ServerFailure &failure) override;
-    void rangeFinished(int origin, bool covered) override;
-    void report(bool interrupted) override;
+    void rangeFinished(int rootUnit, bool covered) override;
+    void conclude(QSqlQuery &query, bool interrupted) override;
+    void report(bool interrupted) const override;
 
     // Refuses, with the run's own lines, a server that cannot read a table by ranges.
-    static bool checkServer(QSqlQuery &query, RunLog &log, const QString &option);
+    static bool checkServer(QSqlQuery &query, const Reporter &reporter, const QString &option);
 
 protected:
     QString givenUp(const WorkUnit &unit) const override;
@@ -72,7 +72,6 @@ private:
     void handOut(WorkUnit &unit, qint64 slotCount);
 
     const QString m_options;
-    QSqlQuery *m_mainQuery = nullptr;
     std::unique_ptr<RangeCursor> m_cursor;
     // Closing units made and not handed out yet.
     QVector<WorkUnit> m_pending;

@@ -8,13 +8,13 @@
 #include <QSqlError>
 #include <QSqlQuery>
 
-ChangedOnlyRepair::ChangedOnlyRepair(RunLog &log, const VerboseLog &verbose, Progress &progress, RunTally &tally)
-    : RowRepair(QStringLiteral("--changed-only"), log, verbose, progress, tally)
+ChangedOnlyRepair::ChangedOnlyRepair(const StrategyContext &context)
+    : RewritingStrategy(QStringLiteral("--changed-only"), context, nullptr)
 { }
 
 bool ChangedOnlyRepair::prepare(QSqlQuery &query)
 {
-    if (!m_instances.read(query, m_log))
+    if (!m_instances.read(query, m_reporter))
         return false;
     if (m_instances.isEmpty())
         return true;
@@ -87,7 +87,7 @@ bool ChangedOnlyRepair::nextUnit(WorkUnit &unit)
 
 QString ChangedOnlyRepair::step(const WorkUnit &unit) const
 {
-    return QStringLiteral("instance ") + m_instances[unit.instance].first;
+    return QStringLiteral("instance ") + m_instances[unit.instance].id;
 }
 
 RepairStrategy::Result ChangedOnlyRepair::run(QSqlQuery &query, const WorkUnit &unit)
@@ -95,7 +95,7 @@ RepairStrategy::Result ChangedOnlyRepair::run(QSqlQuery &query, const WorkUnit &
     if (unit.kind == WorkUnit::Kind::Instance) {
         QHash<int, QVector<WorkUnit>> units;
         Result result;
-        result.ok = readCandidates(query, {m_instances[unit.instance].first}, units);
+        result.ok = readCandidates(query, {m_instances[unit.instance].id}, units);
         // Rows put aside for a last try are not waited for again.
         for (WorkUnit part : units.value(unit.instance)) {
             part.rereads = unit.rereads;
@@ -108,14 +108,14 @@ RepairStrategy::Result ChangedOnlyRepair::run(QSqlQuery &query, const WorkUnit &
     if (unit.tids.isEmpty())
         return Result{true, {}, {}, {}};
     const QString step = QStringLiteral("instance %1, %2 rows of %3")
-                             .arg(m_instances[unit.instance].first)
+                             .arg(m_instances[unit.instance].id)
                              .arg(unit.tids.size())
                              .arg(relationOf(unit));
     Result result = repair(query, unit, RepairStatements::tidList(unit.tids), step);
     // Fewer rows changed or set aside than listed: some were rewritten (or deleted) by another
     // writer since they were read. Whether they still need the repair is read again once the rest
     // is done.
-    if (result.ok && result.changed.value(m_instances[unit.instance].first) + result.setAside < unit.tids.size()) {
+    if (result.ok && result.changed.value(m_instances[unit.instance].id) + result.setAside < unit.tids.size()) {
         const std::lock_guard<std::mutex> lock(m_mutex);
         m_rewritten[unit.instance] = true;
     }
@@ -129,7 +129,7 @@ QVector<WorkUnit> ChangedOnlyRepair::split(QSqlQuery &, const WorkUnit &unit)
 
 bool ChangedOnlyRepair::leave(QSqlQuery &query, const WorkUnit &unit, const ServerFailure &failure)
 {
-    return leaveRows(query, unit, QStringLiteral("instance ") + m_instances[unit.instance].first, failure.words());
+    return leaveRows(query, unit, QStringLiteral("instance ") + m_instances[unit.instance].id, failure.serverMessage());
 }
 
 QVector<WorkUnit> ChangedOnlyRepair::instanceFinished(int instance)
@@ -152,10 +152,10 @@ QVector<WorkUnit> ChangedOnlyRepair::instanceFinished(int instance)
 
 QString ChangedOnlyRepair::givenUp(const WorkUnit &unit) const
 {
-    return QStringLiteral("instance ") + m_instances[unit.instance].first;
+    return QStringLiteral("instance ") + m_instances[unit.instance].id;
 }
 
-void ChangedOnlyRepair::report(bool interrupted)
+void ChangedOnlyRepair::report(bool interrupted) const
 {
     if (!interrupted)
         reportLeft();

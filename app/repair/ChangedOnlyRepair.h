@@ -1,6 +1,6 @@
 #pragma once
 
-#include "app/repair/RowRepair.h"
+#include "app/repair/RewritingStrategy.h"
 
 #include <QHash>
 #include <QStringList>
@@ -11,14 +11,14 @@
 // finds those rows for all instances at once; each instance's rows (per partition) are then
 // one UPDATE, committed on its own. An instance whose rows another writer rewrote between the
 // read and the write is read again once its other rows are done.
-class ChangedOnlyRepair : public RowRepair
+class ChangedOnlyRepair : public RewritingStrategy
 {
 public:
     // Reads of one instance after the first; a writer that keeps rewriting rows cannot hold the
     // run for longer.
     static constexpr int kRereads = 2;
 
-    ChangedOnlyRepair(RunLog &log, const VerboseLog &verbose, Progress &progress, RunTally &tally);
+    explicit ChangedOnlyRepair(const StrategyContext &context);
 
     bool prepare(QSqlQuery &query) override;
     bool nextUnit(WorkUnit &unit) override;
@@ -27,7 +27,7 @@ public:
     QVector<WorkUnit> split(QSqlQuery &query, const WorkUnit &unit) override;
     bool leave(QSqlQuery &query, const WorkUnit &unit, const ServerFailure &failure) override;
     QVector<WorkUnit> instanceFinished(int instance) override;
-    void report(bool interrupted) override;
+    void report(bool interrupted) const override;
 
 protected:
     QString givenUp(const WorkUnit &unit) const override;

@@ -1,11 +1,11 @@
 #include "app/repair/DryRunCount.h"
 
-#include "app/output/Console.h"
 #include "app/output/Progress.h"
-#include "app/output/RunLog.h"
+#include "app/output/Reporter.h"
 #include "app/repair/InstanceLines.h"
 #include "app/repair/RepairStatements.h"
 #include "app/repair/ServerFailure.h"
+#include "app/repair/StrategyContext.h"
 
 #include <QHash>
 #include <QSqlError>
@@ -26,15 +26,15 @@ QString tableLine(const QStringList &cells, const QVector<int> &widths)
 }
 } // namespace
 
-DryRunCount::DryRunCount(RunLog &log, Progress &progress, RunTally &tally)
-    : m_log(log)
-    , m_progress(progress)
-    , m_tally(tally)
+DryRunCount::DryRunCount(const StrategyContext &context)
+    : m_reporter(context.reporter)
+    , m_progress(context.progress)
+    , m_tally(context.tally)
 { }
 
 bool DryRunCount::prepare(QSqlQuery &query)
 {
-    if (!m_instances.read(query, m_log))
+    if (!m_instances.read(query, m_reporter))
         return false;
     m_counts.resize(m_instances.size());
     if (m_instances.isEmpty())
@@ -46,8 +46,7 @@ bool DryRunCount::prepare(QSqlQuery &query)
         refusal = m_table.refusal(QStringLiteral("--dry-run"), false);
     if (refusal.isEmpty())
         return true;
-    Console::err(QStringLiteral("ERROR: ") + refusal);
-    m_log.writeLine(RunLog::Error, refusal);
+    m_reporter.error(refusal);
     return false;
 }
 
@@ -65,14 +64,14 @@ QString DryRunCount::step(const WorkUnit &unit) const
 {
     if (unit.kind == WorkUnit::Kind::AllInstances)
         return QStringLiteral("counting the rows to change");
-    return QStringLiteral("counting instance ") + m_instances[unit.instance].first;
+    return QStringLiteral("counting instance ") + m_instances[unit.instance].id;
 }
 
 RepairStrategy::Result DryRunCount::run(QSqlQuery &query, const WorkUnit &unit)
 {
     Result result;
     result.ok = count(query,
-        unit.kind == WorkUnit::Kind::AllInstances ? m_instances.ids() : QStringList{m_instances[unit.instance].first});
+        unit.kind == WorkUnit::Kind::AllInstances ? m_instances.ids() : QStringList{m_instances[unit.instance].id});
     return result;
 }
 
@@ -89,8 +88,8 @@ bool DryRunCount::count(QSqlQuery &query, const QStringList &instanceIds)
     // Instances without rows in range have no group: they count zero.
     const std::lock_guard<std::mutex> lock(m_mutex);
     for (int i = 0; i < m_instances.size(); ++i) {
-        if (instanceIds.contains(m_instances[i].first))
-            m_counts[i] = found.value(m_instances[i].first, {true, 0, 0});
+        if (instanceIds.contains(m_instances[i].id))
+            m_counts[i] = found.value(m_instances[i].id, {true, 0, 0});
     }
     return true;
 }
@@ -113,12 +112,10 @@ QVector<WorkUnit> DryRunCount::split(QSqlQuery &, const WorkUnit &unit)
 
 bool DryRunCount::leave(QSqlQuery &, const WorkUnit &unit, const ServerFailure &failure)
 {
-    const QString id = unit.instance >= 0 ? m_instances[unit.instance].first : QStringLiteral("all");
-    m_tally.fail(QStringLiteral("count of instance ") + id, failure.words());
-    const QString line = QStringLiteral("Dry run count is failed, data: %1, instance id: %2. %3")
-                             .arg(InstanceLines::kColumn, id, failure.words());
-    Console::err(QStringLiteral("WARNING: ") + line);
-    m_log.writeLine(RunLog::Warning, line);
+    const QString id = unit.instance >= 0 ? m_instances[unit.instance].id : QStringLiteral("all");
+    m_tally.fail(QStringLiteral("count of instance ") + id, failure.serverMessage());
+    m_reporter.warning(QStringLiteral("Dry run count is failed, data: %1, instance id: %2. %3")
+                           .arg(InstanceLines::kColumn, id, failure.serverMessage()));
     return true;
 }
 
@@ -127,7 +124,14 @@ bool DryRunCount::allCounted() const
     return std::all_of(m_counts.cbegin(), m_counts.cend(), [](const Count &count) { return count.counted; });
 }
 
-void DryRunCount::report(bool)
+// A total over the counted instances only must not pass for the whole.
+void DryRunCount::conclude(QSqlQuery &, bool)
+{
+    if (!allCounted())
+        m_tally.fail(QStringLiteral("counts"), QStringLiteral("not every instance was counted"));
+}
+
+void DryRunCount::report(bool) const
 {
     QList<QStringList> rows
         = {{QStringLiteral("instance id"), QStringLiteral("rows in range"), QStringLiteral("rows to change")}};
@@ -135,18 +139,15 @@ void DryRunCount::report(bool)
     qint64 toChange = 0;
     for (int i = 0; i < m_instances.size(); ++i) {
         if (!m_counts[i].counted) {
-            rows << QStringList{m_instances[i].first, kFailed, kFailed};
+            rows << QStringList{m_instances[i].id, kFailed, kFailed};
             continue;
         }
         rows << QStringList{
-            m_instances[i].first, QString::number(m_counts[i].inRange), QString::number(m_counts[i].toChange)};
+            m_instances[i].id, QString::number(m_counts[i].inRange), QString::number(m_counts[i].toChange)};
         inRange += m_counts[i].inRange;
         toChange += m_counts[i].toChange;
     }
-    // A total over the counted instances only must not pass for the whole.
     const bool all = allCounted();
-    if (!all)
-        m_tally.fail(QStringLiteral("counts"), QStringLiteral("not every instance was counted"));
     rows << QStringList{all ? QStringLiteral("total") : QStringLiteral("total of counted"), QString::number(inRange),
         QString::number(toChange)};
     QVector<int> widths(3, 0);
@@ -157,14 +158,7 @@ void DryRunCount::report(bool)
     QStringList lines = {QStringLiteral("Dry run, nothing is written; data: ") + InstanceLines::kColumn};
     for (const QStringList &row : rows)
         lines << tableLine(row, widths);
-    for (const QString &line : lines) {
-        Console::out(line);
-        m_log.writeLine(RunLog::Info, line);
-    }
-    const QString stop = m_tally.stopReason();
-    if (!stop.isEmpty()) {
-        const QString line = QStringLiteral("The run stopped before its end: %1").arg(stop);
-        Console::err(QStringLiteral("ERROR: ") + line);
-        m_log.writeLine(RunLog::Error, line);
-    }
+    for (const QString &line : lines)
+        m_reporter.info(line);
+    m_reporter.runStopped(m_tally.stopReason());
 }

@@ -9,7 +9,8 @@
 #include <mutex>
 
 class Progress;
-class RunLog;
+class Reporter;
+struct StrategyContext;
 
 // What the pass would do, counted on the server in sessions that the server itself keeps from
 // writing: per instance, the rows in the update's range and those whose text the same
@@ -19,7 +20,7 @@ class RunLog;
 class DryRunCount : public RepairStrategy
 {
 public:
-    DryRunCount(RunLog &log, Progress &progress, RunTally &tally);
+    explicit DryRunCount(const StrategyContext &context);
 
     bool prepare(QSqlQuery &query) override;
     bool nextUnit(WorkUnit &unit) override;
@@ -27,7 +28,8 @@ public:
     QString step(const WorkUnit &unit) const override;
     QVector<WorkUnit> split(QSqlQuery &query, const WorkUnit &unit) override;
     bool leave(QSqlQuery &query, const WorkUnit &unit, const ServerFailure &failure) override;
-    void report(bool interrupted) override;
+    void conclude(QSqlQuery &query, bool interrupted) override;
+    void report(bool interrupted) const override;
 
 private:
     struct Count {
@@ -40,7 +42,7 @@ private:
     bool count(QSqlQuery &query, const QStringList &instanceIds);
     bool allCounted() const;
 
-    RunLog &m_log;
+    const Reporter &m_reporter;
     Progress &m_progress;
     RunTally &m_tally;
     ScanTable m_table;

@@ -1,7 +1,6 @@
 #include "app/repair/InstanceLines.h"
 
-#include "app/output/Console.h"
-#include "app/output/RunLog.h"
+#include "app/output/Reporter.h"
 #include "app/output/VerboseLog.h"
 
 #include <QSqlError>
@@ -9,21 +8,17 @@
 
 const QString InstanceLines::kColumn = QStringLiteral("filetype_details");
 
-void InstanceLines::done(const InstanceList::Instance &instance, RunLog &log, const QString &suffix)
+void InstanceLines::done(const InstanceList::Instance &instance, const Reporter &reporter, const QString &suffix)
 {
-    Console::out(QStringLiteral("Data normalization is done, data: ") + kColumn + QStringLiteral(", instance id: ")
-        + instance.first + suffix);
-    log.writeLine(RunLog::Info,
-        QStringLiteral("Data normalization is done, data: %1, instance id: %2").arg(kColumn, instance.first) + suffix);
+    reporter.info(QStringLiteral("Data normalization is done, data: ") + kColumn + QStringLiteral(", instance id: ")
+        + instance.id + suffix);
 }
 
-void InstanceLines::failed(const InstanceList::Instance &instance, RunLog &log, const QString &reason)
+void InstanceLines::failed(const InstanceList::Instance &instance, const Reporter &reporter, const QString &reason)
 {
-    Console::err(QStringLiteral("WARNING: Data normalization is failed, data: ") + kColumn
-        + QStringLiteral(", instance id: ") + instance.first);
-    log.writeLine(RunLog::Warning,
-        QStringLiteral("Data normalization is failed, data: %1, instance id: %2. %3")
-            .arg(kColumn, instance.first, reason));
+    const QString line = QStringLiteral("Data normalization is failed, data: ") + kColumn
+        + QStringLiteral(", instance id: ") + instance.id;
+    reporter.warning(line, line + QStringLiteral(". ") + reason);
 }
 
 void InstanceLines::explain(const VerboseLog &verbose, const InstanceList::Instance &instance, const QSqlQuery &query,
@@ -34,9 +29,9 @@ void InstanceLines::explain(const VerboseLog &verbose, const InstanceList::Insta
     const QString seconds = QString::number(elapsedMs / 1000.0, 'f', 3);
     if (done)
         verbose.line(QStringLiteral("instance %1: %2 s, rows affected: %3")
-                         .arg(instance.first, seconds)
+                         .arg(instance.id, seconds)
                          .arg(query.numRowsAffected()));
     else
         verbose.line(QStringLiteral("could not repair instance %1 (after %2 s): %3")
-                         .arg(instance.first, seconds, query.lastError().text().trimmed()));
+                         .arg(instance.id, seconds, query.lastError().text().trimmed()));
 }

@@ -5,7 +5,7 @@
 #include <QString>
 
 class QSqlQuery;
-class RunLog;
+class Reporter;
 class VerboseLog;
 
 // The lines a run writes about one instance, on the console and in the run log.
@@ -15,9 +15,10 @@ public:
     static const QString kColumn;
 
     // The done line; suffix ends both.
-    static void done(const InstanceList::Instance &instance, RunLog &log, const QString &suffix = QString());
+    static void done(
+        const InstanceList::Instance &instance, const Reporter &reporter, const QString &suffix = QString());
     // The warning line on the console, and with the reason in the run log.
-    static void failed(const InstanceList::Instance &instance, RunLog &log, const QString &reason);
+    static void failed(const InstanceList::Instance &instance, const Reporter &reporter, const QString &reason);
     // For --verbose: how long the instance's statement took and what it did, or why it failed.
     static void explain(const VerboseLog &verbose, const InstanceList::Instance &instance, const QSqlQuery &query,
         bool done, qint64 elapsedMs);

@@ -1,7 +1,6 @@
 #include "app/repair/InstanceList.h"
 
-#include "app/output/Console.h"
-#include "app/output/RunLog.h"
+#include "app/output/Reporter.h"
 
 #include <QSqlError>
 #include <QSqlQuery>
@@ -17,17 +16,14 @@ QString blanks(int count)
 const QString InstanceList::kQuery = QStringLiteral("SELECT instance_id, last_request_id") + blanks(61)
     + QStringLiteral("FROM warehouse.control_refresh") + blanks(61) + QStringLiteral("ORDER BY instance_id;");
 
-bool InstanceList::read(QSqlQuery &query, RunLog &log)
+bool InstanceList::read(QSqlQuery &query, const Reporter &reporter)
 {
     if (!query.exec(kQuery)) {
-        Console::err(QStringLiteral("ERROR: Data normalization is failed."));
-        log.writeLine(RunLog::Error,
+        reporter.error(QStringLiteral("Data normalization is failed."),
             QStringLiteral("Select all last_request_id unsuccessfully. %1").arg(query.lastError().text()));
         return false;
     }
     // The whole list is read first, so no result set stays open during the updates.
-    // Both members hold the instance id: the lower bound of the request filter is the
-    // instance's own id, not the stored last request id, as it has always been.
     while (query.next())
         m_instances.append({query.value(0).toString(), query.value(0).toString()});
     return true;
@@ -37,6 +33,6 @@ QStringList InstanceList::ids() const
 {
     QStringList ids;
     for (const Instance &instance : m_instances)
-        ids << instance.first;
+        ids << instance.id;
     return ids;
 }

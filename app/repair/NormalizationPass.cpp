@@ -3,6 +3,7 @@
 #include "app/output/Progress.h"
 #include "app/repair/InstanceLines.h"
 #include "app/repair/RepairStatements.h"
+#include "app/repair/StrategyContext.h"
 
 #include <QElapsedTimer>
 #include <QSqlError>
@@ -19,15 +20,15 @@ const QString NormalizationPass::kUpdateTemplate = QStringLiteral("UPDATE scan.f
     + QStringLiteral("SET %1 = ") + RepairStatements::repaired(QStringLiteral("%1")) + blanks(57)
     + QStringLiteral("WHERE request_id > %2") + blanks(57) + QStringLiteral("AND instance_id = %3;");
 
-NormalizationPass::NormalizationPass(RunLog &log, const VerboseLog &verbose, Progress &progress)
-    : m_log(log)
-    , m_verbose(verbose)
-    , m_progress(progress)
+NormalizationPass::NormalizationPass(const StrategyContext &context)
+    : m_reporter(context.reporter)
+    , m_verbose(context.verbose)
+    , m_progress(context.progress)
 { }
 
 bool NormalizationPass::prepare(QSqlQuery &query)
 {
-    if (!m_instances.read(query, m_log))
+    if (!m_instances.read(query, m_reporter))
         return false;
     m_progress.setStepCount(m_instances.size(), QStringLiteral("instance"));
     return true;
@@ -44,7 +45,7 @@ bool NormalizationPass::nextUnit(WorkUnit &unit)
 
 QString NormalizationPass::step(const WorkUnit &unit) const
 {
-    return QStringLiteral("instance ") + m_instances[unit.instance].first;
+    return QStringLiteral("instance ") + m_instances[unit.instance].id;
 }
 
 RepairStrategy::Result NormalizationPass::run(QSqlQuery &query, const WorkUnit &unit)
@@ -53,12 +54,12 @@ RepairStrategy::Result NormalizationPass::run(QSqlQuery &query, const WorkUnit &
     QElapsedTimer elapsed;
     elapsed.start();
     Result result;
-    result.ok = query.exec(kUpdateTemplate.arg(InstanceLines::kColumn, instance.second, instance.first));
+    result.ok = query.exec(kUpdateTemplate.arg(InstanceLines::kColumn, instance.requestFloor, instance.id));
     InstanceLines::explain(m_verbose, instance, query, result.ok, elapsed.elapsed());
     if (result.ok)
-        InstanceLines::done(instance, m_log);
+        InstanceLines::done(instance, m_reporter);
     else
-        InstanceLines::failed(instance, m_log, query.lastError().text());
+        InstanceLines::failed(instance, m_reporter, query.lastError().text());
     return result;
 }
 

@@ -4,8 +4,9 @@
 #include "app/repair/RepairStrategy.h"
 
 class Progress;
-class RunLog;
+class Reporter;
 class VerboseLog;
+struct StrategyContext;
 
 // The product's pass: neutralises lone surrogate, NUL and "\x" escapes in the scan rows'
 // file-type JSON, on the server, with one UPDATE per instance of the warehouse control table.
@@ -15,18 +16,17 @@ class NormalizationPass : public RepairStrategy
 public:
     static const QString kUpdateTemplate;
 
-    NormalizationPass(RunLog &log, const VerboseLog &verbose, Progress &progress);
+    explicit NormalizationPass(const StrategyContext &context);
 
     bool prepare(QSqlQuery &query) override;
     bool nextUnit(WorkUnit &unit) override;
     Result run(QSqlQuery &query, const WorkUnit &unit) override;
     QString step(const WorkUnit &unit) const override;
-    bool isolatesFaults() const override { return false; }
     bool leave(QSqlQuery &query, const WorkUnit &unit, const ServerFailure &failure) override;
-    void report(bool) override { }
+    void report(bool) const override { }
 
 private:
-    RunLog &m_log;
+    const Reporter &m_reporter;
     const VerboseLog &m_verbose;
     Progress &m_progress;
     InstanceList m_instances;

@@ -1,8 +1,8 @@
 #include "app/repair/RepairEngine.h"
 
-#include "app/output/Console.h"
 #include "app/output/Progress.h"
-#include "app/output/RunLog.h"
+#include "app/output/Reporter.h"
+#include "app/repair/LockWatch.h"
 #include "app/repair/RepairStrategy.h"
 #include "app/repair/RunTally.h"
 #include "app/repair/ServerFailure.h"
@@ -39,14 +39,15 @@ qint64 stampOf(const QString &connectionName)
 }
 } // namespace
 
-RepairEngine::RepairEngine(const QSqlDatabase &main, Connections connections, RunTally &tally, RunLog &log,
-    Progress &progress, std::function<bool()> interrupted)
+RepairEngine::RepairEngine(const QSqlDatabase &main, Connections connections, RunTally &tally, const Reporter &reporter,
+    Progress &progress, std::function<bool()> interrupted, FailurePolicy policy)
     : m_main(main)
     , m_connections(std::move(connections))
     , m_tally(tally)
-    , m_log(log)
+    , m_reporter(reporter)
     , m_progress(progress)
     , m_interrupted(std::move(interrupted))
+    , m_policy(policy)
     , m_lastStamp(stampOf(m_connections.mainConnectionName))
 { }
 
@@ -63,23 +64,25 @@ bool RepairEngine::run(RepairStrategy &strategy, int jobs, bool watchLocks)
         threads.emplace_back(QThread::create([this] { workOnFurtherConnection(); }));
         threads.back()->start();
     }
-    std::unique_ptr<QThread> watcher;
-    if (watchLocks) {
-        watcher.reset(QThread::create([this] { this->watchLocks(); }));
-        watcher->start();
-    }
+    std::unique_ptr<LockWatch> watch;
+    if (watchLocks)
+        watch = std::make_unique<LockWatch>(
+            [this](QSqlDatabase &database, QString &name) { return openUniquelyNamed(database, name); },
+            [this] { return unitsInFlight(); }, m_progress);
     work(main);
     for (const std::unique_ptr<QThread> &thread : threads)
         thread->wait();
-    {
-        const std::lock_guard<std::mutex> lock(m_mutex);
-        m_over = true;
-    }
-    m_wake.notify_all();
-    if (watcher)
-        watcher->wait();
-    strategy.report(m_interrupted());
+    watch.reset();
+    const bool interrupted = m_interrupted();
+    strategy.conclude(main.query(), interrupted);
+    strategy.report(interrupted);
     return true;
+}
+
+QHash<int, qint64> RepairEngine::unitsInFlight() const
+{
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    return m_unitStarts;
 }
 
 void RepairEngine::workOnFurtherConnection()
@@ -180,7 +183,7 @@ void RepairEngine::process(WorkerConnection &connection, WorkUnit unit)
         const std::lock_guard<std::mutex> lock(m_mutex);
         m_unitStarts.remove(serverProcess);
     }
-    if (result.ok || !m_strategy->isolatesFaults()) {
+    if (result.ok || m_policy == FailurePolicy::ReportAndGoOn) {
         if (changedAny(result)) {
             const std::lock_guard<std::mutex> lock(m_mutex);
             m_refusalsAlike = 0;
@@ -208,16 +211,13 @@ void RepairEngine::handleFailure(WorkerConnection &connection, const WorkUnit &u
         if (!connection.reopen(m_interrupted, error)) {
             m_tally.stop(QStringLiteral("The connection to the database server was lost (%1) and could not be "
                                         "opened again within %2 s: %3")
-                             .arg(failure.words())
+                             .arg(failure.serverMessage())
                              .arg(WorkerConnection::kReopenLimitMs / 1000)
                              .arg(error));
             break;
         }
-        const QString line
-            = QStringLiteral("A connection of the run was lost and is open again; its work is redone. %1")
-                  .arg(failure.words());
-        Console::err(QStringLiteral("WARNING: ") + line);
-        m_log.writeLine(RunLog::Warning, line);
+        m_reporter.warning(QStringLiteral("A connection of the run was lost and is open again; its work is redone. %1")
+                               .arg(failure.serverMessage()));
         if (unit.losses >= kLossesPerUnit) {
             splitOrLeave(connection, unit, failure);
             return;
@@ -234,9 +234,10 @@ void RepairEngine::handleFailure(WorkerConnection &connection, const WorkUnit &u
             finished(unit);
             return;
         }
-        if (unit.tries < kWaitingTries) {
+        if (!unit.lastTry) {
             WorkUnit again = unit;
             ++again.tries;
+            again.lastTry = again.tries >= kWaitingTries;
             {
                 const std::lock_guard<std::mutex> lock(m_mutex);
                 m_later.push_back(again);
@@ -249,7 +250,7 @@ void RepairEngine::handleFailure(WorkerConnection &connection, const WorkUnit &u
         finished(unit);
         return;
     case ServerFailure::Kind::Run:
-        m_tally.stop(failure.words());
+        m_tally.stop(failure.serverMessage());
         break;
     case ServerFailure::Kind::Rows:
         if (!refusedAlikeTooOften(failure)) {
@@ -259,7 +260,7 @@ void RepairEngine::handleFailure(WorkerConnection &connection, const WorkUnit &u
         m_tally.stop(QStringLiteral("the server refused %1 statements in a row alike, with no row changed in between: "
                                     "a refusal that every row meets. %2")
                          .arg(kRefusalsAlike)
-                         .arg(failure.words()));
+                         .arg(failure.serverMessage()));
         break;
     }
     {
@@ -271,7 +272,7 @@ void RepairEngine::handleFailure(WorkerConnection &connection, const WorkUnit &u
 
 bool RepairEngine::refusedAlikeTooOften(const ServerFailure &failure)
 {
-    const QString refusal = failure.sqlState() + QLatin1Char(' ') + failure.words();
+    const QString refusal = failure.sqlState() + QLatin1Char(' ') + failure.serverMessage();
     const std::lock_guard<std::mutex> lock(m_mutex);
     if (refusal != m_lastRefusal) {
         m_lastRefusal = refusal;
@@ -297,10 +298,10 @@ void RepairEngine::leave(WorkerConnection &connection, const WorkUnit &unit, con
 
 void RepairEngine::leftWhole(const WorkUnit &unit)
 {
-    if (unit.origin < 0)
+    if (unit.rootUnit < 0)
         return;
     const std::lock_guard<std::mutex> lock(m_mutex);
-    m_originFailed[unit.origin] = true;
+    m_rootFailed[unit.rootUnit] = true;
 }
 
 void RepairEngine::add(const QVector<WorkUnit> &units)
@@ -321,25 +322,25 @@ void RepairEngine::addLocked(const WorkUnit &unit)
 {
     if (unit.instance >= 0)
         ++m_openOfInstance[unit.instance];
-    if (unit.origin >= 0)
-        ++m_openOfOrigin[unit.origin];
+    if (unit.rootUnit >= 0)
+        ++m_openOfRoot[unit.rootUnit];
 }
 
-// A unit is over. The last one of an instance or of a range unit tells the mode, which may
+// A unit is over. The last one of an instance or of a unit handed out tells the mode, which may
 // hand out more units for the instance. The unit counts as in flight until the mode has been
 // told, so that no connection finds the list empty and ends while the mode may still add to it.
 void RepairEngine::finished(const WorkUnit &unit)
 {
     bool instanceOver = false;
-    bool originOver = false;
-    bool originFailed = false;
+    bool rootOver = false;
+    bool rootFailed = false;
     {
         const std::lock_guard<std::mutex> lock(m_mutex);
         if (unit.instance >= 0)
             instanceOver = --m_openOfInstance[unit.instance] == 0;
-        if (unit.origin >= 0) {
-            originOver = --m_openOfOrigin[unit.origin] == 0;
-            originFailed = m_originFailed.value(unit.origin);
+        if (unit.rootUnit >= 0) {
+            rootOver = --m_openOfRoot[unit.rootUnit] == 0;
+            rootFailed = m_rootFailed.value(unit.rootUnit);
         }
     }
     if (instanceOver) {
@@ -348,8 +349,8 @@ void RepairEngine::finished(const WorkUnit &unit)
             m_progress.stepDone();
         add(more);
     }
-    if (originOver)
-        m_strategy->rangeFinished(unit.origin, !originFailed);
+    if (rootOver)
+        m_strategy->rangeFinished(unit.rootUnit, !rootFailed);
     {
         const std::lock_guard<std::mutex> lock(m_mutex);
         --m_inFlight;
@@ -366,59 +367,8 @@ void RepairEngine::dropped(const WorkUnit &unit)
         --m_inFlight;
         if (unit.instance >= 0)
             --m_openOfInstance[unit.instance];
-        if (unit.origin >= 0)
-            --m_openOfOrigin[unit.origin];
+        if (unit.rootUnit >= 0)
+            --m_openOfRoot[unit.rootUnit];
     }
     m_wake.notify_all();
-}
-
-// Runs beside the units while the progress line is shown: a unit in flight longer than
-// kLockLookMs may wait on a lock another session holds, which the server tells another session.
-void RepairEngine::watchLocks()
-{
-    QString name;
-    {
-        QSqlDatabase database;
-        std::unique_lock<std::mutex> lock(m_mutex);
-        while (!m_over) {
-            const auto nextLook = std::chrono::steady_clock::now() + std::chrono::milliseconds(kLockLookMs);
-            if (m_wake.wait_until(lock, nextLook, [this] { return m_over; }))
-                break;
-            const qint64 now = QDateTime::currentMSecsSinceEpoch();
-            bool looked = false;
-            for (const qint64 start : m_unitStarts)
-                looked = looked || now - start >= kLockLookMs;
-            if (!looked) {
-                m_progress.setWaiting(QString());
-                continue;
-            }
-            lock.unlock();
-            if (name.isEmpty() && !openUniquelyNamed(database, name))
-                break;
-            // A server that restarted ended this connection too.
-            if (LibpqHandle::lost(database))
-                database.open();
-            m_progress.setWaiting(lockWait(database));
-            lock.lock();
-        }
-    }
-    QSqlDatabase::removeDatabase(name);
-}
-
-QString RepairEngine::lockWait(QSqlDatabase &database) const
-{
-    QStringList processes;
-    {
-        const std::lock_guard<std::mutex> lock(m_mutex);
-        for (auto it = m_unitStarts.cbegin(); it != m_unitStarts.cend(); ++it)
-            processes << QString::number(it.key());
-    }
-    QSqlQuery query(database);
-    const QString waits = QStringLiteral("SELECT (pg_blocking_pids(l.pid))[1], coalesce(extract(epoch FROM now() - "
-                                         "l.waitstart)::int, 0) FROM pg_locks l WHERE NOT "
-                                         "l.granted AND l.pid = ANY ('{%1}'::int[]) ORDER BY l.waitstart LIMIT 1");
-    if (!query.exec(waits.arg(processes.join(QLatin1Char(',')))) || !query.next())
-        return QString();
-    return QStringLiteral("waiting %1 s for a lock held by server process %2")
-        .arg(query.value(1).toString(), query.value(0).toString());
 }

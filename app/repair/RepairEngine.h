@@ -1,5 +1,6 @@
 #pragma once
 
+#include "app/repair/FailurePolicy.h"
 #include "app/repair/WorkUnit.h"
 
 #include <QHash>
@@ -11,9 +12,10 @@
 #include <functional>
 #include <mutex>
 
+class LockWatch;
 class Progress;
+class Reporter;
 class RepairStrategy;
-class RunLog;
 class RunTally;
 class ServerFailure;
 class WorkerConnection;
@@ -28,14 +30,12 @@ class RepairEngine
 {
 public:
     // Tries of a unit that meets a lock (or a deadlock, or a cancel by someone else) that wait;
-    // the try after them waits on no row lock and leaves the locked rows, named.
+    // the try after them is its last (WorkUnit::lastTry): it waits on no row lock and leaves the
+    // locked rows, named.
     static constexpr int kWaitingTries = 2;
     // A unit whose connection is lost again and again may itself bring the server down (a row
     // that crashes a server process): after this many losses it is split like a fault of its rows.
     static constexpr int kLossesPerUnit = 2;
-    // A unit in flight this long is looked at, from a connection of its own, for a lock it
-    // waits on; the progress line then says whose, and for how long.
-    static constexpr int kLockLookMs = 1000;
     // A refusal tied to one row meets its statement about once per halving of its unit, a half
     // that commits coming in between: some 20 in a row for the largest unit. This many alike
     // (same SQLSTATE, same words) with no row changed in between is a refusal every row meets (a
@@ -54,11 +54,11 @@ public:
         QString mainConnectionName;
     };
 
-    RepairEngine(const QSqlDatabase &main, Connections connections, RunTally &tally, RunLog &log, Progress &progress,
-        std::function<bool()> interrupted);
+    RepairEngine(const QSqlDatabase &main, Connections connections, RunTally &tally, const Reporter &reporter,
+        Progress &progress, std::function<bool()> interrupted, FailurePolicy policy);
 
     // False when the mode could not begin (it has said why). watchLocks: look for the lock a
-    // unit waits on while the progress line is shown.
+    // unit waits on (LockWatch).
     bool run(RepairStrategy &strategy, int jobs, bool watchLocks);
 
 private:
@@ -78,15 +78,15 @@ private:
     void leftWhole(const WorkUnit &unit);
     bool refusedAlikeTooOften(const ServerFailure &failure);
     bool stopping() const;
-    void watchLocks();
-    QString lockWait(QSqlDatabase &database) const;
+    QHash<int, qint64> unitsInFlight() const;
 
     QSqlDatabase m_main;
     Connections m_connections;
     RunTally &m_tally;
-    RunLog &m_log;
+    const Reporter &m_reporter;
     Progress &m_progress;
     const std::function<bool()> m_interrupted;
+    const FailurePolicy m_policy;
     RepairStrategy *m_strategy = nullptr;
 
     std::mutex m_openMutex;
@@ -104,12 +104,11 @@ private:
     // The last refusal tied to rows, and how often it came in a row with no row changed since.
     QString m_lastRefusal;
     int m_refusalsAlike = 0;
-    // Units not over yet, per instance and per range unit.
+    // Units not over yet, per instance and per unit handed out.
     QHash<int, int> m_openOfInstance;
-    QHash<int, int> m_openOfOrigin;
-    // Range units a part of which failed whole.
-    QHash<int, bool> m_originFailed;
+    QHash<int, int> m_openOfRoot;
+    // Units handed out a part of which failed whole.
+    QHash<int, bool> m_rootFailed;
     // The server processes of the units in flight, with when each began.
     QHash<int, qint64> m_unitStarts;
-    bool m_over = false;
 };

@@ -1,4 +1,5 @@
 #include "app/repair/RepairStatements.h"
+#include "app/sql/SqlLiteral.h"
 
 #include <algorithm>
 
@@ -42,8 +43,8 @@ QString RepairStatements::inRange(const QStringList &instanceIds)
     QStringList literals;
     QString bounds;
     for (const QString &id : instanceIds) {
-        literals << RepairStatements::literal(id);
-        bounds += QStringLiteral(" WHEN %1 THEN request_id > %1").arg(RepairStatements::literal(id));
+        literals << SqlLiteral::of(id);
+        bounds += QStringLiteral(" WHEN %1 THEN request_id > %1").arg(SqlLiteral::of(id));
     }
     return QStringLiteral("instance_id IN (%1) AND CASE instance_id%2 ELSE false END")
         .arg(literals.join(QLatin1Char(',')), bounds);
@@ -71,11 +72,6 @@ QString countedPerInstance(const QString &update)
     return QStringLiteral("WITH changed AS (%1 RETURNING instance_id) ").arg(update) + kChangedPerInstance;
 }
 } // namespace
-
-QString RepairStatements::literal(const QString &text)
-{
-    return QLatin1Char('\'') + QString(text).replace(QLatin1Char('\''), QStringLiteral("''")) + QLatin1Char('\'');
-}
 
 QString RepairStatements::tid(qint64 block, int item)
 {

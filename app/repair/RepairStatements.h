@@ -17,8 +17,6 @@ public:
 
     // The rows in the repair's range of the listed instances.
     static QString inRange(const QStringList &instanceIds);
-    // A text as an SQL string literal.
-    static QString literal(const QString &text);
     // A row version's text form, "(block,item)".
     static QString tid(qint64 block, int item);
     // The rows in [first, end) of row versions, or the listed ones.

@@ -22,6 +22,8 @@ QVector<WorkUnit> RepairStrategy::instanceFinished(int)
 
 void RepairStrategy::rangeFinished(int, bool) { }
 
+void RepairStrategy::conclude(QSqlQuery &, bool) { }
+
 bool RepairStrategy::mayWrite(QSqlQuery &, const WorkUnit &)
 {
     return false;

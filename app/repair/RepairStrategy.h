@@ -46,9 +46,6 @@ public:
     // The progress line's text for a unit in flight.
     virtual QString step(const WorkUnit &unit) const = 0;
 
-    // The product's pass reports a failed unit itself and goes on with the next; the tool's
-    // modes have the engine isolate faults, restore connections and retry.
-    virtual bool isolatesFaults() const { return true; }
     // After a failure tied to a unit's rows: the unit in smaller parts, or none when it cannot be
     // split further (one row, one count).
     virtual QVector<WorkUnit> split(QSqlQuery &query, const WorkUnit &unit);
@@ -69,10 +66,13 @@ public:
     // Every unit of an instance is over: the instance's line, or more units when the instance
     // must be read again.
     virtual QVector<WorkUnit> instanceFinished(int instance);
-    // Every part of a range unit is over; covered is false when a part failed whole.
-    virtual void rangeFinished(int origin, bool covered);
+    // Every part of a unit the mode handed out is over; covered is false when a part failed whole.
+    virtual void rangeFinished(int rootUnit, bool covered);
+    // What the end of the mode's work settles before it is reported, on the run's connection: what
+    // it could not do counted, the journal's end state written.
+    virtual void conclude(QSqlQuery &query, bool interrupted);
     // The run's closing lines; an interrupted run says only how far it got.
-    virtual void report(bool interrupted) = 0;
+    virtual void report(bool interrupted) const = 0;
 
 protected:
     // A unit of listed rows in two halves; none for a single row.

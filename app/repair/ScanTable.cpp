@@ -1,6 +1,7 @@
 #include "app/repair/ScanTable.h"
 
 #include "app/repair/RepairStatements.h"
+#include "app/sql/SqlLiteral.h"
 
 #include <QSqlError>
 #include <QSqlQuery>
@@ -33,7 +34,7 @@ bool ScanTable::read(QSqlQuery &query, const QString &column)
         "array_position(i.indkey, a.attnum)) AS types FROM pg_index i JOIN pg_attribute a ON a.attrelid = i.indrelid "
         "AND a.attnum = ANY (i.indkey) WHERE i.indrelid = c.oid AND i.indisprimary) k ON true WHERE c.oid = "
         "%2::regclass");
-    if (!query.exec(shape.arg(RepairStatements::literal(column), RepairStatements::literal(kTable))) || !query.next()) {
+    if (!query.exec(shape.arg(SqlLiteral::of(column), SqlLiteral::of(kTable))) || !query.next()) {
         m_error = query.lastError().text().simplified();
         return false;
     }
@@ -58,7 +59,7 @@ bool ScanTable::readRelations(QSqlQuery &query)
         : QStringLiteral(
             "SELECT %1::regclass::text, 'r', pg_relation_size(%1) / current_setting('block_size')::bigint, "
             "pg_relation_filenode(%1)");
-    if (!query.exec(sizes.arg(RepairStatements::literal(kTable)))) {
+    if (!query.exec(sizes.arg(SqlLiteral::of(kTable)))) {
         m_error = query.lastError().text().simplified();
         return false;
     }
@@ -131,7 +132,7 @@ ScanTable::Row ScanTable::describeRow(QSqlQuery &query, const QString &relation,
         values << QStringLiteral("coalesce(request_id::text, 'NULL')")
                << QStringLiteral("coalesce(%1, 'NULL')").arg(digest);
     const QString read = QStringLiteral("SELECT instance_id::text, concat_ws(', ', %1) FROM %2 WHERE ctid = %3")
-                             .arg(values.join(QStringLiteral(", ")), relation, RepairStatements::literal(tid));
+                             .arg(values.join(QStringLiteral(", ")), relation, SqlLiteral::of(tid));
     if (!query.exec(read) || !query.next())
         return row;
     row.instance = query.value(0).toString();

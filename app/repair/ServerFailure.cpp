@@ -2,6 +2,7 @@
 
 #include "app/repair/RepairStatements.h"
 #include "app/run/LibpqHandle.h"
+#include "app/sql/SqlLiteral.h"
 
 #include <QSqlError>
 #include <QSqlQuery>
@@ -45,11 +46,11 @@ ServerFailure ServerFailure::of(
     const QSqlError error = query.lastError();
     failure.m_sqlState = error.nativeErrorCode();
     // The server's own text; the driver's adds only that its query failed.
-    failure.m_words = error.databaseText().simplified();
-    if (failure.m_words.isEmpty())
-        failure.m_words = LibpqHandle::lastMessage(database).simplified();
-    if (failure.m_words.isEmpty())
-        failure.m_words = error.text().simplified();
+    failure.m_serverMessage = error.databaseText().simplified();
+    if (failure.m_serverMessage.isEmpty())
+        failure.m_serverMessage = LibpqHandle::lastMessage(database).simplified();
+    if (failure.m_serverMessage.isEmpty())
+        failure.m_serverMessage = error.text().simplified();
     Facts facts;
     facts.sqlState = failure.m_sqlState;
     facts.connectionLost = LibpqHandle::lost(database);
@@ -63,8 +64,8 @@ ServerFailure ServerFailure::of(
 // fails is a "no".
 bool ServerFailure::roleMayWrite(QSqlQuery &query, const QString &relation, const QString &column)
 {
-    const QString name = RepairStatements::literal(relation);
-    const QString columnName = RepairStatements::literal(column);
+    const QString name = SqlLiteral::of(relation);
+    const QString columnName = SqlLiteral::of(column);
     const QString check = QStringLiteral("SELECT has_column_privilege(%1, %2, 'SELECT') AND has_column_privilege(%1, "
                                          "%2, 'UPDATE') AND has_column_privilege(%1, 'instance_id', 'SELECT')")
                               .arg(name, columnName);

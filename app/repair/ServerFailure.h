@@ -52,11 +52,11 @@ public:
 
     Kind kind() const { return m_kind; }
     // The server's (or libpq's) own words, on one line.
-    QString words() const { return m_words; }
+    QString serverMessage() const { return m_serverMessage; }
     QString sqlState() const { return m_sqlState; }
 
 private:
     Kind m_kind = Kind::Rows;
-    QString m_words;
+    QString m_serverMessage;
     QString m_sqlState;
 };

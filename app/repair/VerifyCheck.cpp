@@ -1,11 +1,11 @@
 #include "app/repair/VerifyCheck.h"
 
-#include "app/output/Console.h"
 #include "app/output/Progress.h"
-#include "app/output/RunLog.h"
+#include "app/output/Reporter.h"
 #include "app/repair/InstanceLines.h"
 #include "app/repair/RepairStatements.h"
 #include "app/repair/ServerFailure.h"
+#include "app/repair/StrategyContext.h"
 #include "app/run/LibpqHandle.h"
 
 #include <QElapsedTimer>
@@ -22,15 +22,15 @@ const QString kFunction = QStringLiteral(
     "PERFORM t::jsonb; RETURN NULL; EXCEPTION WHEN others THEN RETURN SQLERRM; END $$");
 } // namespace
 
-VerifyCheck::VerifyCheck(RunLog &log, Progress &progress, RunTally &tally)
-    : m_log(log)
-    , m_progress(progress)
-    , m_tally(tally)
+VerifyCheck::VerifyCheck(const StrategyContext &context)
+    : m_reporter(context.reporter)
+    , m_progress(context.progress)
+    , m_tally(context.tally)
 { }
 
 bool VerifyCheck::prepare(QSqlQuery &query)
 {
-    if (!m_instances.read(query, m_log))
+    if (!m_instances.read(query, m_reporter))
         return false;
     if (m_instances.isEmpty())
         return true;
@@ -44,8 +44,7 @@ bool VerifyCheck::prepare(QSqlQuery &query)
     else if (!m_table.readRelations(query))
         refusal = QStringLiteral("--verify cannot read the partitions of scan.file: %1").arg(m_table.error());
     if (!refusal.isEmpty()) {
-        Console::err(QStringLiteral("ERROR: ") + refusal);
-        m_log.writeLine(RunLog::Error, refusal);
+        m_reporter.error(refusal);
         return false;
     }
     m_cursor = std::make_unique<RangeCursor>(m_table);
@@ -151,10 +150,9 @@ void VerifyCheck::castByHalves(const QString &reason)
 {
     if (m_byHalves.exchange(true))
         return;
-    m_log.writeLine(RunLog::Info,
-        QStringLiteral("--verify cannot make its temporary function here, so the rows of a range that does not "
-                       "cast are cast in halves down to single rows. %1")
-            .arg(reason));
+    m_reporter.logInfo(QStringLiteral("--verify cannot make its temporary function here, so the rows of a range that "
+                                      "does not cast are cast in halves down to single rows. %1")
+                           .arg(reason));
 }
 
 bool VerifyCheck::rowsOf(QSqlQuery &query, const WorkUnit &range, WorkUnit &rows)
@@ -219,9 +217,8 @@ void VerifyCheck::nameFailing(QSqlQuery &query, const QString &relation)
     }
     for (const auto &row : toName) {
         const ScanTable::Row described = m_table.describeRow(query, relation, row.second.first);
-        m_log.writeLine(RunLog::Warning,
-            QStringLiteral("Row that fails a jsonb cast, data: %1, instance id: %2, row: %3. %4")
-                .arg(InstanceLines::kColumn, row.first, described.name, row.second.second));
+        m_reporter.logWarning(QStringLiteral("Row that fails a jsonb cast, data: %1, instance id: %2, row: %3. %4")
+                                  .arg(InstanceLines::kColumn, row.first, described.name, row.second.second));
     }
 }
 
@@ -232,9 +229,8 @@ void VerifyCheck::countFailing(const ScanTable::Row &row, const QString &reason)
         if (++m_failing[row.instance] > kNamedPerInstance)
             return;
     }
-    m_log.writeLine(RunLog::Warning,
-        QStringLiteral("Row that fails a jsonb cast, data: %1, instance id: %2, row: %3. %4")
-            .arg(InstanceLines::kColumn, row.instance, row.name, reason));
+    m_reporter.logWarning(QStringLiteral("Row that fails a jsonb cast, data: %1, instance id: %2, row: %3. %4")
+                              .arg(InstanceLines::kColumn, row.instance, row.name, reason));
 }
 
 // A range or rows that failed for a reason of their own, not the cast's: their rows are cast in
@@ -255,7 +251,7 @@ bool VerifyCheck::leave(QSqlQuery &query, const WorkUnit &unit, const ServerFail
 {
     if (unit.kind == WorkUnit::Kind::Rows && unit.tids.size() == 1) {
         const ScanTable::Row row = m_table.describeRow(query, relationOf(unit), unit.tids.first());
-        notVerified(row.instance, QStringLiteral("row %1").arg(row.name), failure.words());
+        notVerified(row.instance, QStringLiteral("row %1").arg(row.name), failure.serverMessage());
         return false;
     }
     QString what = QStringLiteral("every row at once");
@@ -263,7 +259,7 @@ bool VerifyCheck::leave(QSqlQuery &query, const WorkUnit &unit, const ServerFail
         what = QStringLiteral("%1 rows of %2").arg(unit.tids.size()).arg(relationOf(unit));
     else if (unit.kind == WorkUnit::Kind::Range)
         what = m_cursor->text(unit);
-    notVerified(QString(), what, failure.words());
+    notVerified(QString(), what, failure.serverMessage());
     return true;
 }
 
@@ -271,7 +267,7 @@ void VerifyCheck::notVerified(const QString &instance, const QString &what, cons
 {
     const QString verification = QStringLiteral("verification of %1").arg(what);
     m_tally.fail(verification, reason);
-    m_log.writeLine(RunLog::Warning, QStringLiteral("Not verified: %1. %2").arg(verification, reason));
+    m_reporter.logWarning(QStringLiteral("Not verified: %1. %2").arg(verification, reason));
     const std::lock_guard<std::mutex> lock(m_mutex);
     if (instance.isEmpty() && m_noneVerified.isEmpty())
         m_noneVerified = reason;
@@ -280,32 +276,31 @@ void VerifyCheck::notVerified(const QString &instance, const QString &what, cons
 }
 
 // A count that was not made is never a number: an instance the run could not verify says so, and why.
-void VerifyCheck::report(bool interrupted)
+void VerifyCheck::conclude(QSqlQuery &, bool interrupted)
+{
+    if (interrupted)
+        return;
+    qint64 failing = 0;
+    for (const InstanceList::Instance &instance : m_instances.instances())
+        failing += m_failing.value(instance.id);
+    if (failing > 0)
+        m_tally.fail(QStringLiteral("verification"), QStringLiteral("%1 rows fail a jsonb cast").arg(failing));
+}
+
+void VerifyCheck::report(bool interrupted) const
 {
     if (interrupted)
         return;
     const QString stop = m_tally.stopReason();
-    if (!stop.isEmpty()) {
-        const QString line = QStringLiteral("The run stopped before its end: %1").arg(stop);
-        Console::err(QStringLiteral("ERROR: ") + line);
-        m_log.writeLine(RunLog::Error, line);
-    }
-    qint64 failing = 0;
+    m_reporter.runStopped(stop);
     for (const InstanceList::Instance &instance : m_instances.instances()) {
-        const QString reason = stop.isEmpty() ? m_notVerified.value(instance.first, m_noneVerified) : stop;
-        const QString count = reason.isEmpty() ? QString::number(m_failing.value(instance.first)) : kFailed;
-        failing += m_failing.value(instance.first);
-        const QString line = QStringLiteral("Verified data: %1, instance id: %2, rows that fail a jsonb cast: %3")
-                                 .arg(InstanceLines::kColumn, instance.first, count);
-        Console::out(line);
-        m_log.writeLine(RunLog::Info, line);
+        const QString reason = stop.isEmpty() ? m_notVerified.value(instance.id, m_noneVerified) : stop;
+        const QString count = reason.isEmpty() ? QString::number(m_failing.value(instance.id)) : kFailed;
+        m_reporter.info(QStringLiteral("Verified data: %1, instance id: %2, rows that fail a jsonb cast: %3")
+                            .arg(InstanceLines::kColumn, instance.id, count));
         if (reason.isEmpty() || !stop.isEmpty())
             continue;
-        const QString failed = QStringLiteral("Verification is failed, data: %1, instance id: %2. %3")
-                                   .arg(InstanceLines::kColumn, instance.first, reason);
-        Console::err(QStringLiteral("WARNING: ") + failed);
-        m_log.writeLine(RunLog::Warning, failed);
+        m_reporter.warning(QStringLiteral("Verification is failed, data: %1, instance id: %2. %3")
+                               .arg(InstanceLines::kColumn, instance.id, reason));
     }
-    if (failing > 0)
-        m_tally.fail(QStringLiteral("verification"), QStringLiteral("%1 rows fail a jsonb cast").arg(failing));
 }

@@ -14,7 +14,8 @@
 #include <mutex>
 
 class Progress;
-class RunLog;
+class Reporter;
+struct StrategyContext;
 
 // --verify: per listed instance, the rows in its range whose text fails a jsonb cast, for any
 // reason (the three escapes, a truncated document, an invalid escape), counted with the first
@@ -31,7 +32,7 @@ public:
     // Rows named per instance; the count says how many more there are.
     static constexpr int kNamedPerInstance = 3;
 
-    VerifyCheck(RunLog &log, Progress &progress, RunTally &tally);
+    explicit VerifyCheck(const StrategyContext &context);
 
     bool prepare(QSqlQuery &query) override;
     bool nextUnit(WorkUnit &unit) override;
@@ -39,7 +40,8 @@ public:
     QString step(const WorkUnit &unit) const override;
     QVector<WorkUnit> split(QSqlQuery &query, const WorkUnit &unit) override;
     bool leave(QSqlQuery &query, const WorkUnit &unit, const ServerFailure &failure) override;
-    void report(bool interrupted) override;
+    void conclude(QSqlQuery &query, bool interrupted) override;
+    void report(bool interrupted) const override;
 
 private:
     // The session's temporary function that says why a text fails the cast, made once per session.
@@ -59,7 +61,7 @@ private:
     QString relationOf(const WorkUnit &unit) const { return m_table.relations()[unit.relation].name; }
     QString rangeWhere(const WorkUnit &unit) const;
 
-    RunLog &m_log;
+    const Reporter &m_reporter;
     Progress &m_progress;
     RunTally &m_tally;
     ScanTable m_table;

@@ -30,12 +30,16 @@ struct WorkUnit {
     qint64 end = 0;
     // Rows: ctids in their text form, "(block,item)".
     QStringList tids;
-    // Tried again after the others so often; the last try waits on no lock.
+    // Tried again after the others so often.
     int tries = 0;
+    // The try that waits on no row lock: the rows another session holds are skipped, and the
+    // unit is not tried again.
+    bool lastTry = false;
     // Its connection was lost so often while it ran.
     int losses = 0;
-    // The range unit that this one is a part of (Range and Rows), for the coverage of the run.
-    int origin = -1;
+    // The number of the unit the mode handed out that this one is a part of (a range, and the
+    // parts a failure split it into), for the coverage of the run; -1 for none.
+    int rootUnit = -1;
     // Rows: read anew after another writer changed some of them between the read and the
     // write; bounded, so a writer that keeps rewriting cannot keep the run going.
     int rereads = 0;

@@ -2,22 +2,18 @@
 
 #include "app/journal/JournalCommands.h"
 #include "app/journal/RunJournal.h"
-#include "app/journal/UndoRepair.h"
 #include "app/output/Console.h"
 #include "app/output/Progress.h"
+#include "app/output/Reporter.h"
 #include "app/output/RunLog.h"
 #include "app/output/Terminal.h"
 #include "app/output/VerboseLog.h"
-#include "app/repair/BatchedRepair.h"
-#include "app/repair/ChangedOnlyRepair.h"
-#include "app/repair/DryRunCount.h"
-#include "app/repair/NormalizationPass.h"
 #include "app/repair/RepairEngine.h"
+#include "app/repair/RepairStrategy.h"
 #include "app/repair/RunTally.h"
-#include "app/repair/VerifyCheck.h"
+#include "app/repair/StrategyContext.h"
 #include "app/run/ConfigurationReader.h"
 #include "app/run/Interrupts.h"
-#include "app/run/OperatorOptions.h"
 #include "app/run/ProgramVersion.h"
 #include "app/run/RunLock.h"
 #include "app/run/StatementCanceller.h"
@@ -32,52 +28,6 @@
 #include <QSqlQuery>
 
 namespace {
-const QString kNormalizeMode = QStringLiteral("normalize");
-// The tool's own sessions are bound by nothing the role or the database sets for the
-// product's sessions; the tool bounds its lock waits itself, and retries.
-constexpr int kLockWaitLimitMs = 10000;
-// Overrides kLockWaitLimitMs, for tests.
-const char *const kLockWaitVariable = "ZENTRIX_LOCK_WAIT_MS";
-
-QStringList sessionSettings(RunMode mode)
-{
-    bool ok = false;
-    const int lockWait = qEnvironmentVariable(kLockWaitVariable).toInt(&ok);
-    // The server's notices (a schema that exists already) are no line of the run's.
-    QStringList settings = {QStringLiteral("statement_timeout=0"),
-        QStringLiteral("lock_timeout=%1").arg(ok && lockWait > 0 ? lockWait : kLockWaitLimitMs),
-        QStringLiteral("idle_in_transaction_session_timeout=0"), QStringLiteral("client_min_messages=warning")};
-    // The server itself refuses any write of a counting session.
-    if (mode == RunMode::DryRun)
-        settings << QStringLiteral("default_transaction_read_only=on");
-    return settings;
-}
-
-// What the mode repairs, counts or restores, unit by unit; none for the modes that do not.
-std::unique_ptr<RepairStrategy> strategyFor(const OperatorOptions &options, RunLog &log, const VerboseLog &verbose,
-    Progress &progress, RunTally &tally, RunJournal &journal)
-{
-    switch (options.mode) {
-    case RunMode::Repair:
-        return std::make_unique<NormalizationPass>(log, verbose, progress);
-    case RunMode::ChangedOnly:
-        return std::make_unique<ChangedOnlyRepair>(log, verbose, progress, tally);
-    case RunMode::Batched:
-        return std::make_unique<BatchedRepair>(log, verbose, progress, tally, options.journal ? &journal : nullptr,
-            QCoreApplication::arguments().mid(1).join(QLatin1Char(' ')));
-    case RunMode::DryRun:
-        return std::make_unique<DryRunCount>(log, progress, tally);
-    case RunMode::Undo:
-        return std::make_unique<UndoRepair>(options.run, log, verbose, progress, tally);
-    case RunMode::ListRuns:
-    case RunMode::Forget:
-    case RunMode::VerifyOnly:
-    case RunMode::SkipRepair:
-        break;
-    }
-    return nullptr;
-}
-
 // Qt's and libpq's diagnostics go through the verbose log while it lives.
 class DiagnosticsRoute
 {
@@ -93,6 +43,8 @@ QString connectionFailure(const QSqlDatabase &database)
     const QString words = error.databaseText().simplified();
     return words.isEmpty() ? error.text().simplified() : words;
 }
+
+const QString kNormalizeMode = QStringLiteral("normalize");
 
 void printUsage()
 {
@@ -133,7 +85,7 @@ int RunDriver::run(int &argc, char **argv)
     Console::out(QStringLiteral("File log: ") + log.path());
     if (!log.isOpen()) {
         Console::err(QStringLiteral("ERROR: Cannot open file log: ") + log.path());
-        const bool verbose = OperatorOptions::parse(arguments, loader->dbConnectionCount()).verbose;
+        const bool verbose = RunPlan::make(QString(), arguments, loader->dbConnectionCount()).verbose;
         VerboseLog(log, verbose)
             .line(QStringLiteral("could not open the run log %1: %2").arg(log.path(), log.openError()));
         return 1;
@@ -145,8 +97,7 @@ int RunDriver::run(int &argc, char **argv)
         if (runStages(argc, argv, *loader, log, connectionName) == Outcome::EarlyExit)
             return 1;
     } catch (const Exception &e) {
-        Console::errRaw(e.message());
-        log.writeRaw(e.message());
+        Reporter(log).exception(e.message());
         status = 1;
     }
     QSqlDatabase::removeDatabase(connectionName);
@@ -164,25 +115,18 @@ RunDriver::Outcome RunDriver::runStages(
     QString runMode;
     if (parseCommandLine(QCoreApplication::arguments(), runMode) == 1)
         return Outcome::EarlyExit;
-    OperatorOptions options;
-    if (runMode.isEmpty()) {
-        options = OperatorOptions::parse(QCoreApplication::arguments().mid(1), loader.dbConnectionCount());
-        if (!options.error.isEmpty()) {
-            Console::err(QStringLiteral("ERROR: ") + options.error);
-            log.writeLine(RunLog::Error, options.error);
-            return Outcome::EarlyExit;
-        }
-        if (!options.misspelling.isEmpty()) {
-            Console::err(QStringLiteral("WARNING: ") + options.misspelling);
-            log.writeLine(RunLog::Warning, options.misspelling);
-        }
-    } else {
-        options.mode = RunMode::Repair;
+    const RunPlan plan = RunPlan::make(runMode, QCoreApplication::arguments().mid(1), loader.dbConnectionCount());
+    const Reporter reporter(log);
+    if (!plan.error.isEmpty()) {
+        reporter.error(plan.error);
+        return Outcome::EarlyExit;
     }
-    if (isToolMode(options.mode))
+    if (!plan.misspelling.isEmpty())
+        reporter.warning(plan.misspelling);
+    if (plan.logEntriesOnOneLine)
         log.keepEntriesOnOneLine();
 
-    const VerboseLog verbose(log, options.verbose);
+    const VerboseLog verbose(log, plan.verbose);
     const DiagnosticsRoute diagnostics(verbose);
     if (!m_configurationNote.isEmpty())
         verbose.line(m_configurationNote);
@@ -194,117 +138,114 @@ RunDriver::Outcome RunDriver::runStages(
     // Declared before the service, so that it is released only after the service has
     // stopped the server this run started.
     RunLock runLock(loader.dataDirectory());
-    const Interrupts::LastWords lastWords([&log, &runLock] {
-        reportInterrupt(log);
+    const Interrupts::LastWords lastWords([&reporter, &runLock] {
+        reportInterrupt(reporter);
         runLock.release();
     });
-    if (!runLock.acquire(log, interrupted))
-        return interrupts.requested() ? reportInterrupt(log) : Outcome::EarlyExit;
+    if (!runLock.acquire(reporter, interrupted))
+        return interrupts.requested() ? reportInterrupt(reporter) : Outcome::EarlyExit;
 
     core::PostgresService service(&loader, false, false);
     service.stopOnDestroy = true;
     service.auxiliaryStopOnDestroy = true;
     service.setObserver([&verbose](const QString &line) { verbose.line(line); });
-    service.setWarningSink([&log](const QString &line) { log.writeLine(RunLog::Warning, line); });
+    service.setWarningSink([&reporter](const QString &line) { reporter.logWarning(line); });
     service.setInterruptCheck(interrupted);
     const bool initialised = service.init(false, true, false);
     for (const QString &copy : service.keptInformationCopies())
-        log.writeLine(
-            RunLog::Warning, QStringLiteral("Kept a copy of the information file before replacing it: %1").arg(copy));
+        reporter.logWarning(QStringLiteral("Kept a copy of the information file before replacing it: %1").arg(copy));
     if (interrupts.requested())
-        return reportInterrupt(log);
+        return reportInterrupt(reporter);
     if (!initialised) {
         if (!service.operatorAdvice().isEmpty())
-            log.writeLine(RunLog::Error, service.operatorAdvice());
-        log.writeLine(RunLog::Error, QStringLiteral("Failed to init Postgres service"));
+            reporter.logError(service.operatorAdvice());
+        reporter.logError(QStringLiteral("Failed to init Postgres service"));
         return Outcome::EarlyExit;
     }
 
     QSqlDatabase database;
-    if (isToolMode(options.mode))
-        service.setSessionSettings(sessionSettings(options.mode));
+    if (!plan.sessionSettings.isEmpty())
+        service.setSessionSettings(plan.sessionSettings);
     const core::PostgresInformation settings = service.connectionSettings();
     if (!service.openConnection(database, settings.dbName, connectionName, true)) {
-        log.writeLine(RunLog::Error, QStringLiteral("Cannot connect to Postgres server: %1").arg(settings.dbName));
-        if (isToolMode(options.mode))
-            Console::err(QStringLiteral("ERROR: Cannot connect to Postgres server: %1: %2")
-                             .arg(settings.dbName, connectionFailure(database)));
+        const QString line = QStringLiteral("Cannot connect to Postgres server: %1").arg(settings.dbName);
+        if (plan.connectionFailureOnConsole)
+            reporter.error(QStringLiteral("%1: %2").arg(line, connectionFailure(database)), line);
+        else
+            reporter.logError(line);
         return Outcome::EarlyExit;
     }
     canceller.add(database);
 
-    const Pass pass = {service, settings.dbName, database, connectionName, options, log, verbose, canceller};
+    const Pass pass = {service, settings.dbName, database, connectionName, plan, log, reporter, verbose, canceller};
     const Outcome outcome = runPass(pass);
-    return interrupts.requested() ? reportInterrupt(log) : outcome;
+    return interrupts.requested() ? reportInterrupt(reporter) : outcome;
 }
 
 // Written once nothing is in flight any more (the teardown that follows stops a server this
 // run started), or by the watchdog when the run's thread is stuck.
-RunDriver::Outcome RunDriver::reportInterrupt(RunLog &log)
+RunDriver::Outcome RunDriver::reportInterrupt(const Reporter &reporter)
 {
     if (!Interrupts::instance().claimReport())
         return Outcome::EarlyExit;
-    const QString line = QStringLiteral("The run was interrupted by %1: what was in flight was cancelled (a "
-                                        "statement is rolled back whole), nothing further was started")
-                             .arg(Interrupts::instance().name());
-    Console::err(QStringLiteral("ERROR: ") + line);
-    log.writeLine(RunLog::Error, line);
+    reporter.error(QStringLiteral("The run was interrupted by %1: what was in flight was cancelled (a statement is "
+                                  "rolled back whole), nothing further was started")
+                       .arg(Interrupts::instance().name()));
     return Outcome::EarlyExit;
 }
 
-// The pass, or one of the tool's modes, on the run's connection, then the verification when it
-// is asked for; the further connections of --jobs are opened through the service under names of
-// their own. The product's pass ends the run with status 0 once its instance list is read; the
-// tool's modes only when every unit was done.
+// The plan's work on the run's connection: a journal command, or its steps one after another
+// (the further connections of --jobs are opened through the service under names of their own).
+// No step begins once the run is interrupted.
 RunDriver::Outcome RunDriver::runPass(const Pass &pass)
 {
-    const OperatorOptions &options = pass.options;
+    const RunPlan &plan = pass.plan;
     QSqlQuery query(pass.database);
-    switch (options.mode) {
-    case RunMode::SkipRepair:
+    RunJournal journal;
+    const JournalCommands commands(journal, pass.reporter);
+    switch (plan.work) {
+    case RunPlan::Work::Nothing:
         return Outcome::Done;
-    case RunMode::ListRuns:
-        return JournalCommands::listRuns(query, pass.log) ? Outcome::Done : Outcome::EarlyExit;
-    case RunMode::Forget:
-        return JournalCommands::forget(query, pass.log, options.run) ? Outcome::Done : Outcome::EarlyExit;
-    default:
+    case RunPlan::Work::ListRuns:
+        return commands.listRuns(query) ? Outcome::Done : Outcome::EarlyExit;
+    case RunPlan::Work::Forget:
+        return commands.forget(query, plan.run) ? Outcome::Done : Outcome::EarlyExit;
+    case RunPlan::Work::Steps:
         break;
     }
-    const bool repaired = options.mode == RunMode::VerifyOnly || runStrategy(pass, false);
-    if (!options.verify || Interrupts::instance().requested())
-        return repaired ? Outcome::Done : Outcome::EarlyExit;
-    const bool verified = runStrategy(pass, true);
-    return repaired && verified ? Outcome::Done : Outcome::EarlyExit;
+    bool done = true;
+    for (const RunPlan::Step &step : plan.steps) {
+        if (Interrupts::instance().requested())
+            break;
+        done = runStep(pass, step, journal) && done;
+    }
+    return done ? Outcome::Done : Outcome::EarlyExit;
 }
 
-// One mode's units on the engine; true when the mode's work is done as its exit status counts it.
-bool RunDriver::runStrategy(const Pass &pass, bool verify)
+// One step's units on the engine; true when its work is done as its failure policy counts it:
+// the product's pass once its instance list is read, the tool's modes only when every unit was.
+bool RunDriver::runStep(const Pass &pass, const RunPlan::Step &step, RunJournal &journal)
 {
-    const OperatorOptions &options = pass.options;
-    RunLog &log = pass.log;
+    const Reporter &reporter = pass.reporter;
     const auto interrupted = [] { return Interrupts::instance().requested(); };
-    Progress progress(log, pass.verbose,
+    Progress progress(pass.log, pass.verbose,
         Progress::displayFor(Terminal::standardErrorIsTerminal(), Terminal::standardOutputIsTerminal()),
-        options.mode == RunMode::Batched || options.mode == RunMode::Undo || verify);
+        step.progressToLog);
     RunTally tally;
-    RunJournal journal;
-    const std::unique_ptr<RepairStrategy> strategy = verify
-        ? std::make_unique<VerifyCheck>(log, progress, tally)
-        : strategyFor(options, log, pass.verbose, progress, tally, journal);
+    const StrategyContext context{reporter, pass.verbose, progress, tally, journal};
+    const std::unique_ptr<RepairStrategy> strategy = pass.plan.strategyFor(step, context);
     RepairEngine::Connections connections;
     connections.open = [&pass](QSqlDatabase &extra, QString &name) {
         return pass.service.openConnection(extra, pass.dbName, name, true);
     };
     connections.opened = [&pass](const QSqlDatabase &database) { pass.canceller.add(database); };
-    connections.failed = [&log](const QString &error) {
-        Console::err(QStringLiteral("WARNING: Cannot open a further connection for --jobs, going on with fewer"));
-        log.writeLine(RunLog::Warning,
-            QStringLiteral("Cannot open a further connection for --jobs, going on with fewer. %1").arg(error));
+    connections.failed = [&reporter](const QString &error) {
+        const QString line = QStringLiteral("Cannot open a further connection for --jobs, going on with fewer");
+        reporter.warning(line, QStringLiteral("%1. %2").arg(line, error));
     };
     connections.mainConnectionName = pass.connectionName;
-    RepairEngine engine(pass.database, connections, tally, log, progress, interrupted);
-    const bool toolMode = verify || isToolMode(options.mode);
-    if (!engine.run(*strategy, options.jobs, toolMode && progress.shown()))
+    RepairEngine engine(pass.database, connections, tally, reporter, progress, interrupted, step.policy);
+    if (!engine.run(*strategy, pass.plan.jobs, step.watchLocks && progress.shown()))
         return false;
-    return !toolMode || tally.complete();
+    return step.policy == FailurePolicy::ReportAndGoOn || tally.complete();
 }

@@ -1,14 +1,17 @@
 #pragma once
 
+#include "app/run/RunPlan.h"
+
 #include <QString>
 
 #include <memory>
 
 class QSqlDatabase;
+class Reporter;
+class RunJournal;
 class RunLog;
 class StatementCanceller;
 class VerboseLog;
-struct OperatorOptions;
 
 namespace core {
 class CoreConfigLoader;
@@ -35,16 +38,17 @@ private:
         const QString &dbName;
         const QSqlDatabase &database;
         const QString &connectionName;
-        const OperatorOptions &options;
+        const RunPlan &plan;
         RunLog &log;
+        const Reporter &reporter;
         const VerboseLog &verbose;
         StatementCanceller &canceller;
     };
 
     Outcome runStages(int &argc, char **argv, core::CoreConfigLoader &loader, RunLog &log, QString &connectionName);
     static Outcome runPass(const Pass &pass);
-    static bool runStrategy(const Pass &pass, bool verify);
-    static Outcome reportInterrupt(RunLog &log);
+    static bool runStep(const Pass &pass, const RunPlan::Step &step, RunJournal &journal);
+    static Outcome reportInterrupt(const Reporter &reporter);
 
     // Where the configuration was found, when not where it is looked for first.
     QString m_configurationNote;

@@ -1,7 +1,7 @@
 #include "app/run/RunLock.h"
 
 #include "app/output/Console.h"
-#include "app/output/RunLog.h"
+#include "app/output/Reporter.h"
 #include "core/server/process/ProcessIdentity.h"
 
 #include <QCoreApplication>
@@ -48,18 +48,15 @@ bool RunLock::takeOverReused()
     return m_lock.removeStaleLockFile() && m_lock.tryLock(0);
 }
 
-bool RunLock::acquire(RunLog &log, const std::function<bool()> &interrupted)
+bool RunLock::acquire(const Reporter &reporter, const std::function<bool()> &interrupted)
 {
     if (m_lock.tryLock(0) || (m_lock.error() == QLockFile::LockFailedError && takeOverReused()))
         return true;
     // A data folder this account cannot write to: the run cannot be guarded, but it is not
     // refused either, since it may need nothing else there.
     if (m_lock.error() != QLockFile::LockFailedError) {
-        const QString reason = QStringLiteral("Cannot create the lock file %1, going on without guarding against "
-                                              "another run")
-                                   .arg(m_path);
-        Console::err(QStringLiteral("WARNING: ") + reason);
-        log.writeLine(RunLog::Warning, reason);
+        reporter.warning(QStringLiteral("Cannot create the lock file %1, going on without guarding against another run")
+                             .arg(m_path));
         return true;
     }
     qint64 holder = 0;
@@ -77,12 +74,9 @@ bool RunLock::acquire(RunLog &log, const std::function<bool()> &interrupted)
         if (m_lock.tryLock(kPollMs))
             return true;
     }
-    const QString reason = QStringLiteral("Another run (process %1) still holds %2 after %3 minutes; this run did not "
-                                          "start")
-                               .arg(holder)
-                               .arg(m_path)
-                               .arg(kWaitLimitMs / 60000);
-    Console::err(QStringLiteral("ERROR: ") + reason);
-    log.writeLine(RunLog::Error, reason);
+    reporter.error(QStringLiteral("Another run (process %1) still holds %2 after %3 minutes; this run did not start")
+                       .arg(holder)
+                       .arg(m_path)
+                       .arg(kWaitLimitMs / 60000));
     return false;
 }

@@ -5,7 +5,7 @@
 
 #include <functional>
 
-class RunLog;
+class Reporter;
 
 // One run at a time per installation: a lock file in the data folder, taken before anything
 // touches the server. The system releases it with the process; a lock whose process is dead
@@ -28,7 +28,7 @@ public:
     // False, with the reason on standard error and in the run log, when the other run still
     // holds the lock after kWaitLimitMs, or when the wait was interrupted. A lock file that
     // cannot be made at all is a warning, and the run goes on.
-    bool acquire(RunLog &log, const std::function<bool()> &interrupted);
+    bool acquire(const Reporter &reporter, const std::function<bool()> &interrupted);
     // Early, for a process about to end without unwinding.
     void release() { m_lock.unlock(); }
 

@@ -17,9 +17,3 @@ enum class RunMode {
     // Any other argument list: the database is opened and nothing is changed.
     SkipRepair,
 };
-
-// The modes beyond the product's own pass and its skip.
-inline bool isToolMode(RunMode mode)
-{
-    return mode != RunMode::Repair && mode != RunMode::SkipRepair;
-}

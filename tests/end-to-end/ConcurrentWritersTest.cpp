@@ -2,6 +2,7 @@
 
 #include "app/repair/RepairStatements.h"
 #include "app/repair/UnitSizer.h"
+#include "app/sql/SqlLiteral.h"
 
 #include <QProcess>
 #include <QRegularExpression>
@@ -24,7 +25,7 @@ void damagedRows(const char *secondsPerRow = "0.002")
         "THEN %1 ELSE %2 END FROM generate_series(1, %3) g; CREATE FUNCTION slow() RETURNS trigger AS $$ BEGIN "
         "PERFORM pg_sleep(%4); RETURN NEW; END $$ LANGUAGE plpgsql; CREATE TRIGGER slow BEFORE UPDATE ON scan.file "
         "FOR EACH ROW WHEN (NEW.filetype_details IS DISTINCT FROM OLD.filetype_details) EXECUTE FUNCTION slow()"_s
-            .arg(RepairStatements::literal(kBad), RepairStatements::literal(kFixed))
+            .arg(SqlLiteral::of(kBad), SqlLiteral::of(kFixed))
             .arg(kRows)
             .arg(QLatin1String(secondsPerRow)));
 }
@@ -32,7 +33,7 @@ void damagedRows(const char *secondsPerRow = "0.002")
 int count(const QString &text)
 {
     return TestServer::shared()
-        .sql(u"SELECT count(*) FROM scan.file WHERE filetype_details = %1"_s.arg(RepairStatements::literal(text)))
+        .sql(u"SELECT count(*) FROM scan.file WHERE filetype_details = %1"_s.arg(SqlLiteral::of(text)))
         .value(0)
         .toInt();
 }

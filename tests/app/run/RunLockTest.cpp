@@ -1,4 +1,5 @@
 #include "app/run/RunLock.h"
+#include "app/output/Reporter.h"
 #include "app/output/RunLog.h"
 #include "support/LiveProcess.h"
 #include "support/ToolSandbox.h"
@@ -77,9 +78,10 @@ TEST_P(RunLockTest, ALockWhoseIdWasHandedOutAgainIsTakenOverAtOnce)
         ASSERT_TRUE(lock.setFileTime(QDateTime::currentDateTime().addSecs(-3600), QFileDevice::FileModificationTime));
     }
     RunLog log;
+    const Reporter reporter(log);
     RunLock runLock(data.path());
     int looks = 0;
-    const bool acquired = runLock.acquire(log, [&looks] { return ++looks > 1; });
+    const bool acquired = runLock.acquire(reporter, [&looks] { return ++looks > 1; });
     EXPECT_EQ(acquired, c.takenAtOnce);
     EXPECT_EQ(looks, c.takenAtOnce ? 0 : 2) << "a live holder's lock is waited for";
 }
@@ -97,7 +99,8 @@ TEST(RunLockHeldTest, ALiveLockOfThisProcessIsNotTakenOver)
     QLockFile held(data.filePath(QLatin1String(RunLock::kFileName)));
     ASSERT_TRUE(held.tryLock(0));
     RunLog log;
+    const Reporter reporter(log);
     RunLock runLock(data.path());
-    EXPECT_FALSE(runLock.acquire(log, [] { return true; }));
+    EXPECT_FALSE(runLock.acquire(reporter, [] { return true; }));
     EXPECT_TRUE(QFile::exists(data.filePath(QLatin1String(RunLock::kFileName))));
 }

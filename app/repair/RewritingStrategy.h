@@ -11,17 +11,19 @@
 #include <mutex>
 
 class Progress;
+class Reporter;
 class RunJournal;
-class RunLog;
 class VerboseLog;
+struct StrategyContext;
 
 // What the tool's writing modes share: rows found by their row versions and rewritten only
 // where their text changes, a fault split down to the rows that cause it, rows another session
 // holds locked left and named after the last try, and the closing lines.
-class RowRepair : public RepairStrategy
+class RewritingStrategy : public RepairStrategy
 {
 protected:
-    RowRepair(const QString &option, RunLog &log, const VerboseLog &verbose, Progress &progress, RunTally &tally);
+    // journal: where every change is recorded with its original text; none for a run without one.
+    RewritingStrategy(const QString &option, const StrategyContext &context, RunJournal *journal);
 
     // Reads the table's shape and refuses at once, with a console and run-log error, what the
     // mode cannot repair.
@@ -33,9 +35,9 @@ protected:
     bool leaveRows(QSqlQuery &query, const WorkUnit &unit, const QString &what, const QString &reason);
     // An instance's closing line: done with the rows it changed, or failed with what it left
     // (and, when unfinished is given, with why its part of the run is not over).
-    void instanceLine(int instance, const QString &unfinished = QString());
+    void instanceLine(int instance, const QString &unfinished = QString()) const;
     // The lines that say what the run left and why it stopped, if it did.
-    void reportLeft();
+    void reportLeft() const;
     QStringList idsOf(const WorkUnit &unit) const;
     bool mayWrite(QSqlQuery &query, const WorkUnit &unit) override;
     QString relationOf(const WorkUnit &unit) const;
@@ -56,14 +58,13 @@ protected:
     void leaveRow(QSqlQuery &query, const ScanTable::Row &row, const QString &reason);
 
     const QString m_option;
-    RunLog &m_log;
+    const Reporter &m_reporter;
     const VerboseLog &m_verbose;
     Progress &m_progress;
     RunTally &m_tally;
     ScanTable m_table;
     InstanceList m_instances;
-    // Set when the run is journaled: every change is recorded with its original text.
-    RunJournal *m_journal = nullptr;
+    RunJournal *const m_journal;
 
 private:
     struct HeldRow {

@@ -1,14 +1,12 @@
-#include "app/journal/UndoRepair.h"
+#include "app/repair/UndoRepair.h"
 
 #include "app/journal/RunJournal.h"
-#include "app/output/Console.h"
 #include "app/output/Progress.h"
-#include "app/output/RunLog.h"
+#include "app/output/Reporter.h"
 #include "app/output/VerboseLog.h"
 #include "app/repair/InstanceLines.h"
-#include "app/repair/RepairEngine.h"
-#include "app/repair/RepairStatements.h"
 #include "app/repair/ServerFailure.h"
+#include "app/repair/StrategyContext.h"
 
 #include <QElapsedTimer>
 #include <QSqlError>
@@ -21,25 +19,24 @@ const QString kNotRestored = QStringLiteral("Its text is no longer what the run 
                                             "gone); it was left as it is.");
 } // namespace
 
-UndoRepair::UndoRepair(int run, RunLog &log, const VerboseLog &verbose, Progress &progress, RunTally &tally)
+UndoRepair::UndoRepair(const StrategyContext &context, int run)
     : m_run(run)
-    , m_log(log)
-    , m_verbose(verbose)
-    , m_progress(progress)
-    , m_tally(tally)
+    , m_reporter(context.reporter)
+    , m_verbose(context.verbose)
+    , m_progress(context.progress)
+    , m_tally(context.tally)
+    , m_journal(context.journal)
 { }
 
 bool UndoRepair::refuse(const QString &line)
 {
-    Console::err(QStringLiteral("ERROR: ") + line);
-    m_log.writeLine(RunLog::Error, line);
+    m_reporter.error(line);
     return false;
 }
 
 bool UndoRepair::prepare(QSqlQuery &query)
 {
-    m_mainQuery = &query;
-    if (!RunJournal::exists(query))
+    if (!m_journal.exists(query))
         return refuse(QStringLiteral("There is no journaled run in this database (no schema %1): --undo takes back a "
                                      "run made with --journal.")
                           .arg(RunJournal::kSchema));
@@ -47,17 +44,11 @@ bool UndoRepair::prepare(QSqlQuery &query)
         return false;
     if (!m_table.read(query, InstanceLines::kColumn) || !m_table.readRelations(query))
         return refuse(QStringLiteral("--undo cannot read the shape of scan.file. %1").arg(m_table.error()));
-    if (m_table.hasKey()) {
+    if (m_table.hasKey())
         m_relations = QStringList{QStringLiteral("scan.file")};
-    } else if (query.exec(QStringLiteral("SELECT DISTINCT relation FROM zentrix_normalizer.original WHERE run = %1 "
-                                         "ORDER BY 1")
-                              .arg(m_run))) {
-        while (query.next())
-            m_relations << query.value(0).toString();
-    }
-    if (!query.exec(QStringLiteral("UPDATE zentrix_normalizer.run SET state = %1 WHERE id = %2")
-                        .arg(RepairStatements::literal(RunJournal::kUndoing))
-                        .arg(m_run)))
+    else
+        m_journal.relationsOf(query, m_run, m_relations);
+    if (!m_journal.markRun(query, m_run, RunJournal::RunState::Undoing))
         return refuse(QStringLiteral("--undo cannot mark run %1 as being undone. %2")
                           .arg(m_run)
                           .arg(query.lastError().databaseText().simplified()));
@@ -70,22 +61,19 @@ bool UndoRepair::prepare(QSqlQuery &query)
 
 bool UndoRepair::readRun(QSqlQuery &query)
 {
-    if (!query.exec(
-            QStringLiteral("SELECT state, (SELECT min(seq) FROM zentrix_normalizer.original o WHERE o.run = "
-                           "r.id AND NOT o.restored), (SELECT max(seq) + 1 FROM zentrix_normalizer.original o "
-                           "WHERE o.run = r.id AND NOT o.restored) FROM zentrix_normalizer.run r WHERE r.id = %1")
-                .arg(m_run)))
+    RunJournal::UndoSpan span;
+    if (!m_journal.readUndoSpan(query, m_run, span))
         return refuse(QStringLiteral("--undo cannot read run %1. %2")
                           .arg(m_run)
                           .arg(query.lastError().databaseText().simplified()));
-    if (!query.next())
+    if (!span.found)
         return refuse(QStringLiteral("There is no journaled run %1 in this database; --runs lists them.").arg(m_run));
-    if (query.value(0).toString() == RunJournal::kForgotten)
+    if (span.state == RunJournal::stateName(RunJournal::RunState::Forgotten))
         return refuse(QStringLiteral("Run %1 was forgotten: its original texts were dropped (--forget), so it cannot "
                                      "be undone.")
                           .arg(m_run));
-    m_firstSeq = query.value(1).toLongLong();
-    m_endSeq = query.value(2).toLongLong();
+    m_firstSeq = span.firstSeq;
+    m_endSeq = span.endSeq;
     return true;
 }
 
@@ -113,13 +101,14 @@ QString UndoRepair::step(const WorkUnit &unit) const
 
 QString UndoRepair::records(const WorkUnit &unit) const
 {
-    QString where = QStringLiteral("run = %1 AND seq >= %2 AND seq < %3 AND NOT restored")
-                        .arg(m_run)
-                        .arg(unit.first)
-                        .arg(unit.end);
-    if (!m_table.hasKey())
-        where += QStringLiteral(" AND relation = %1").arg(RepairStatements::literal(m_relations[unit.relation]));
-    return where;
+    return RunJournal::recordSpan(
+        m_run, unit.first, unit.end, m_table.hasKey() ? QString() : m_relations[unit.relation]);
+}
+
+QString UndoRepair::rowMatch(const QString &record) const
+{
+    return m_table.hasKey() ? m_table.keyMatch(QStringLiteral("f"), record + QStringLiteral(".key"))
+                            : QStringLiteral("f.ctid = %1.version").arg(record);
 }
 
 // A record is restored only where the row's text is still the one the run wrote; the record is
@@ -128,21 +117,8 @@ QString UndoRepair::records(const WorkUnit &unit) const
 // are left, named with that session's server process, and tried again by the next --undo.
 QString UndoRepair::statement(const WorkUnit &unit) const
 {
-    const QString column = InstanceLines::kColumn;
-    const QString match = m_table.hasKey() ? m_table.keyMatch(QStringLiteral("f"), QStringLiteral("j.key"))
-                                           : QStringLiteral("f.ctid = j.version");
-    const QString skipLocked = unit.tries >= RepairEngine::kWaitingTries
-        ? QStringLiteral(" AND f.ctid = ANY (ARRAY(SELECT f.ctid FROM %1 f JOIN j ON %2 WHERE md5(f.%3::text) = "
-                         "j.written FOR UPDATE OF f SKIP LOCKED))")
-              .arg(m_relations[unit.relation], match, column)
-        : QString();
-    return QStringLiteral(
-        "WITH j AS (SELECT seq, key, version, written, original FROM zentrix_normalizer.original "
-        "WHERE %1), restored AS (UPDATE %2 f SET %3 = j.original FROM j WHERE %4 AND md5(f.%3::text) "
-        "= j.written%5 RETURNING j.seq, f.instance_id), mark AS (UPDATE zentrix_normalizer.original o "
-        "SET restored = true FROM restored r WHERE o.seq = r.seq) SELECT instance_id, count(*) FROM "
-        "restored GROUP BY instance_id")
-        .arg(records(unit), m_relations[unit.relation], column, match, skipLocked);
+    return RunJournal::restore(
+        records(unit), m_relations[unit.relation], InstanceLines::kColumn, rowMatch(QStringLiteral("j")), unit.lastTry);
 }
 
 RepairStrategy::Result UndoRepair::run(QSqlQuery &query, const WorkUnit &unit)
@@ -194,12 +170,7 @@ void UndoRepair::leaveUnrestored(QSqlQuery &query, const WorkUnit &unit, Result 
 // another session that holds the row they name locked, if one does.
 QString UndoRepair::rowsOf(const WorkUnit &unit) const
 {
-    const QString match = m_table.hasKey() ? m_table.keyMatch(QStringLiteral("f"), QStringLiteral("o.key"))
-                                           : QStringLiteral("f.ctid = o.version");
-    return QStringLiteral("SELECT key, version, relation, (SELECT min(l.pid) FROM %1 f JOIN pg_locks l ON l.locktype = "
-                          "'transactionid' AND l.transactionid = f.xmax AND l.granted AND l.pid <> pg_backend_pid() "
-                          "WHERE %2) FROM zentrix_normalizer.original o WHERE %3")
-        .arg(m_relations[unit.relation], match, records(unit));
+    return RunJournal::recordedRows(records(unit), m_relations[unit.relation], rowMatch(QStringLiteral("o")));
 }
 
 QString UndoRepair::rowName(const QSqlQuery &query) const
@@ -214,10 +185,9 @@ QString UndoRepair::rowName(const QSqlQuery &query) const
 
 void UndoRepair::logNotRestored(const QString &row, const QString &reason) const
 {
-    m_log.writeLine(RunLog::Warning,
-        QStringLiteral("Row not restored, run %1, data: %2, row: %3. %4")
-            .arg(m_run)
-            .arg(InstanceLines::kColumn, row, reason));
+    m_reporter.logWarning(QStringLiteral("Row not restored, run %1, data: %2, row: %3. %4")
+                              .arg(m_run)
+                              .arg(InstanceLines::kColumn, row, reason));
 }
 
 QVector<WorkUnit> UndoRepair::split(QSqlQuery &, const WorkUnit &unit)
@@ -236,14 +206,14 @@ bool UndoRepair::leave(QSqlQuery &query, const WorkUnit &unit, const ServerFailu
     if (unit.end - unit.first == 1 && query.exec(rowsOf(unit)) && query.next()) {
         const QString name = rowName(query);
         ++m_refused;
-        m_tally.leaveRow({QString(), name, failure.words()});
-        logNotRestored(name, failure.words());
+        m_tally.leaveRow({QString(), name, failure.serverMessage()});
+        logNotRestored(name, failure.serverMessage());
         return false;
     }
     const QString what = QStringLiteral("records %1 to %2 of run %3").arg(unit.first).arg(unit.end - 1).arg(m_run);
-    m_tally.fail(what, failure.words());
-    m_log.writeLine(RunLog::Warning,
-        QStringLiteral("Not restored, data: %1: %2. %3").arg(InstanceLines::kColumn, what, failure.words()));
+    m_tally.fail(what, failure.serverMessage());
+    m_reporter.logWarning(
+        QStringLiteral("Not restored, data: %1: %2. %3").arg(InstanceLines::kColumn, what, failure.serverMessage()));
     return true;
 }
 
@@ -252,7 +222,15 @@ bool UndoRepair::mayWrite(QSqlQuery &query, const WorkUnit &unit)
     return ServerFailure::roleMayWrite(query, m_relations[unit.relation], InstanceLines::kColumn);
 }
 
-void UndoRepair::report(bool interrupted)
+// A killed or interrupted undo, or one whose rows the server refused, stays undoing; the next
+// --undo of the run finishes it.
+void UndoRepair::conclude(QSqlQuery &query, bool interrupted)
+{
+    if (!interrupted && m_tally.stopReason().isEmpty() && m_refused == 0 && m_tally.failures().isEmpty())
+        m_journal.markUndone(query, m_run);
+}
+
+void UndoRepair::report(bool interrupted) const
 {
     const qint64 restored = m_tally.totalChanged();
     const int left = m_tally.leftRows().size();
@@ -263,24 +241,9 @@ void UndoRepair::report(bool interrupted)
                              .arg(InstanceLines::kColumn)
                              .arg(restored)
                              .arg(left);
-    if (over && m_tally.complete()) {
-        Console::out(line);
-        m_log.writeLine(RunLog::Info, line);
-    } else {
-        Console::err(QStringLiteral("WARNING: ") + line);
-        m_log.writeLine(RunLog::Warning, line);
-    }
-    if (!m_tally.stopReason().isEmpty()) {
-        const QString stop = QStringLiteral("The run stopped before its end: %1").arg(m_tally.stopReason());
-        Console::err(QStringLiteral("ERROR: ") + stop);
-        m_log.writeLine(RunLog::Error, stop);
-    }
-    // A killed or interrupted undo, or one whose rows the server refused, stays "undoing"; the next
-    // --undo of the run finishes it.
-    if (over && m_refused == 0 && m_tally.failures().isEmpty() && m_mainQuery)
-        m_mainQuery->exec(QStringLiteral("UPDATE zentrix_normalizer.run SET state = %1, rows_restored = (SELECT "
-                                         "count(*) FROM zentrix_normalizer.original WHERE run = %2 AND restored) "
-                                         "WHERE id = %2")
-                              .arg(RepairStatements::literal(RunJournal::kUndone))
-                              .arg(m_run));
+    if (over && m_tally.complete())
+        m_reporter.info(line);
+    else
+        m_reporter.warning(line);
+    m_reporter.runStopped(m_tally.stopReason());
 }

@@ -1,14 +1,14 @@
-#include "app/repair/RowRepair.h"
+#include "app/repair/RewritingStrategy.h"
 
 #include "app/journal/RunJournal.h"
-#include "app/output/Console.h"
 #include "app/output/Progress.h"
-#include "app/output/RunLog.h"
+#include "app/output/Reporter.h"
 #include "app/output/VerboseLog.h"
 #include "app/repair/InstanceLines.h"
-#include "app/repair/RepairEngine.h"
 #include "app/repair/RepairStatements.h"
 #include "app/repair/ServerFailure.h"
+#include "app/repair/StrategyContext.h"
+#include "app/sql/SqlLiteral.h"
 
 #include <QElapsedTimer>
 #include <QSqlError>
@@ -16,15 +16,16 @@
 
 #include <algorithm>
 
-RowRepair::RowRepair(const QString &option, RunLog &log, const VerboseLog &verbose, Progress &progress, RunTally &tally)
+RewritingStrategy::RewritingStrategy(const QString &option, const StrategyContext &context, RunJournal *journal)
     : m_option(option)
-    , m_log(log)
-    , m_verbose(verbose)
-    , m_progress(progress)
-    , m_tally(tally)
+    , m_reporter(context.reporter)
+    , m_verbose(context.verbose)
+    , m_progress(context.progress)
+    , m_tally(context.tally)
+    , m_journal(journal)
 { }
 
-bool RowRepair::readTable(QSqlQuery &query)
+bool RewritingStrategy::readTable(QSqlQuery &query)
 {
     QString refusal;
     if (!m_table.read(query, InstanceLines::kColumn))
@@ -35,27 +36,26 @@ bool RowRepair::readTable(QSqlQuery &query)
         refusal = QStringLiteral("%1 cannot read the partitions of scan.file: %2").arg(m_option, m_table.error());
     if (refusal.isEmpty())
         return true;
-    Console::err(QStringLiteral("ERROR: ") + refusal);
-    m_log.writeLine(RunLog::Error, refusal);
+    m_reporter.error(refusal);
     return false;
 }
 
-QStringList RowRepair::idsOf(const WorkUnit &unit) const
+QStringList RewritingStrategy::idsOf(const WorkUnit &unit) const
 {
-    return unit.instance >= 0 ? QStringList{m_instances[unit.instance].first} : m_instances.ids();
+    return unit.instance >= 0 ? QStringList{m_instances[unit.instance].id} : m_instances.ids();
 }
 
-bool RowRepair::mayWrite(QSqlQuery &query, const WorkUnit &unit)
+bool RewritingStrategy::mayWrite(QSqlQuery &query, const WorkUnit &unit)
 {
     return ServerFailure::roleMayWrite(query, relationOf(unit), InstanceLines::kColumn);
 }
 
-QString RowRepair::relationOf(const WorkUnit &unit) const
+QString RewritingStrategy::relationOf(const WorkUnit &unit) const
 {
     return m_table.relations()[unit.relation].name;
 }
 
-QString RowRepair::statement(const WorkUnit &unit, const QString &where, bool lastTry) const
+QString RewritingStrategy::statement(const WorkUnit &unit, const QString &where, bool lastTry) const
 {
     const QString relation = relationOf(unit);
     const bool range = unit.kind == WorkUnit::Kind::Range;
@@ -75,10 +75,10 @@ QString RowRepair::statement(const WorkUnit &unit, const QString &where, bool la
     return range ? RepairStatements::countingRead(update, relation, where) : update;
 }
 
-RepairStrategy::Result RowRepair::repair(
+RepairStrategy::Result RewritingStrategy::repair(
     QSqlQuery &query, const WorkUnit &unit, const QString &where, const QString &step)
 {
-    const bool lastTry = unit.tries >= RepairEngine::kWaitingTries;
+    const bool lastTry = unit.lastTry;
     QElapsedTimer elapsed;
     elapsed.start();
     query.setForwardOnly(true);
@@ -112,7 +112,7 @@ RepairStrategy::Result RowRepair::repair(
 // What a last try skipped: rows another session holds are put aside for one more try at the end
 // (or, on that try, left and named with that session's server process); rows rewritten meanwhile
 // are tried once more, waiting on nothing.
-void RowRepair::leaveLeftovers(QSqlQuery &query, const WorkUnit &unit, const QString &where, Result &result)
+void RewritingStrategy::leaveLeftovers(QSqlQuery &query, const WorkUnit &unit, const QString &where, Result &result)
 {
     if (!query.exec(RepairStatements::rowsToChange(InstanceLines::kColumn, relationOf(unit), idsOf(unit), where))) {
         m_tally.fail(QStringLiteral("rows of %1 that a last try skipped").arg(relationOf(unit)),
@@ -154,7 +154,7 @@ void RowRepair::leaveLeftovers(QSqlQuery &query, const WorkUnit &unit, const QSt
     result.more.append(again);
 }
 
-bool RowRepair::hasHeldRows(int instance) const
+bool RewritingStrategy::hasHeldRows(int instance) const
 {
     const std::lock_guard<std::mutex> lock(m_heldMutex);
     for (const HeldRow &row : m_held) {
@@ -164,7 +164,7 @@ bool RowRepair::hasHeldRows(int instance) const
     return false;
 }
 
-QVector<WorkUnit> RowRepair::heldRows(int instance)
+QVector<WorkUnit> RewritingStrategy::heldRows(int instance)
 {
     QMap<int, WorkUnit> perRelation;
     const std::lock_guard<std::mutex> lock(m_heldMutex);
@@ -177,7 +177,7 @@ QVector<WorkUnit> RowRepair::heldRows(int instance)
         unit.kind = WorkUnit::Kind::Rows;
         unit.instance = instance;
         unit.relation = it.key().first;
-        unit.tries = RepairEngine::kWaitingTries;
+        unit.lastTry = true;
         unit.leftovers = true;
         unit.tids << it.key().second;
         it = m_held.erase(it);
@@ -185,7 +185,7 @@ QVector<WorkUnit> RowRepair::heldRows(int instance)
     return perRelation.values().toVector();
 }
 
-QStringList RowRepair::withoutHeld(int relation, const QStringList &tids) const
+QStringList RewritingStrategy::withoutHeld(int relation, const QStringList &tids) const
 {
     const std::lock_guard<std::mutex> lock(m_heldMutex);
     if (m_held.isEmpty())
@@ -208,7 +208,7 @@ const QString kWholeRelationModes
 
 // Asked after a lock wait ran past the tool's bound: a lock on the whole relation would hold every
 // one of its units alike, so the relation is given up at once rather than met unit after unit.
-bool RowRepair::relationLocked(QSqlQuery &query, const WorkUnit &unit)
+bool RewritingStrategy::relationLocked(QSqlQuery &query, const WorkUnit &unit)
 {
     if (relationGivenUp(unit.relation))
         return true;
@@ -217,7 +217,7 @@ bool RowRepair::relationLocked(QSqlQuery &query, const WorkUnit &unit)
         "SELECT l.pid, l.mode FROM pg_locks l WHERE l.locktype = 'relation' AND l.database = (SELECT oid FROM "
         "pg_database WHERE datname = current_database()) AND l.relation = %1::regclass AND l.granted AND l.pid <> "
         "pg_backend_pid() AND l.mode IN (%2) ORDER BY l.pid LIMIT 1");
-    if (!query.exec(holder.arg(RepairStatements::literal(relation), kWholeRelationModes)) || !query.next())
+    if (!query.exec(holder.arg(SqlLiteral::of(relation), kWholeRelationModes)) || !query.next())
         return false;
     const QString reason = QStringLiteral("%1 is locked as a whole by server process %2 (%3), which held it "
                                           "through the run's wait; what the run had not repaired of it is left "
@@ -230,17 +230,17 @@ bool RowRepair::relationLocked(QSqlQuery &query, const WorkUnit &unit)
         m_givenUp.insert(unit.relation, reason);
     }
     m_tally.fail(givenUp(unit), reason);
-    m_log.writeLine(RunLog::Warning, reason);
+    m_reporter.logWarning(reason);
     return true;
 }
 
-bool RowRepair::relationGivenUp(int relation) const
+bool RewritingStrategy::relationGivenUp(int relation) const
 {
     const std::lock_guard<std::mutex> lock(m_heldMutex);
     return m_givenUp.contains(relation);
 }
 
-bool RowRepair::skips(const WorkUnit &unit) const
+bool RewritingStrategy::skips(const WorkUnit &unit) const
 {
     QString reason;
     {
@@ -254,37 +254,36 @@ bool RowRepair::skips(const WorkUnit &unit) const
     return true;
 }
 
-bool RowRepair::leaveRows(QSqlQuery &query, const WorkUnit &unit, const QString &what, const QString &reason)
+bool RewritingStrategy::leaveRows(QSqlQuery &query, const WorkUnit &unit, const QString &what, const QString &reason)
 {
     if (unit.kind == WorkUnit::Kind::Rows && unit.tids.size() == 1) {
         leaveRow(query, m_table.describeRow(query, relationOf(unit), unit.tids.first()), reason);
         return false;
     }
     m_tally.fail(what, reason);
-    const QString line = QStringLiteral("Left unrepaired, data: %1: %2. %3").arg(InstanceLines::kColumn, what, reason);
-    m_log.writeLine(RunLog::Warning, line);
+    m_reporter.logWarning(
+        QStringLiteral("Left unrepaired, data: %1: %2. %3").arg(InstanceLines::kColumn, what, reason));
     return true;
 }
 
-void RowRepair::leaveRow(QSqlQuery &query, const ScanTable::Row &row, const QString &reason)
+void RewritingStrategy::leaveRow(QSqlQuery &query, const ScanTable::Row &row, const QString &reason)
 {
     if (!m_tally.leaveRow({row.instance, row.name, reason}))
         return;
     if (m_journal)
         m_journal->leaveRow(query, row.instance, row.name, reason);
-    m_log.writeLine(RunLog::Warning,
-        QStringLiteral("Row left unrepaired, data: %1, instance id: %2, row: %3. %4")
-            .arg(InstanceLines::kColumn, row.instance, row.name, reason));
+    m_reporter.logWarning(QStringLiteral("Row left unrepaired, data: %1, instance id: %2, row: %3. %4")
+                              .arg(InstanceLines::kColumn, row.instance, row.name, reason));
 }
 
-void RowRepair::instanceLine(int index, const QString &unfinished)
+void RewritingStrategy::instanceLine(int index, const QString &unfinished) const
 {
     const InstanceList::Instance &instance = m_instances[index];
-    const qint64 changed = m_tally.changed(instance.first);
-    const QString failure = m_tally.failureOf(QStringLiteral("instance ") + instance.first);
-    const int left = m_tally.leftRowsOf(instance.first);
+    const qint64 changed = m_tally.changed(instance.id);
+    const QString failure = m_tally.failureOf(QStringLiteral("instance ") + instance.id);
+    const int left = m_tally.leftRowsOf(instance.id);
     if (failure.isEmpty() && left == 0 && unfinished.isEmpty()) {
-        InstanceLines::done(instance, m_log, QStringLiteral(", rows changed: %1").arg(changed));
+        InstanceLines::done(instance, m_reporter, QStringLiteral(", rows changed: %1").arg(changed));
         return;
     }
     QStringList reasons;
@@ -294,11 +293,11 @@ void RowRepair::instanceLine(int index, const QString &unfinished)
         reasons << failure;
     if (!unfinished.isEmpty())
         reasons << unfinished;
-    InstanceLines::failed(
-        instance, m_log, QStringLiteral("rows changed: %1, %2").arg(changed).arg(reasons.join(QStringLiteral("; "))));
+    InstanceLines::failed(instance, m_reporter,
+        QStringLiteral("rows changed: %1, %2").arg(changed).arg(reasons.join(QStringLiteral("; "))));
 }
 
-void RowRepair::reportLeft()
+void RewritingStrategy::reportLeft() const
 {
     const QVector<RunTally::LeftRow> left = m_tally.leftRows();
     const QStringList failures = m_tally.failures();
@@ -309,23 +308,13 @@ void RowRepair::reportLeft()
         QStringList where;
         for (auto it = perInstance.cbegin(); it != perInstance.cend(); ++it)
             where << QStringLiteral("instance %1: %2").arg(it.key()).arg(it.value());
-        const QString line = QStringLiteral("Rows left unrepaired: %1 (%2); the run log names each row and why. "
-                                            "A later run repairs them once that is dealt with.")
-                                 .arg(left.size())
-                                 .arg(where.join(QStringLiteral(", ")));
-        Console::err(QStringLiteral("WARNING: ") + line);
-        m_log.writeLine(RunLog::Warning, line);
+        m_reporter.warning(QStringLiteral("Rows left unrepaired: %1 (%2); the run log names each row and why. "
+                                          "A later run repairs them once that is dealt with.")
+                               .arg(left.size())
+                               .arg(where.join(QStringLiteral(", "))));
     }
-    if (!failures.isEmpty()) {
-        const QString line
-            = QStringLiteral("Not repaired: %1; the run log says why.").arg(failures.join(QStringLiteral(", ")));
-        Console::err(QStringLiteral("WARNING: ") + line);
-        m_log.writeLine(RunLog::Warning, line);
-    }
-    const QString stop = m_tally.stopReason();
-    if (!stop.isEmpty()) {
-        const QString line = QStringLiteral("The run stopped before its end: %1").arg(stop);
-        Console::err(QStringLiteral("ERROR: ") + line);
-        m_log.writeLine(RunLog::Error, line);
-    }
+    if (!failures.isEmpty())
+        m_reporter.warning(
+            QStringLiteral("Not repaired: %1; the run log says why.").arg(failures.join(QStringLiteral(", "))));
+    m_reporter.runStopped(m_tally.stopReason());
 }

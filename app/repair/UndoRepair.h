@@ -11,8 +11,10 @@
 #include <mutex>
 
 class Progress;
-class RunLog;
+class Reporter;
+class RunJournal;
 class VerboseLog;
+struct StrategyContext;
 
 // --undo N: brings the rows journaled run N changed back to their original text, in committed
 // units of its journal's records, and only where a row's text is still what run N wrote. Each
@@ -22,7 +24,8 @@ class VerboseLog;
 class UndoRepair : public RepairStrategy
 {
 public:
-    UndoRepair(int run, RunLog &log, const VerboseLog &verbose, Progress &progress, RunTally &tally);
+    // run: the journaled run to take back, from the context's journal.
+    UndoRepair(const StrategyContext &context, int run);
 
     bool prepare(QSqlQuery &query) override;
     bool nextUnit(WorkUnit &unit) override;
@@ -31,7 +34,8 @@ public:
     QVector<WorkUnit> split(QSqlQuery &query, const WorkUnit &unit) override;
     bool leave(QSqlQuery &query, const WorkUnit &unit, const ServerFailure &failure) override;
     bool mayWrite(QSqlQuery &query, const WorkUnit &unit) override;
-    void report(bool interrupted) override;
+    void conclude(QSqlQuery &query, bool interrupted) override;
+    void report(bool interrupted) const override;
 
 private:
     bool refuse(const QString &line);
@@ -45,14 +49,16 @@ private:
     QString rowName(const QSqlQuery &query) const;
     void logNotRestored(const QString &row, const QString &reason) const;
     QString records(const WorkUnit &unit) const;
+    // How a record's row is found: by its primary key, else by its row version.
+    QString rowMatch(const QString &record) const;
 
     const int m_run;
-    RunLog &m_log;
+    const Reporter &m_reporter;
     const VerboseLog &m_verbose;
     Progress &m_progress;
     RunTally &m_tally;
+    RunJournal &m_journal;
     ScanTable m_table;
-    QSqlQuery *m_mainQuery = nullptr;
     // Without a primary key, records are restored relation by relation, by row version.
     QStringList m_relations;
     qint64 m_firstSeq = 0;

@@ -1,0 +1,103 @@
+#include "app/run/RunPlan.h"
+
+#include <gtest/gtest.h>
+
+#include <ostream>
+
+namespace {
+
+using Strategy = RunPlan::Strategy;
+using Work = RunPlan::Work;
+constexpr int kPool = 4;
+
+// One step as the table writes it: the strategy, and whether it is the tool's (isolates faults,
+// counts its work for the exit status, watches locks) and logs its progress.
+struct StepCase {
+    Strategy strategy;
+    bool tools;
+    bool progressToLog;
+};
+
+struct PlanCase {
+    const char *name;
+    const char *productRunMode;
+    QStringList arguments;
+    Work work;
+    std::vector<StepCase> steps;
+    // The tool's own sessions: its settings, entries on one line, a failed first connection said.
+    bool toolSessions;
+    bool readOnly;
+};
+
+void PrintTo(const PlanCase &c, std::ostream *os)
+{
+    *os << c.name;
+}
+
+class RunPlanTest : public testing::TestWithParam<PlanCase>
+{
+};
+
+TEST_P(RunPlanTest, DecidesTheRunsWorkOnceFromItsCommandLine)
+{
+    const PlanCase &c = GetParam();
+    const RunPlan plan = RunPlan::make(QString::fromLatin1(c.productRunMode), c.arguments, kPool);
+    EXPECT_TRUE(plan.error.isEmpty()) << plan.error.toStdString();
+    EXPECT_EQ(plan.work, c.work);
+    ASSERT_EQ(plan.steps.size(), int(c.steps.size()));
+    for (int i = 0; i < plan.steps.size(); ++i) {
+        const RunPlan::Step &step = plan.steps[i];
+        EXPECT_EQ(step.strategy, c.steps[i].strategy) << "step " << i;
+        EXPECT_EQ(step.policy, c.steps[i].tools ? FailurePolicy::IsolateAndRetry : FailurePolicy::ReportAndGoOn)
+            << "step " << i;
+        EXPECT_EQ(step.watchLocks, c.steps[i].tools) << "step " << i;
+        EXPECT_EQ(step.progressToLog, c.steps[i].progressToLog) << "step " << i;
+    }
+    EXPECT_EQ(plan.logEntriesOnOneLine, c.toolSessions);
+    EXPECT_EQ(plan.connectionFailureOnConsole, c.toolSessions);
+    EXPECT_EQ(!plan.sessionSettings.isEmpty(), c.toolSessions);
+    EXPECT_EQ(plan.sessionSettings.contains(QStringLiteral("default_transaction_read_only=on")), c.readOnly);
+}
+
+INSTANTIATE_TEST_SUITE_P(CommandLines, RunPlanTest,
+    testing::Values(PlanCase{"BareInvocationIsTheProductsPass", "normalize", {}, Work::Steps,
+                        {{Strategy::ProductPass, false, false}}, false, false},
+        PlanCase{
+            "AnUnknownListOpensTheDatabaseAndChangesNothing", "", {"--repair-all"}, Work::Nothing, {}, false, false},
+        PlanCase{
+            "ChangedOnly", "", {"--changed-only"}, Work::Steps, {{Strategy::ChangedOnly, true, false}}, true, false},
+        PlanCase{"BatchedLogsItsProgress", "", {"--batched", "--jobs", "2"}, Work::Steps,
+            {{Strategy::Batched, true, true}}, true, false},
+        PlanCase{"JournalIsAJournaledBatchedRun", "", {"--journal"}, Work::Steps, {{Strategy::Journaled, true, true}},
+            true, false},
+        PlanCase{"VerifyFollowsTheRepair", "", {"--journal", "--verify"}, Work::Steps,
+            {{Strategy::Journaled, true, true}, {Strategy::Verify, true, true}}, true, false},
+        PlanCase{
+            "VerifyAloneRepairsNothing", "", {"--verify"}, Work::Steps, {{Strategy::Verify, true, true}}, true, false},
+        PlanCase{
+            "DryRunSessionsAreReadOnly", "", {"--dry-run"}, Work::Steps, {{Strategy::DryRun, true, false}}, true, true},
+        PlanCase{"Undo", "", {"--undo=3"}, Work::Steps, {{Strategy::Undo, true, true}}, true, false},
+        PlanCase{"Runs", "", {"--runs"}, Work::ListRuns, {}, true, false},
+        PlanCase{"Forget", "", {"--forget", "2"}, Work::Forget, {}, true, false}),
+    [](const testing::TestParamInfo<PlanCase> &info) { return info.param.name; });
+
+TEST(RunPlan, CarriesTheNumbersAndTheCommandLineTheStepsNeed)
+{
+    const RunPlan plan = RunPlan::make(QString(), {"--undo", "3", "--jobs=2", "-v"}, kPool);
+    EXPECT_EQ(plan.run, 3);
+    EXPECT_EQ(plan.jobs, 2);
+    EXPECT_TRUE(plan.verbose);
+    EXPECT_EQ(plan.commandLine, QStringLiteral("--undo 3 --jobs=2 -v"));
+}
+
+TEST(RunPlan, ALockWaitGivenForTestsBoundsTheToolsSessions)
+{
+    qputenv("ZENTRIX_LOCK_WAIT_MS", "250");
+    const RunPlan plan = RunPlan::make(QString(), {"--batched"}, kPool);
+    qunsetenv("ZENTRIX_LOCK_WAIT_MS");
+    EXPECT_TRUE(plan.sessionSettings.contains(QStringLiteral("lock_timeout=250")));
+    EXPECT_TRUE(
+        RunPlan::make(QString(), {"--batched"}, kPool).sessionSettings.contains(QStringLiteral("lock_timeout=10000")));
+}
+
+} // namespace
