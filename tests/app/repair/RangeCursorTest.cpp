@@ -1,10 +1,9 @@
 #include "app/repair/RangeCursor.h"
 
-#include "support/QtPrinters.h"
-
 #include <gtest/gtest.h>
 
 #include <ostream>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -13,20 +12,8 @@ namespace {
 // Few slots to a block, so that the ranges below read at a glance.
 constexpr int kSlotsPerBlock = 10;
 
-struct Range {
-    int relation;
-    qint64 first;
-    qint64 end;
-    bool operator==(const Range &other) const
-    {
-        return relation == other.relation && first == other.first && end == other.end;
-    }
-};
-
-void PrintTo(const Range &range, std::ostream *os)
-{
-    *os << range.relation << ":[" << range.first << "," << range.end << ")";
-}
+// Relation, first slot, end.
+using Range = std::tuple<int, qint64, qint64>;
 
 ScanTable tableOf(const std::vector<qint64> &blocks)
 {
@@ -64,8 +51,8 @@ TEST_P(RangeCursorTest, HandsOutEveryRangeNotDoneOnceInOrder)
     const CursorCase &c = GetParam();
     const ScanTable table = tableOf(c.blocks);
     RangeCursor cursor(table);
-    for (const Range &range : c.done)
-        cursor.skip(range.relation, {{range.first, range.end}});
+    for (const auto &[relation, first, end] : c.done)
+        cursor.skip(relation, {{first, end}});
     cursor.sizer().measured(c.size, UnitSizer::kTargetMs, 1);
     ASSERT_EQ(cursor.sizer().size(), c.size);
     std::vector<WorkUnit> units;
@@ -74,7 +61,7 @@ TEST_P(RangeCursorTest, HandsOutEveryRangeNotDoneOnceInOrder)
     // Bounded, for a cursor that never ends.
     while (handedOut.size() <= c.handedOut.size() && cursor.next(unit)) {
         units.push_back(unit);
-        handedOut.push_back({unit.relation, unit.first, unit.end});
+        handedOut.emplace_back(unit.relation, unit.first, unit.end);
         if (int(units.size()) == c.heldNoRow.second)
             cursor.heldNoRow(units[c.heldNoRow.first]);
     }

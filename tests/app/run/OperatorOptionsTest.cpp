@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <ostream>
+#include <tuple>
 
 void PrintTo(RunMode mode, std::ostream *os)
 {
@@ -20,185 +21,151 @@ constexpr int kPool = 4;
 
 enum Flags { None = 0, Journal = 1, Verify = 2, Verbose = 4 };
 
-template <typename Case> std::string nameOf(const testing::TestParamInfo<Case> &info)
+OperatorOptions accepted(RunMode mode, int flags = None, int jobs = 1, int run = 0)
 {
-    return info.param.name;
+    OperatorOptions options;
+    options.mode = mode;
+    options.journal = flags & Journal;
+    options.verify = flags & Verify;
+    options.verbose = flags & Verbose;
+    options.jobs = jobs;
+    options.run = run;
+    return options;
 }
-
-struct Accepted {
-    const char *name;
-    QStringList arguments;
-    RunMode mode;
-    int flags = None;
-    int jobs = 1;
-    int run = 0;
-};
-
-void PrintTo(const Accepted &c, std::ostream *os)
-{
-    *os << c.name;
-}
-
-class AcceptedOptions : public testing::TestWithParam<Accepted>
-{
-};
-
-TEST_P(AcceptedOptions, GiveTheModeAndSettingsTheyAskFor)
-{
-    const Accepted &c = GetParam();
-    const OperatorOptions options = OperatorOptions::parse(c.arguments, kPool);
-    EXPECT_EQ(options.error, QString());
-    EXPECT_EQ(options.misspelling, QString());
-    EXPECT_EQ(options.mode, c.mode);
-    EXPECT_EQ(options.journal, (c.flags & Journal) != 0);
-    EXPECT_EQ(options.verify, (c.flags & Verify) != 0);
-    EXPECT_EQ(options.verbose, (c.flags & Verbose) != 0);
-    EXPECT_EQ(options.jobs, c.jobs);
-    EXPECT_EQ(options.run, c.run);
-}
-
-INSTANTIATE_TEST_SUITE_P(Lists, AcceptedOptions,
-    testing::Values(Accepted{"NoneIsTheProductsPass", {}, RunMode::Repair},
-        Accepted{"DryRun", {"--dry-run"}, RunMode::DryRun},
-        Accepted{"ChangedOnly", {"--changed-only"}, RunMode::ChangedOnly},
-        Accepted{"Batched", {"--batched"}, RunMode::Batched},
-        Accepted{"JournalIsABatchedRepair", {"--journal"}, RunMode::Batched, Journal},
-        Accepted{"VerifyAlone", {"--verify"}, RunMode::VerifyOnly, Verify},
-        Accepted{"VerifyAfterChangedOnly", {"--verify", "--changed-only"}, RunMode::ChangedOnly, Verify},
-        Accepted{"VerifyAfterAJournal", {"--journal", "--verify", "--batched"}, RunMode::Batched, Journal | Verify},
-        Accepted{"Runs", {"--runs"}, RunMode::ListRuns},
-        Accepted{"UndoApart", {"--undo", "3"}, RunMode::Undo, None, 1, 3},
-        Accepted{"UndoJoined", {"--undo=3"}, RunMode::Undo, None, 1, 3},
-        Accepted{"ForgetApart", {"--forget", "2"}, RunMode::Forget, None, 1, 2},
-        Accepted{"ForgetJoined", {"--forget=12"}, RunMode::Forget, None, 1, 12},
-        // Jobs alone keep the product's pass, on several connections.
-        Accepted{"JobsApart", {"--jobs", "2"}, RunMode::Repair, None, 2},
-        Accepted{"JobsJoined", {"--jobs=3"}, RunMode::Repair, None, 3},
-        Accepted{"OneJob", {"--jobs", "1"}, RunMode::Repair, None, 1},
-        Accepted{"AsManyJobsAsThePool", {"--jobs=4"}, RunMode::Repair, None, kPool},
-        Accepted{"JobsBeforeAMode", {"--jobs", "2", "--changed-only"}, RunMode::ChangedOnly, None, 2},
-        Accepted{"UndoOnJobs", {"--undo", "7", "--jobs=2"}, RunMode::Undo, None, 2, 7},
-        Accepted{"Verbose", {"--verbose"}, RunMode::Repair, Verbose},
-        Accepted{"VerboseShort", {"-v"}, RunMode::Repair, Verbose},
-        Accepted{"VerboseAmongOthers", {"--batched", "-v", "--jobs", "2"}, RunMode::Batched, Verbose, 2}),
-    nameOf<Accepted>);
 
 // The line the run says, on the console and in the run log, before it ends with status 1.
-QString jobsRefused(const QString &given)
+OperatorOptions refused(const QString &error)
 {
-    return QStringLiteral("--jobs needs a number from 1 to 4 (the connection pool, internal/db_connection), not \"%1\"")
-        .arg(given);
+    OperatorOptions options;
+    options.error = error;
+    return options;
 }
-QString runRefused(const QString &option, const QString &given)
+OperatorOptions jobsRefused(const QString &given)
 {
-    return QStringLiteral("%1 needs the number of a journaled run (--runs lists them), not \"%2\"").arg(option, given);
+    return refused(
+        QStringLiteral("--jobs needs a number from 1 to 4 (the connection pool, internal/db_connection), not \"%1\"")
+            .arg(given));
 }
-QString excluded(const QString &option, const QString &other)
+OperatorOptions runRefused(const QString &option, const QString &given)
 {
-    return QStringLiteral("%1 cannot be combined with %2").arg(option, other);
+    return refused(
+        QStringLiteral("%1 needs the number of a journaled run (--runs lists them), not \"%2\"").arg(option, given));
 }
-const QString kDryRunVerify
-    = QStringLiteral("--verify checks the table after a repair, and --dry-run repairs nothing: use --verify alone");
+OperatorOptions excluded(const QString &option, const QString &other)
+{
+    return refused(QStringLiteral("%1 cannot be combined with %2").arg(option, other));
+}
 
-struct Refused {
+// Any list that is not the operator's options alone keeps the product's meaning (connect, change
+// nothing); an argument that looks like a misspelt option is named, with the option it resembles.
+OperatorOptions unrecognised(const QString &misspelt = QString(), const QString &meant = QString())
+{
+    OperatorOptions options;
+    if (!misspelt.isEmpty())
+        options.misspelling = QStringLiteral("\"%1\" is not an option of this tool; %2 is. The run opens the database "
+                                             "and skips the repair, as it does for any argument it does not know.")
+                                  .arg(misspelt, meant);
+    return options;
+}
+
+struct Case {
     const char *name;
     QStringList arguments;
-    QString error;
+    OperatorOptions expected;
 };
 
-void PrintTo(const Refused &c, std::ostream *os)
+void PrintTo(const Case &c, std::ostream *os)
 {
     *os << c.name;
 }
 
-class RefusedOptions : public testing::TestWithParam<Refused>
+class OperatorOptionsTest : public testing::TestWithParam<Case>
 {
 };
 
-TEST_P(RefusedOptions, SayWhyTheyCannotRun)
+// What the run is given to do, but the texts.
+auto settingsOf(const OperatorOptions &options)
 {
+    return std::tuple(options.mode, options.journal, options.verify, options.verbose, options.jobs, options.run);
+}
+
+TEST_P(OperatorOptionsTest, ReadsTheListAsTheOperatorMeantIt)
+{
+    const OperatorOptions &expected = GetParam().expected;
     const OperatorOptions options = OperatorOptions::parse(GetParam().arguments, kPool);
-    EXPECT_EQ(options.error, GetParam().error);
-    EXPECT_EQ(options.misspelling, QString());
+    EXPECT_EQ(options.error, expected.error);
+    EXPECT_EQ(options.misspelling, expected.misspelling);
+    // A refused list runs nothing, whatever else it asked for.
+    if (expected.error.isEmpty()) {
+        EXPECT_EQ(settingsOf(options), settingsOf(expected));
+    }
 }
 
-INSTANTIATE_TEST_SUITE_P(Lists, RefusedOptions,
-    testing::Values(Refused{"NoJobs", {"--jobs", "0"}, jobsRefused("0")},
-        Refused{"MoreJobsThanThePool", {"--jobs=5"}, jobsRefused("5")},
-        Refused{"JobsNotANumber", {"--jobs", "x"}, jobsRefused("x")},
-        Refused{"JobsNegative", {"--jobs=-1"}, jobsRefused("-1")},
-        Refused{"JobsAFraction", {"--jobs", "2.5"}, jobsRefused("2.5")},
-        Refused{"JobsWithoutAValue", {"--jobs"}, jobsRefused("")},
-        Refused{"JobsWithAnEmptyValue", {"--jobs="}, jobsRefused("")},
-        Refused{"JobsOfAMode", {"--changed-only", "--jobs", "9"}, jobsRefused("9")},
-        Refused{"UndoNotANumber", {"--undo", "x"}, runRefused("--undo", "x")},
-        Refused{"UndoZero", {"--undo=0"}, runRefused("--undo", "0")},
-        Refused{"ForgetNegative", {"--forget", "-2"}, runRefused("--forget", "-2")},
-        Refused{"ForgetWithoutARun", {"--forget"}, runRefused("--forget", "")},
-        // The value is whatever follows, even an option.
-        Refused{"UndoTakingAnOptionForItsRun", {"--undo", "--batched"}, runRefused("--undo", "--batched")},
-        Refused{"RunsAndUndo", {"--undo", "1", "--runs"}, excluded("--runs", "--undo")},
-        Refused{"RunsAndDryRun", {"--runs", "--dry-run"}, excluded("--runs", "--dry-run")},
-        Refused{"UndoAndARepair", {"--batched", "--undo=1"}, excluded("--undo", "--batched")},
-        Refused{"UndoAndForget", {"--forget", "1", "--undo", "1"}, excluded("--undo", "--forget")},
-        Refused{"ForgetAndVerify", {"--verify", "--forget=1"}, excluded("--forget", "--verify")},
-        Refused{"ForgetAndJournal", {"--forget=1", "--journal"}, excluded("--forget", "--journal")},
-        Refused{"DryRunAndVerify", {"--verify", "--dry-run"}, kDryRunVerify},
-        Refused{"ExclusionBeforeTheRunsNumber", {"--undo", "x", "--batched"}, excluded("--undo", "--batched")}),
-    nameOf<Refused>);
+const auto kName = [](const testing::TestParamInfo<Case> &info) { return std::string(info.param.name); };
 
-// Any list that is not the operator's options alone keeps the product's meaning: connect, change nothing.
-struct Unrecognised {
-    const char *name;
-    QStringList arguments;
-    // The argument said to be misspelt and the option it resembles; none for an argument of no resemblance.
-    QString misspelt = QString();
-    QString meant = QString();
-};
+INSTANTIATE_TEST_SUITE_P(Accepted, OperatorOptionsTest,
+    testing::Values(Case{"NoneIsTheProductsPass", {}, accepted(RunMode::Repair)},
+        Case{"DryRun", {"--dry-run"}, accepted(RunMode::DryRun)},
+        Case{"ChangedOnly", {"--changed-only"}, accepted(RunMode::ChangedOnly)},
+        Case{"Batched", {"--batched"}, accepted(RunMode::Batched)},
+        Case{"JournalIsABatchedRepair", {"--journal"}, accepted(RunMode::Batched, Journal)},
+        Case{"VerifyAlone", {"--verify"}, accepted(RunMode::VerifyOnly, Verify)},
+        Case{"VerifyAfterChangedOnly", {"--verify", "--changed-only"}, accepted(RunMode::ChangedOnly, Verify)},
+        Case{"VerifyAfterAJournal", {"--journal", "--verify", "--batched"},
+            accepted(RunMode::Batched, Journal | Verify)},
+        Case{"Runs", {"--runs"}, accepted(RunMode::ListRuns)},
+        Case{"UndoApart", {"--undo", "3"}, accepted(RunMode::Undo, None, 1, 3)},
+        Case{"UndoJoined", {"--undo=3"}, accepted(RunMode::Undo, None, 1, 3)},
+        Case{"ForgetApart", {"--forget", "2"}, accepted(RunMode::Forget, None, 1, 2)},
+        Case{"ForgetJoined", {"--forget=12"}, accepted(RunMode::Forget, None, 1, 12)},
+        // Jobs alone keep the product's pass, on several connections.
+        Case{"JobsApart", {"--jobs", "2"}, accepted(RunMode::Repair, None, 2)},
+        Case{"JobsJoined", {"--jobs=3"}, accepted(RunMode::Repair, None, 3)},
+        Case{"AsManyJobsAsThePool", {"--jobs=4"}, accepted(RunMode::Repair, None, kPool)},
+        Case{"JobsBeforeAMode", {"--jobs", "2", "--changed-only"}, accepted(RunMode::ChangedOnly, None, 2)},
+        Case{"Verbose", {"--verbose"}, accepted(RunMode::Repair, Verbose)},
+        Case{"VerboseShort", {"-v"}, accepted(RunMode::Repair, Verbose)},
+        Case{"VerboseAmongOthers", {"--batched", "-v", "--jobs", "2"}, accepted(RunMode::Batched, Verbose, 2)}),
+    kName);
 
-void PrintTo(const Unrecognised &c, std::ostream *os)
-{
-    *os << c.name;
-}
+INSTANTIATE_TEST_SUITE_P(Refused, OperatorOptionsTest,
+    testing::Values(Case{"NoJobs", {"--jobs", "0"}, jobsRefused("0")},
+        Case{"MoreJobsThanThePool", {"--jobs=5"}, jobsRefused("5")},
+        Case{"JobsNotANumber", {"--jobs", "x"}, jobsRefused("x")},
+        Case{"JobsWithoutAValue", {"--jobs"}, jobsRefused("")},
+        Case{"JobsOfAMode", {"--changed-only", "--jobs", "9"}, jobsRefused("9")},
+        Case{"UndoNotANumber", {"--undo", "x"}, runRefused("--undo", "x")},
+        Case{"UndoZero", {"--undo=0"}, runRefused("--undo", "0")},
+        Case{"ForgetWithoutARun", {"--forget"}, runRefused("--forget", "")},
+        Case{"RunsAndUndo", {"--undo", "1", "--runs"}, excluded("--runs", "--undo")},
+        Case{"UndoAndARepair", {"--batched", "--undo=1"}, excluded("--undo", "--batched")},
+        Case{"UndoAndForget", {"--forget", "1", "--undo", "1"}, excluded("--undo", "--forget")},
+        Case{"ForgetAndVerify", {"--verify", "--forget=1"}, excluded("--forget", "--verify")},
+        Case{"ExclusionBeforeTheRunsNumber", {"--undo", "x", "--batched"}, excluded("--undo", "--batched")},
+        Case{"DryRunAndVerify", {"--verify", "--dry-run"},
+            refused("--verify checks the table after a repair, and --dry-run repairs nothing: use --verify alone")}),
+    kName);
 
-class UnrecognisedArguments : public testing::TestWithParam<Unrecognised>
-{
-};
-
-TEST_P(UnrecognisedArguments, SkipTheRepairNamingAnOptionTheyResemble)
-{
-    const Unrecognised &c = GetParam();
-    const OperatorOptions options = OperatorOptions::parse(c.arguments, kPool);
-    EXPECT_EQ(options.mode, RunMode::SkipRepair);
-    EXPECT_EQ(options.error, QString());
-    EXPECT_EQ(options.misspelling,
-        c.misspelt.isEmpty() ? QString()
-                             : QStringLiteral("\"%1\" is not an option of this tool; %2 is. The run opens the database "
-                                              "and skips the repair, as it does for any argument it does not know.")
-                                   .arg(c.misspelt, c.meant));
-}
-
-INSTANTIATE_TEST_SUITE_P(Lists, UnrecognisedArguments,
-    testing::Values(Unrecognised{"AShortOption", {"-H"}}, Unrecognised{"AWord", {"help"}},
-        Unrecognised{"HelpWithMore", {"--help", "x"}}, Unrecognised{"TwoWords", {"a", "b"}},
-        Unrecognised{"AnOptionWithMore", {"--batched", "extra"}},
-        Unrecognised{"AnOptionOfNoResemblance", {"--version"}}, Unrecognised{"ThreeEditsAway", {"--batxhxx"}},
-        Unrecognised{"TwoEditsOfAShortName", {"--rxnx"}}, Unrecognised{"ASingleDash", {"-batchd"}},
-        Unrecognised{"ARepeatedFlag", {"--batched", "--batched"}}, Unrecognised{"VerboseTwice", {"-v", "--verbose"}},
-        Unrecognised{"JobsTwice", {"--jobs", "2", "--jobs", "3"}},
-        Unrecognised{"UndoTwice", {"--undo", "1", "--undo", "2"}},
-        Unrecognised{"ALetterDropped", {"--batchd"}, "--batchd", "--batched"},
-        Unrecognised{"Capitals", {"--BATCHED"}, "--BATCHED", "--batched"},
-        Unrecognised{"ACut", {"--batch"}, "--batch", "--batched"},
-        Unrecognised{"ALongCut", {"--chang"}, "--chang", "--changed-only"},
-        Unrecognised{"AnUnderscore", {"--changed_only"}, "--changed_only", "--changed-only"},
-        Unrecognised{"LettersSwapped", {"--verbsoe"}, "--verbsoe", "--verbose"},
-        Unrecognised{"ALetterAdded", {"--dryy-run"}, "--dryy-run", "--dry-run"},
-        Unrecognised{"AValuedOptionCut", {"--job=2"}, "--job=2", "--jobs"},
-        Unrecognised{"AValuedOptionBeforeItsValue", {"--udno", "1"}, "--udno", "--undo"},
-        Unrecognised{"AFlagGivenAValue", {"--dry-run=yes"}, "--dry-run=yes", "--dry-run"},
-        Unrecognised{"AmongGoodOptions", {"--jobs", "2", "--jurnal"}, "--jurnal", "--journal"},
-        Unrecognised{"TheFirstOfTwo", {"--vrify", "--batchd"}, "--vrify", "--verify"}),
-    nameOf<Unrecognised>);
+INSTANTIATE_TEST_SUITE_P(Unrecognised, OperatorOptionsTest,
+    testing::Values(Case{"AShortOption", {"-H"}, unrecognised()}, Case{"TwoWords", {"a", "b"}, unrecognised()},
+        Case{"HelpWithMore", {"--help", "x"}, unrecognised()},
+        Case{"AnOptionWithMore", {"--batched", "extra"}, unrecognised()},
+        Case{"OfNoResemblance", {"--version"}, unrecognised()}, Case{"ThreeEditsAway", {"--batxhxx"}, unrecognised()},
+        Case{"TwoEditsOfAShortName", {"--rxnx"}, unrecognised()}, Case{"ASingleDash", {"-batchd"}, unrecognised()},
+        Case{"ARepeatedFlag", {"--batched", "--batched"}, unrecognised()},
+        Case{"VerboseTwice", {"-v", "--verbose"}, unrecognised()},
+        Case{"JobsTwice", {"--jobs", "2", "--jobs", "3"}, unrecognised()},
+        Case{"ALetterDropped", {"--batchd"}, unrecognised("--batchd", "--batched")},
+        Case{"Capitals", {"--BATCHED"}, unrecognised("--BATCHED", "--batched")},
+        Case{"ACut", {"--batch"}, unrecognised("--batch", "--batched")},
+        Case{"ALongCut", {"--chang"}, unrecognised("--chang", "--changed-only")},
+        Case{"AnUnderscore", {"--changed_only"}, unrecognised("--changed_only", "--changed-only")},
+        Case{"LettersSwapped", {"--verbsoe"}, unrecognised("--verbsoe", "--verbose")},
+        Case{"AValuedOptionCut", {"--job=2"}, unrecognised("--job=2", "--jobs")},
+        Case{"AValuedOptionBeforeItsValue", {"--udno", "1"}, unrecognised("--udno", "--undo")},
+        Case{"AFlagGivenAValue", {"--dry-run=yes"}, unrecognised("--dry-run=yes", "--dry-run")},
+        Case{"AmongGoodOptions", {"--jobs", "2", "--jurnal"}, unrecognised("--jurnal", "--journal")},
+        Case{"TheFirstOfTwo", {"--vrify", "--batchd"}, unrecognised("--vrify", "--verify")}),
+    kName);
 
 } // namespace
