@@ -79,6 +79,16 @@ QStringList longRows(std::mt19937 &random)
     return rows;
 }
 
+// The ids of the rows written since the snapshot.
+const QString kRewritten
+    = u"SELECT string_agg(id::text, ' ') FROM scan.file f JOIN before b USING (id) WHERE f.xmin::text <> b.x"_s;
+const QString kDifferingFromTheProduct = u"SELECT count(*) FROM scan.file f JOIN by_product p USING (id) WHERE "
+                                         "f.filetype_details IS DISTINCT FROM p.filetype_details"_s;
+// Rows rewritten whose text did not change, and rows whose text changed that were not rewritten.
+const QString kRewrittenUnlikeChanged
+    = u"SELECT count(*) FROM scan.file f JOIN before b USING (id) JOIN original o USING (id) WHERE (f.xmin::text <> "
+      "b.x) <> (f.filetype_details IS DISTINCT FROM o.filetype_details)"_s;
+
 // "<instance> <rows changed>" of each done line, sorted.
 QStringList doneLines(const QByteArray &out)
 {
@@ -89,59 +99,84 @@ QStringList doneLines(const QByteArray &out)
 }
 } // namespace
 
-// The product's statement on one copy of the rows and --changed-only on another must leave
-// the same table; --changed-only writes exactly the rows whose text changes, and the dry run
-// counts exactly those. Rows of up to 1 MB, which the product's expression would take minutes
-// over, are repaired as PCRE2 reads the product's pattern (checked against the server on the
-// shorter ones), and a second run over them rewrites nothing.
-TEST_F(ToolTest, ChangedOnlyLeavesTheProductsResultAndWritesOnlyTheRowsThatChange)
+// The product's statement on one copy of the rows is the reference for the tool's modes on
+// another. Rows of up to 1 MB, which the product's expression would take minutes over, are
+// repaired as PCRE2 reads the product's pattern (checked against the server on the shorter ones).
+class ChangedOnlyTest : public ToolTest
 {
-    std::mt19937 random(20261123);
-    sql(u"INSERT INTO warehouse.control_refresh SELECT i, 0 FROM generate_series(1, %1) i"_s.arg(kListed));
-    QStringList rows;
-    for (int i = 0; i < kDocuments; ++i) {
-        const int instance = 1 + random() % kWithRows;
-        const int request = instance == 21 ? random() % 22 : random() % 40;
-        const QString document = random() % 40 == 0 ? u"NULL"_s
-            : random() % 40 == 0                    ? u"''"_s
-                                                    : quoted(fuzzedDocument(random));
-        rows << u"(%1, %2, %3)"_s.arg(instance).arg(request).arg(document);
+protected:
+    void SetUp() override
+    {
+        ToolTest::SetUp();
+        if (IsSkipped())
+            return;
+        std::mt19937 random(20261123);
+        sql(u"INSERT INTO warehouse.control_refresh SELECT i, 0 FROM generate_series(1, %1) i"_s.arg(kListed));
+        QStringList rows;
+        for (int i = 0; i < kDocuments; ++i) {
+            const int instance = 1 + random() % kWithRows;
+            const int request = instance == 21 ? random() % 22 : random() % 40;
+            const QString document = random() % 40 == 0 ? u"NULL"_s
+                : random() % 40 == 0                    ? u"''"_s
+                                                        : quoted(fuzzedDocument(random));
+            rows << u"(%1, %2, %3)"_s.arg(instance).arg(request).arg(document);
+        }
+        QStringList tooLongForTheProduct;
+        for (const QString &text : longRows(random)) {
+            if (text.size() > kProductLengthLimit)
+                tooLongForTheProduct << text;
+            else
+                rows << u"(%1, 100, %2)"_s.arg(kLongRows).arg(quoted(text));
+        }
+        sql(u"INSERT INTO scan.file (instance_id, request_id, filetype_details) VALUES "_s + rows.join(u',')
+            + u"; INSERT INTO scan.file (instance_id, request_id, filetype_details) VALUES (99, 100, '\\u0000');"
+              "CREATE TABLE original AS SELECT * FROM scan.file"_s);
+        ASSERT_EQ(m_sandbox.runTool().exitCode, 0);
+        sql(u"CREATE TABLE by_product AS SELECT id, filetype_details FROM scan.file"_s);
+        for (const QString &text : tooLongForTheProduct) {
+            sql(u"WITH r AS (INSERT INTO scan.file (instance_id, request_id, filetype_details) VALUES (%1, 100, %2) "
+                "RETURNING *), o AS (INSERT INTO original SELECT * FROM r) INSERT INTO by_product SELECT id, %3 FROM r"_s
+                    .arg(kLongRows)
+                    .arg(quoted(text), quoted(repairedByPcre(text))));
+        }
+        sql(u"TRUNCATE scan.file; INSERT INTO scan.file SELECT * FROM original"_s);
+        snapshot();
+        // Per listed instance and in all: rows in range and rows whose text the product's statement changed.
+        m_expected = sql(u"SELECT coalesce(i::text, 'total') || ' ' || count(o.id) || ' ' || count(o.id) FILTER "
+                         "(WHERE o.filetype_details IS DISTINCT FROM p.filetype_details) FROM generate_series(1, %1) i "
+                         "LEFT JOIN original o ON o.instance_id = i AND o.request_id > i LEFT JOIN by_product p USING "
+                         "(id) GROUP BY ROLLUP (i) ORDER BY i"_s.arg(kListed));
+        for (const QString &line : m_expected.mid(0, m_expected.size() - 1))
+            m_changedPerInstance << line.section(u' ', 0, 0) + u' ' + line.section(u' ', 2, 2);
+        m_changedPerInstance.sort();
     }
-    QStringList tooLongForTheProduct;
-    for (const QString &text : longRows(random)) {
-        if (text.size() > kProductLengthLimit)
-            tooLongForTheProduct << text;
-        else
-            rows << u"(%1, 100, %2)"_s.arg(kLongRows).arg(quoted(text));
-    }
-    sql(u"INSERT INTO scan.file (instance_id, request_id, filetype_details) VALUES "_s + rows.join(u',')
-        + u"; INSERT INTO scan.file (instance_id, request_id, filetype_details) VALUES (99, 100, '\\u0000');"
-          "CREATE TABLE original AS SELECT * FROM scan.file"_s);
-    const QString restore = u"TRUNCATE scan.file; INSERT INTO scan.file SELECT * FROM original; DROP TABLE IF "
-                            "EXISTS before; CREATE TABLE before AS SELECT id, xmin::text AS x FROM scan.file"_s;
 
-    ASSERT_EQ(m_sandbox.runTool().exitCode, 0);
-    sql(u"CREATE TABLE by_product AS SELECT id, filetype_details FROM scan.file"_s);
-    for (const QString &text : tooLongForTheProduct) {
-        sql(u"WITH r AS (INSERT INTO scan.file (instance_id, request_id, filetype_details) VALUES (%1, 100, %2) "
-            "RETURNING *), o AS (INSERT INTO original SELECT * FROM r) INSERT INTO by_product SELECT id, %3 FROM r"_s
-                .arg(kLongRows)
-                .arg(quoted(text), quoted(repairedByPcre(text))));
+    // The row versions as they are, for kRewritten to compare with.
+    static void snapshot()
+    {
+        sql(u"DROP TABLE IF EXISTS before; CREATE TABLE before AS SELECT id, xmin::text AS x FROM scan.file"_s);
     }
-    sql(restore);
-    // Per listed instance and in all: rows in range and rows whose text the product's statement changed.
-    QStringList expected = sql(u"SELECT coalesce(i::text, 'total') || ' ' || count(o.id) || ' ' || count(o.id) "
-                               "FILTER (WHERE o.filetype_details IS DISTINCT FROM p.filetype_details) FROM "
-                               "generate_series(1, %1) i LEFT JOIN original o ON o.instance_id = i AND o.request_id "
-                               "> i LEFT JOIN by_product p USING (id) GROUP BY ROLLUP (i) ORDER BY i"_s.arg(kListed));
-    EXPECT_GT(expected.constLast().section(u' ', 2).toInt(), kDocuments / 4);
+    static QString first(const QString &query) { return sql(query).value(0); }
+
+    // "<instance> <rows in range> <rows changed>" and the totals, as the dry run reports them.
+    QStringList m_expected;
+    // "<instance> <rows changed>", as doneLines() reads the runs' lines.
+    QStringList m_changedPerInstance;
+};
+
+TEST_F(ChangedOnlyTest, PcreReadsTheProductsPatternAsTheServerDoes)
+{
+    EXPECT_GT(m_expected.constLast().section(u' ', 2).toInt(), kDocuments / 4) << "the fuzz changes rows enough";
     int pcreDisagrees = 0;
     for (const QString &pair :
         sql(u"SELECT o.filetype_details, p.filetype_details FROM original o JOIN by_product p "
             "USING (id) WHERE o.instance_id <= %1 AND o.request_id > o.instance_id"_s.arg(kListed)))
         pcreDisagrees += repairedByPcre(pair.section(u'|', 0, 0)) != pair.section(u'|', 1);
-    EXPECT_EQ(pcreDisagrees, 0) << "PCRE2 reads the product's pattern as the server does";
+    EXPECT_EQ(pcreDisagrees, 0);
+}
 
+TEST_F(ChangedOnlyTest, DryRunCountsExactlyTheRowsThatChangeAndWritesNothing)
+{
     QFile::remove(m_sandbox.runLogPath());
     const ToolSandbox::Result dry = m_sandbox.runTool({u"--dry-run"_s, u"--jobs"_s, u"3"_s});
     EXPECT_EQ(dry.exitCode, 0);
@@ -151,20 +186,17 @@ TEST_F(ToolTest, ChangedOnlyLeavesTheProductsResultAndWritesOnlyTheRowsThatChang
         if (!cells.isEmpty() && (cells.front().isDigit() || cells.startsWith(u"total")))
             reported << cells;
     }
-    EXPECT_EQ(reported, expected) << dry.out.constData();
-    EXPECT_EQ(m_sandbox.runLog().count(u"[INFO\t] <ts>: "_s), expected.size() + 2) << "the report, line for line";
-    const QString rewritten = u"SELECT string_agg(id::text, ' ') FROM scan.file f JOIN before b USING (id) WHERE "
-                              "f.xmin::text <> b.x"_s;
-    EXPECT_EQ(sql(rewritten), QStringList({QString()})) << "the dry run writes nothing";
-    expected.removeLast();
-    QStringList changedPerInstance;
-    for (const QString &line : expected)
-        changedPerInstance << line.section(u' ', 0, 0) + u' ' + line.section(u' ', 2, 2);
-    changedPerInstance.sort();
+    EXPECT_EQ(reported, m_expected) << dry.out.constData();
+    EXPECT_EQ(m_sandbox.runLog().count(u"[INFO\t] <ts>: "_s), m_expected.size() + 2) << "the report, line for line";
+    EXPECT_EQ(first(kRewritten), QString());
+}
 
-    // A second connection rewrites two rows of instance 1 that the run will repair, and holds them
-    // until the run waits for them: the one rewritten to a new bad text is read again and repaired
-    // from its new text in the same run, the good one is left as it is.
+// A second connection rewrites two rows of instance 1 that the run will repair, and holds them
+// until the run waits for them: the one rewritten to a new bad text is read again and repaired
+// from its new text in the same run, the good one is left as it is. Every other row is the
+// product's, and only the rows whose text changes are written.
+TEST_F(ChangedOnlyTest, RowsRewrittenByAnotherConnectionDuringTheRunAreRepairedFromTheirNewText)
+{
     const QStringList held = sql(u"SELECT id FROM original o JOIN by_product p USING (id) WHERE o.instance_id = 1 "
                                  "AND o.filetype_details <> p.filetype_details ORDER BY id LIMIT 2"_s);
     ASSERT_EQ(held.size(), 2);
@@ -187,70 +219,73 @@ TEST_F(ToolTest, ChangedOnlyLeavesTheProductsResultAndWritesOnlyTheRowsThatChang
         const ToolSandbox::Result changedOnly = run.get();
         EXPECT_EQ(changedOnly.exitCode, 0) << changedOnly.err.constData();
         QStringList changed;
-        for (const QString &line : changedPerInstance)
+        for (const QString &line : m_changedPerInstance)
             changed << line.section(u' ', 0, 0) + u' '
                     + QString::number(line.section(u' ', 1).toInt() - (line.startsWith(u"1 "_s) ? 1 : 0));
         EXPECT_EQ(doneLines(changedOnly.out), changed);
     }
     QSqlDatabase::removeDatabase(u"writer"_s);
     EXPECT_EQ(sql(u"SELECT filetype_details FROM scan.file WHERE id IN (%1, %2) ORDER BY id"_s.arg(held[0], held[1])),
-        QStringList({kNewBadRepaired, kNewGood}))
-        << "rows changed during the run are repaired from their new text, or left";
+        QStringList({kNewBadRepaired, kNewGood}));
     const QString others = u" AND id NOT IN (%1, %2)"_s.arg(held[0], held[1]);
-    EXPECT_EQ(sql(u"SELECT count(*) FROM scan.file f JOIN by_product p USING (id) WHERE f.filetype_details IS "
-                  "DISTINCT FROM p.filetype_details"_s
-                  + others),
-        QStringList({u"0"_s}));
-    const QString rewrittenButUnchanged
-        = u"SELECT count(*) FROM scan.file f JOIN before b USING (id) JOIN original o USING (id) WHERE (f.xmin::text "
-          "<> b.x) <> (f.filetype_details IS DISTINCT FROM o.filetype_details)"_s;
-    EXPECT_EQ(sql(rewrittenButUnchanged + others), QStringList({u"0"_s})) << "rows rewritten = rows changed";
-    sql(u"DROP TABLE before; CREATE TABLE before AS SELECT id, xmin::text AS x FROM scan.file"_s);
-    const ToolSandbox::Result again = m_sandbox.runTool({u"--changed-only"_s});
-    EXPECT_EQ(again.exitCode, 0);
-    EXPECT_EQ(doneLines(again.out).size(), kListed);
-    EXPECT_EQ(sql(rewritten), QStringList({QString()})) << "a second run rewrites nothing";
+    EXPECT_EQ(first(kDifferingFromTheProduct + others), u"0"_s);
+    EXPECT_EQ(first(kRewrittenUnlikeChanged + others), u"0"_s);
+}
 
-    // --batched, one block per batch and three batches at once: the product's table again,
-    // exactly the changed rows rewritten, then nothing.
+// One block per batch and three batches at once.
+TEST_F(ChangedOnlyTest, BatchedLeavesTheProductsResultAndWritesOnlyTheRowsThatChange)
+{
     qputenv(UnitSizer::kBlocksVariable, "1");
-    sql(restore);
     const ToolSandbox::Result batched = m_sandbox.runTool({u"--batched"_s, u"--jobs"_s, u"3"_s});
-    EXPECT_EQ(batched.exitCode, 0) << batched.err.constData();
-    EXPECT_EQ(doneLines(batched.out), changedPerInstance);
-    EXPECT_TRUE(batched.out.contains(" blocks of scan.file (100%) in ")) << batched.out.constData();
-    EXPECT_EQ(sql(u"SELECT count(*) FROM scan.file f JOIN by_product p USING (id) WHERE f.filetype_details IS "
-                  "DISTINCT FROM p.filetype_details"_s),
-        QStringList({u"0"_s}));
-    EXPECT_EQ(sql(rewrittenButUnchanged), QStringList({u"0"_s})) << "rows rewritten = rows changed";
-    sql(u"DROP TABLE before; CREATE TABLE before AS SELECT id, xmin::text AS x FROM scan.file"_s);
-    EXPECT_EQ(m_sandbox.runTool({u"--batched"_s}).exitCode, 0);
-    EXPECT_EQ(sql(rewritten), QStringList({QString()})) << "a second batched run rewrites nothing";
     qunsetenv(UnitSizer::kBlocksVariable);
+    EXPECT_EQ(batched.exitCode, 0) << batched.err.constData();
+    EXPECT_EQ(doneLines(batched.out), m_changedPerInstance);
+    EXPECT_TRUE(batched.out.contains(" blocks of scan.file (100%) in ")) << batched.out.constData();
+    EXPECT_EQ(first(kDifferingFromTheProduct), u"0"_s);
+    EXPECT_EQ(first(kRewrittenUnlikeChanged), u"0"_s);
+}
 
-    // --journal --verify: nothing of the journal's in the database before it, the product's table
-    // after it, and per instance the rows that still fail a jsonb cast (faults other than the three
-    // escapes). Then --undo, cut short by a kill and run again, brings every row back exactly (the
-    // lossy corner of four and more backslashes included) but one whose text was edited since,
-    // which is named; one whose other columns changed is found by its key. A second undo changes
-    // nothing; --forget drops the texts, and --undo then refuses.
-    const QString journal = u"SELECT count(*) FROM pg_namespace WHERE nspname = 'zentrix_normalizer'"_s;
-    EXPECT_EQ(sql(journal), QStringList({u"0"_s})) << "the runs without --journal made an object";
-    sql(restore
-        + u"; CREATE FUNCTION fails(t text) RETURNS bool AS $$ BEGIN PERFORM t::jsonb; RETURN false; EXCEPTION WHEN "
-          "others THEN RETURN true; END $$ LANGUAGE plpgsql"_s);
+// A run over the product's result, as a run after a complete one finds the table.
+TEST_F(ChangedOnlyTest, ARunOverARepairedTableWritesNothing)
+{
+    sql(u"UPDATE scan.file f SET filetype_details = p.filetype_details FROM by_product p WHERE p.id = f.id AND "
+        "f.filetype_details IS DISTINCT FROM p.filetype_details"_s);
+    snapshot();
+    for (const QString &mode : {u"--changed-only"_s, u"--batched"_s}) {
+        SCOPED_TRACE(mode.toStdString());
+        const ToolSandbox::Result again = m_sandbox.runTool({mode});
+        EXPECT_EQ(again.exitCode, 0);
+        EXPECT_EQ(doneLines(again.out).size(), kListed);
+        EXPECT_EQ(first(kRewritten), QString());
+    }
+    EXPECT_EQ(sql(u"SELECT count(*) FROM pg_namespace WHERE nspname = 'zentrix_normalizer'"_s), QStringList({u"0"_s}))
+        << "a run without --journal made an object";
+}
+
+// --journal --verify: the product's table after it, and per instance the rows that still fail a
+// jsonb cast (faults other than the three escapes).
+TEST_F(ChangedOnlyTest, JournalVerifyCountsPerInstanceTheRowsThatStillFailTheCast)
+{
+    sql(u"CREATE FUNCTION fails(t text) RETURNS bool AS $$ BEGIN PERFORM t::jsonb; RETURN false; EXCEPTION WHEN "
+        "others THEN RETURN true; END $$ LANGUAGE plpgsql"_s);
     const ToolSandbox::Result journaled = m_sandbox.runTool({u"--journal"_s, u"--verify"_s, u"--jobs"_s, u"3"_s});
     EXPECT_TRUE(journaled.out.contains("Journaled as run 1 in schema zentrix_normalizer")) << journaled.out.constData();
-    EXPECT_EQ(doneLines(journaled.out), changedPerInstance);
-    EXPECT_EQ(sql(u"SELECT count(*) FROM scan.file f JOIN by_product p USING (id) WHERE f.filetype_details IS "
-                  "DISTINCT FROM p.filetype_details"_s),
-        QStringList({u"0"_s}));
+    EXPECT_EQ(doneLines(journaled.out), m_changedPerInstance);
+    EXPECT_EQ(first(kDifferingFromTheProduct), u"0"_s);
     const QStringList verified = sql(u"SELECT 'Verified data: filetype_details, instance id: ' || i || ', rows that "
                                      "fail a jsonb cast: ' || count(p.id) FILTER (WHERE fails(p.filetype_details)) "
                                      "FROM generate_series(1, %1) i LEFT JOIN scan.file p ON p.instance_id = i AND "
                                      "p.request_id > i GROUP BY i ORDER BY i"_s.arg(kListed));
     EXPECT_EQ(QString::fromUtf8(journaled.out).split(u'\n').filter(u"Verified data"_s), verified);
     EXPECT_EQ(journaled.exitCode, 1) << "some fuzzed rows fail the cast for other reasons";
+}
+
+// --undo, cut short by a kill and run again, brings every row back exactly (the lossy corner of
+// four and more backslashes included) but one whose text was edited since, which is named; one
+// whose other columns changed is found by its key. A second undo changes nothing.
+TEST_F(ChangedOnlyTest, UndoCutShortAndRunAgainGivesEveryRowBackButOneEditedSince)
+{
+    ASSERT_EQ(m_sandbox.runTool({u"--journal"_s, u"--jobs"_s, u"3"_s}).exitCode, 0);
     const QStringList edited = sql(u"SELECT id FROM original o JOIN by_product p USING (id) WHERE "
                                    "o.filetype_details <> p.filetype_details ORDER BY id DESC LIMIT 2"_s);
     sql(u"UPDATE scan.file SET filetype_details = filetype_details || ' ' WHERE id = %1; UPDATE scan.file SET "
@@ -269,32 +304,43 @@ TEST_F(ToolTest, ChangedOnlyLeavesTheProductsResultAndWritesOnlyTheRowsThatChang
     EXPECT_TRUE(undone.err.contains(", rows not restored: 1\n")) << undone.err.constData();
     EXPECT_EQ(sql(u"SELECT string_agg(id::text, ' ') FROM scan.file f JOIN original o USING (id) WHERE "
                   "f.filetype_details IS DISTINCT FROM o.filetype_details"_s),
-        QStringList({edited[0]}))
-        << "every row back as it was, but the one edited since";
+        QStringList({edited[0]}));
     EXPECT_TRUE(m_sandbox.runLog().contains(
         u"Row not restored, run 1, data: filetype_details, row: id=%1. Its text is no longer"_s.arg(edited[0])));
-    sql(u"DROP TABLE before; CREATE TABLE before AS SELECT id, xmin::text AS x FROM scan.file"_s);
+    snapshot();
     EXPECT_EQ(m_sandbox.runTool({u"--undo"_s, u"1"_s}).exitCode, 1);
-    EXPECT_EQ(sql(rewritten), QStringList({QString()})) << "a second undo changes nothing";
+    EXPECT_EQ(first(kRewritten), QString()) << "a second undo changes nothing";
+}
+
+// --forget drops the original texts: --undo then refuses, and --runs still counts the run's rows.
+TEST_F(ChangedOnlyTest, AForgottenRunCannotBeUndoneAndKeepsItsCounts)
+{
+    ASSERT_EQ(m_sandbox.runTool({u"--journal"_s, u"--jobs"_s, u"3"_s}).exitCode, 0);
+    EXPECT_EQ(m_sandbox.runTool({u"--undo"_s, u"1"_s}).exitCode, 0);
     EXPECT_EQ(m_sandbox.runTool({u"--forget"_s, u"1"_s}).exitCode, 0);
     const ToolSandbox::Result refused = m_sandbox.runTool({u"--undo=1"_s});
     EXPECT_EQ(refused.exitCode, 1);
-    EXPECT_EQ(refused.err,
-        "ERROR: Run 1 was forgotten: its original texts were dropped (--forget), so it cannot be "
-        "undone.\n");
+    EXPECT_EQ(QString::fromUtf8(refused.err).split(u'\n').filter(u"ERROR: "_s),
+        QStringList({u"ERROR: Run 1 was forgotten: its original texts were dropped (--forget), so it cannot be "
+                     "undone."_s}));
     int total = 0;
-    for (const QString &line : changedPerInstance)
+    for (const QString &line : m_changedPerInstance)
         total += line.section(u' ', 1).toInt();
     const ToolSandbox::Result runs = m_sandbox.runTool({u"--runs"_s});
     EXPECT_EQ(runs.exitCode, 0);
     EXPECT_TRUE(QString::fromUtf8(runs.out).contains(
-        QRegularExpression(u"\nRun 1: started [0-9: -]+, ended [0-9: -]+, forgotten, rows "
-                           "changed: %1, rows left: 0, rows restored: %2\n"_s.arg(total)
-                               .arg(total - 1))))
+        QRegularExpression(u"\nRun 1: started [0-9: -]+, ended [0-9: -]+, forgotten, rows changed: %1, rows left: 0, "
+                           "rows restored: %1\n"_s.arg(total))))
         << runs.out.constData();
+}
 
-    // Rows of instance 2 that cannot be read: its count fails, the others are counted, and the
-    // dry run names it with the server's reason and ends with status 1.
+// Rows of instance 2 that cannot be read: its count fails, the others are counted, and the dry
+// run names it with the server's reason and ends with status 1.
+TEST_F(ToolTest, ADryRunNamesAnInstanceWhoseRowsCannotBeRead)
+{
+    addInstances({1, 2, 3});
+    for (const int instance : {1, 2, 3})
+        addRow(instance, 5, uR"({"a":"\ud800"})"_s);
     sql(u"ALTER TABLE scan.file RENAME TO stored; CREATE FUNCTION refuse(i int, t text) RETURNS text AS $$ BEGIN "
         "IF i = 2 THEN RAISE EXCEPTION 'rows of instance two are unreadable'; END IF; RETURN t; END $$ LANGUAGE "
         "plpgsql; CREATE VIEW scan.file AS SELECT instance_id, request_id, refuse(instance_id, filetype_details) AS "

@@ -2,90 +2,110 @@
 
 #include <gtest/gtest.h>
 
-#include <QString>
-
+#include <ostream>
+#include <tuple>
+#include <utility>
 #include <vector>
 
 namespace {
 
-constexpr int kSlotsPerBlock = 291;
+// Few slots to a block, so that the ranges below read at a glance.
+constexpr int kSlotsPerBlock = 10;
 
-struct Range {
-    qint64 first;
-    qint64 end;
-};
+// Relation, first slot, end.
+using Range = std::tuple<int, qint64, qint64>;
 
-// The cursor over one relation of ten blocks, each range taken before the next is handed out.
-class RangeCursorTest : public testing::Test
+ScanTable tableOf(const std::vector<qint64> &blocks)
 {
-protected:
-    void SetUp() override
-    {
-        ASSERT_TRUE(qEnvironmentVariableIsEmpty(UnitSizer::kBlocksVariable));
-        ASSERT_TRUE(qEnvironmentVariableIsEmpty(UnitSizer::kTargetVariable));
-    }
-
-    Range next()
-    {
-        WorkUnit unit;
-        EXPECT_TRUE(m_cursor.next(unit));
-        return {unit.first, unit.end};
-    }
-    static WorkUnit range(qint64 first, qint64 end)
-    {
-        WorkUnit unit;
-        unit.kind = WorkUnit::Kind::Range;
-        unit.first = first;
-        unit.end = end;
-        return unit;
-    }
-
-    const ScanTable m_table
-        = ScanTable::ofRelations(kSlotsPerBlock, {{QStringLiteral("scan.file"), 10, QStringLiteral("1")}});
-    RangeCursor m_cursor{m_table};
-};
-
-TEST_F(RangeCursorTest, ARangeThatHeldNoRowTakesTheRestOfItsBlockInTheNext)
-{
-    m_cursor.sizer().measured(UnitSizer::kFirstSlots, 1, 1);
-    m_cursor.sizer().measured(2, UnitSizer::kTargetMs, 1);
-    const Range first = next();
-    ASSERT_EQ(first.end, 2);
-    m_cursor.heldNoRow(range(first.first, first.end));
-    EXPECT_EQ(next().end, kSlotsPerBlock);
+    QVector<ScanTable::Relation> relations;
+    for (const qint64 count : blocks)
+        relations.append({QStringLiteral("r%1").arg(relations.size()), count, QStringLiteral("1")});
+    return ScanTable::ofRelations(kSlotsPerBlock, relations);
 }
 
-// Item 0 of a block holds no row: a range that reached only that far into a block of large rows
-// says nothing of the rest, which must still be taken a row at a time.
-TEST_F(RangeCursorTest, ARangeThatReachedOnlyItemZeroOfABlockSaysNothingOfTheRest)
+struct CursorCase {
+    const char *name;
+    // The blocks of each relation.
+    std::vector<qint64> blocks;
+    // Ranges done by an earlier run.
+    std::vector<Range> done;
+    // In slots, as the sizer has measured it.
+    qint64 size;
+    std::vector<Range> handedOut;
+    // A range (by its place in handedOut) that held no row, said once this many were handed out.
+    std::pair<int, int> heldNoRow = {-1, -1};
+};
+
+void PrintTo(const CursorCase &c, std::ostream *os)
 {
-    m_cursor.skip(0, {{0, kSlotsPerBlock}});
-    m_cursor.sizer().measured(1, UnitSizer::kTargetMs, 1);
-    const Range itemZero = next();
-    ASSERT_EQ(itemZero.first, kSlotsPerBlock);
-    ASSERT_EQ(itemZero.end, kSlotsPerBlock + 1);
-    m_cursor.heldNoRow(range(itemZero.first, itemZero.end));
-    const Range after = next();
-    EXPECT_EQ(after.first, kSlotsPerBlock + 1);
-    EXPECT_EQ(after.end, kSlotsPerBlock + 2);
+    *os << c.name;
 }
 
-TEST_F(RangeCursorTest, RangesDoneBeforeAreSkippedAndNoneIsHandedOutTwice)
+class RangeCursorTest : public testing::TestWithParam<CursorCase>
 {
-    EXPECT_EQ(m_cursor.skip(0, {{2 * kSlotsPerBlock, 5 * kSlotsPerBlock}}), 3 * kSlotsPerBlock);
-    m_cursor.sizer().measured(4 * kSlotsPerBlock, 1, 100);
-    std::vector<bool> taken(10 * kSlotsPerBlock, false);
-    for (qint64 slot = 2 * kSlotsPerBlock; slot < 5 * kSlotsPerBlock; ++slot)
-        taken[slot] = true;
+};
+
+TEST_P(RangeCursorTest, HandsOutEveryRangeNotDoneOnceInOrder)
+{
+    ASSERT_TRUE(qEnvironmentVariableIsEmpty(UnitSizer::kBlocksVariable));
+    const CursorCase &c = GetParam();
+    const ScanTable table = tableOf(c.blocks);
+    RangeCursor cursor(table);
+    for (const auto &[relation, first, end] : c.done)
+        cursor.skip(relation, {{first, end}});
+    cursor.sizer().measured(c.size, UnitSizer::kTargetMs, 1);
+    ASSERT_EQ(cursor.sizer().size(), c.size);
+    std::vector<WorkUnit> units;
+    std::vector<Range> handedOut;
     WorkUnit unit;
-    while (m_cursor.next(unit)) {
-        for (qint64 slot = unit.first; slot < unit.end; ++slot) {
-            ASSERT_FALSE(taken[slot]) << "slot " << slot;
-            taken[slot] = true;
-        }
+    // Bounded, for a cursor that never ends.
+    while (handedOut.size() <= c.handedOut.size() && cursor.next(unit)) {
+        units.push_back(unit);
+        handedOut.emplace_back(unit.relation, unit.first, unit.end);
+        if (int(units.size()) == c.heldNoRow.second)
+            cursor.heldNoRow(units[c.heldNoRow.first]);
     }
-    for (qint64 slot = 0; slot < qint64(taken.size()); ++slot)
-        ASSERT_TRUE(taken[slot]) << "slot " << slot;
+    EXPECT_EQ(handedOut, c.handedOut);
+    EXPECT_FALSE(cursor.next(unit)) << "the end stays the end";
+}
+
+INSTANTIATE_TEST_SUITE_P(Tables, RangeCursorTest,
+    testing::Values(CursorCase{"RangesOfTheSizersSize", {3}, {}, 12, {{0, 0, 12}, {0, 12, 24}, {0, 24, 30}}},
+        CursorCase{"RelationsInTurnNoRangeReachingIntoTheNext", {2, 1}, {}, 15, {{0, 0, 15}, {0, 15, 20}, {1, 0, 10}}},
+        CursorCase{"ARelationWithoutBlocksIsPassedOver", {1, 0, 1}, {}, 10, {{0, 0, 10}, {2, 0, 10}}},
+        CursorCase{"NothingOfATableWithoutRelations", {}, {}, 10, {}},
+        CursorCase{"ARangeDoneEndsTheRangeBeforeIt", {3}, {{0, 12, 20}}, 10, {{0, 0, 10}, {0, 10, 12}, {0, 20, 30}}},
+        CursorCase{"RangesDoneAtTheStartAndTheEnd", {3}, {{0, 0, 10}, {0, 25, 30}}, 10, {{0, 10, 20}, {0, 20, 25}}},
+        CursorCase{"RangesDoneOfOneRelationOnly", {1, 1}, {{1, 0, 5}}, 10, {{0, 0, 10}, {1, 5, 10}}},
+        CursorCase{"NothingWhenAllIsDone", {2}, {{0, 0, 20}}, 10, {}},
+        // A block's row versions are numbered from its start: the rest of it most likely holds none either.
+        CursorCase{"ARangeThatHeldNoRowTakesTheRestOfItsBlockOnce", {2}, {}, 3,
+            {{0, 0, 3}, {0, 3, 10}, {0, 10, 13}, {0, 13, 16}, {0, 16, 19}, {0, 19, 20}}, {0, 1}},
+        // Said by another connection after a further range was handed out.
+        CursorCase{"SaidLateTheRestIsTakenByTheNextRangeInTheBlock", {2}, {}, 3,
+            {{0, 0, 3}, {0, 3, 6}, {0, 6, 10}, {0, 10, 13}, {0, 13, 16}, {0, 16, 19}, {0, 19, 20}}, {0, 2}},
+        CursorCase{"TheRestOfTheBlockStopsAtARangeDone", {2}, {{0, 5, 10}}, 3,
+            {{0, 0, 3}, {0, 3, 5}, {0, 10, 13}, {0, 13, 16}, {0, 16, 19}, {0, 19, 20}}, {0, 1}},
+        CursorCase{"OneEndingAtItsBlocksEndSaysNothingOfTheNext", {2}, {}, 5,
+            {{0, 0, 5}, {0, 5, 10}, {0, 10, 15}, {0, 15, 20}}, {1, 2}},
+        // Item 0 of a block never holds a row: a block of large rows must still be taken a row at a time.
+        CursorCase{"OneThatReachedOnlyItemZeroSaysNothingOfTheRest", {2}, {{0, 0, 10}, {0, 13, 20}}, 1,
+            {{0, 10, 11}, {0, 11, 12}, {0, 12, 13}}, {0, 1}},
+        CursorCase{"OneOfARelationSaysNothingOfAnother", {1, 2}, {}, 7,
+            {{0, 0, 7}, {0, 7, 10}, {1, 0, 7}, {1, 7, 14}, {1, 14, 20}}, {0, 2}}),
+    [](const testing::TestParamInfo<CursorCase> &info) { return info.param.name; });
+
+TEST(RangeCursorSlots, CountsEveryRelationsSlotsAndThoseOfTheRangesDone)
+{
+    const ScanTable table = tableOf({2, 3});
+    RangeCursor cursor(table);
+    EXPECT_EQ(cursor.totalSlots(), 50);
+    EXPECT_EQ(cursor.skip(1, {{0, 10}, {20, 25}}), 15);
+    WorkUnit unit;
+    unit.relation = 1;
+    unit.first = 12;
+    unit.end = 30;
+    EXPECT_EQ(cursor.text(unit), QStringLiteral("(1,2) to (3,0) of r1"));
 }
 
 } // namespace

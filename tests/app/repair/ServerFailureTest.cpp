@@ -52,10 +52,17 @@ INSTANTIATE_TEST_SUITE_P(SqlStates, ServerFailureTest,
         FailureCase{"RefusalOfARoleThatMayNotWriteStopsTheRun", "42501", false, false, false, Kind::Run},
         FailureCase{"LockNotAvailableIsRetried", "55P03", false, false, true, Kind::Retry},
         FailureCase{"CancelBySomeoneElseIsRetried", "57014", false, false, true, Kind::Retry},
+        FailureCase{"DeadlockIsRetried", "40P01", false, false, true, Kind::Retry},
+        FailureCase{"SerializationFailureIsRetried", "40001", false, false, true, Kind::Retry},
         FailureCase{"CancelByTheRunsInterruptIsInterrupted", "57014", false, true, true, Kind::Interrupted},
         FailureCase{"AdministratorShutdownIsTheConnection", "57P01", false, false, true, Kind::Connection},
+        FailureCase{"CrashShutdownIsTheConnection", "57P02", false, false, true, Kind::Connection},
+        FailureCase{"CannotConnectNowIsTheConnection", "57P03", false, false, true, Kind::Connection},
         FailureCase{"ReadOnlyTransactionStopsTheRun", "25006", false, false, true, Kind::Run},
         FailureCase{"DiskFullStopsTheRun", "53100", false, false, true, Kind::Run},
+        FailureCase{"IoErrorStopsTheRun", "58030", false, false, true, Kind::Run},
+        FailureCase{"UndefinedTableStopsTheRun", "42P01", false, false, true, Kind::Run},
+        FailureCase{"FeatureNotSupportedStopsTheRun", "0A000", false, false, true, Kind::Run},
         // A foreign-data wrapper's remote server, while the tool's own connection is alive.
         FailureCase{"RemoteUnableToConnectIsTheRows", "08001", false, false, true, Kind::Rows},
         FailureCase{"RemoteConnectionFailureIsTheRows", "08006", false, false, true, Kind::Rows},
@@ -63,7 +70,8 @@ INSTANTIATE_TEST_SUITE_P(SqlStates, ServerFailureTest,
             "UnableToConnectWithTheConnectionLostIsTheConnection", "08001", true, false, true, Kind::Connection},
         FailureCase{
             "ConnectionFailureWithTheConnectionLostIsTheConnection", "08006", true, false, true, Kind::Connection},
-        FailureCase{"NoSqlStateWithTheConnectionLostIsTheConnection", "", true, false, false, Kind::Connection}),
+        FailureCase{"NoSqlStateWithTheConnectionLostIsTheConnection", "", true, false, false, Kind::Connection},
+        FailureCase{"RefusalWithTheConnectionLostIsTheConnection", "42501", true, false, false, Kind::Connection}),
     [](const testing::TestParamInfo<FailureCase> &info) { return info.param.name; });
 
 } // namespace

@@ -17,6 +17,8 @@ struct Measure {
     qint64 ms;
     qint64 rowsRead;
 };
+// A range that failed: it measured nothing.
+constexpr Measure kFailed{-1, 0, 0};
 
 struct SizerCase {
     const char *name;
@@ -33,8 +35,12 @@ TEST_P(UnitSizerTest, SizesTheNextRangeFromWhatTheLastOnesTook)
     ASSERT_TRUE(qEnvironmentVariableIsEmpty(UnitSizer::kBlocksVariable));
     ASSERT_TRUE(qEnvironmentVariableIsEmpty(UnitSizer::kTargetVariable));
     UnitSizer sizer(kSlotsPerBlock);
-    for (const Measure &measure : GetParam().measures)
-        sizer.measured(measure.slotCount, measure.ms, measure.rowsRead);
+    for (const Measure &measure : GetParam().measures) {
+        if (measure.slotCount == kFailed.slotCount)
+            sizer.failed();
+        else
+            sizer.measured(measure.slotCount, measure.ms, measure.rowsRead);
+    }
     EXPECT_EQ(sizer.size(), GetParam().size);
 }
 
@@ -57,15 +63,18 @@ INSTANTIATE_TEST_SUITE_P(Ranges, UnitSizerTest,
             {{kSlotsPerBlock, 5 * kTarget, 7}, {58, 5 * kTarget, 0}, {58, 5 * kTarget, 7}}, 116},
         SizerCase{"SlowOneShrinksAtOnceToFitTheTarget", {{200, 10 * kTarget, 50}}, 20},
         SizerCase{"NeverBelowOneSlot", {{2, 1000 * kTarget, 1}}, 1},
-        SizerCase{"NeverOverTheBlockBound", {{kBound, 1, 1000}, {kBound, 1, 1000}}, kBound}),
+        SizerCase{"NeverOverTheBlockBound", {{kBound, 1, 1000}, {kBound, 1, 1000}}, kBound},
+        SizerCase{"QuickOneGrowsTowardTheTargetNotPastIt", {{kSlotsPerBlock, 60, 7}}, (kSlotsPerBlock * kTarget) / 60},
+        SizerCase{"SlowOneAfterGrowthShrinksAtOnce", {{kSlotsPerBlock, 1, 7}, {2 * kSlotsPerBlock, 10 * kTarget, 14}},
+            2 * kSlotsPerBlock / 10},
+        // A short range at the end of a relation says little about a longer one.
+        SizerCase{"ShortRangeGrowsFromTheSizeNotFromItself", {{kSlotsPerBlock, 1, 7}, {10, 1, 3}}, 10 * kTarget},
+        SizerCase{"OverheadIsTheLeastARangeWithoutRowsTook",
+            {{100, 40, 0}, {100, 10, 0}, {100, 25, 0}, {kSlotsPerBlock, kTarget + 10, 7}}, kSlotsPerBlock},
+        SizerCase{"RangeOfNoSlotsMeasuresNothing", {{0, 10 * kTarget, 1}}, UnitSizer::kFirstSlots},
+        SizerCase{"FailedRangeEndsTheFirstFewRows", {kFailed}, (UnitSizer::kFirstBlocks * kSlotsPerBlock)},
+        SizerCase{"FailedRangeKeepsTheSizeMeasured", {{kSlotsPerBlock, 1, 7}, kFailed}, 2 * kSlotsPerBlock}),
     [](const testing::TestParamInfo<SizerCase> &info) { return info.param.name; });
-
-TEST(UnitSizerFailed, AFailedRangeEndsTheFirstFewRows)
-{
-    UnitSizer sizer(kSlotsPerBlock);
-    sizer.failed();
-    EXPECT_EQ(sizer.size(), UnitSizer::kFirstBlocks * kSlotsPerBlock);
-}
 
 TEST(UnitSizerFixed, ForcedBlocksIgnoreWhatRangesTook)
 {

@@ -1,0 +1,171 @@
+#include "app/run/OperatorOptions.h"
+
+#include "support/QtPrinters.h"
+
+#include <gtest/gtest.h>
+
+#include <ostream>
+#include <tuple>
+
+void PrintTo(RunMode mode, std::ostream *os)
+{
+    static const char *const names[]
+        = {"Repair", "ChangedOnly", "Batched", "DryRun", "Undo", "ListRuns", "Forget", "VerifyOnly", "SkipRepair"};
+    *os << names[static_cast<int>(mode)];
+}
+
+namespace {
+
+// Not the product's default of 10, so that a bound that does not come from the pool shows.
+constexpr int kPool = 4;
+
+enum Flags { None = 0, Journal = 1, Verify = 2, Verbose = 4 };
+
+OperatorOptions accepted(RunMode mode, int flags = None, int jobs = 1, int run = 0)
+{
+    OperatorOptions options;
+    options.mode = mode;
+    options.journal = flags & Journal;
+    options.verify = flags & Verify;
+    options.verbose = flags & Verbose;
+    options.jobs = jobs;
+    options.run = run;
+    return options;
+}
+
+// The line the run says, on the console and in the run log, before it ends with status 1.
+OperatorOptions refused(const QString &error)
+{
+    OperatorOptions options;
+    options.error = error;
+    return options;
+}
+OperatorOptions jobsRefused(const QString &given)
+{
+    return refused(
+        QStringLiteral("--jobs needs a number from 1 to 4 (the connection pool, internal/db_connection), not \"%1\"")
+            .arg(given));
+}
+OperatorOptions runRefused(const QString &option, const QString &given)
+{
+    return refused(
+        QStringLiteral("%1 needs the number of a journaled run (--runs lists them), not \"%2\"").arg(option, given));
+}
+OperatorOptions excluded(const QString &option, const QString &other)
+{
+    return refused(QStringLiteral("%1 cannot be combined with %2").arg(option, other));
+}
+
+// Any list that is not the operator's options alone keeps the product's meaning (connect, change
+// nothing); an argument that looks like a misspelt option is named, with the option it resembles.
+OperatorOptions unrecognised(const QString &misspelt = QString(), const QString &meant = QString())
+{
+    OperatorOptions options;
+    if (!misspelt.isEmpty())
+        options.misspelling = QStringLiteral("\"%1\" is not an option of this tool; %2 is. The run opens the database "
+                                             "and skips the repair, as it does for any argument it does not know.")
+                                  .arg(misspelt, meant);
+    return options;
+}
+
+struct Case {
+    const char *name;
+    QStringList arguments;
+    OperatorOptions expected;
+};
+
+void PrintTo(const Case &c, std::ostream *os)
+{
+    *os << c.name;
+}
+
+class OperatorOptionsTest : public testing::TestWithParam<Case>
+{
+};
+
+// What the run is given to do, but the texts.
+auto settingsOf(const OperatorOptions &options)
+{
+    return std::tuple(options.mode, options.journal, options.verify, options.verbose, options.jobs, options.run);
+}
+
+TEST_P(OperatorOptionsTest, ReadsTheListAsTheOperatorMeantIt)
+{
+    const OperatorOptions &expected = GetParam().expected;
+    const OperatorOptions options = OperatorOptions::parse(GetParam().arguments, kPool);
+    EXPECT_EQ(options.error, expected.error);
+    EXPECT_EQ(options.misspelling, expected.misspelling);
+    // A refused list runs nothing, whatever else it asked for.
+    if (expected.error.isEmpty()) {
+        EXPECT_EQ(settingsOf(options), settingsOf(expected));
+    }
+}
+
+const auto kName = [](const testing::TestParamInfo<Case> &info) { return std::string(info.param.name); };
+
+INSTANTIATE_TEST_SUITE_P(Accepted, OperatorOptionsTest,
+    testing::Values(Case{"NoneIsTheProductsPass", {}, accepted(RunMode::Repair)},
+        Case{"DryRun", {"--dry-run"}, accepted(RunMode::DryRun)},
+        Case{"ChangedOnly", {"--changed-only"}, accepted(RunMode::ChangedOnly)},
+        Case{"Batched", {"--batched"}, accepted(RunMode::Batched)},
+        Case{"JournalIsABatchedRepair", {"--journal"}, accepted(RunMode::Batched, Journal)},
+        Case{"VerifyAlone", {"--verify"}, accepted(RunMode::VerifyOnly, Verify)},
+        Case{"VerifyAfterChangedOnly", {"--verify", "--changed-only"}, accepted(RunMode::ChangedOnly, Verify)},
+        Case{"VerifyAfterAJournal", {"--journal", "--verify", "--batched"},
+            accepted(RunMode::Batched, Journal | Verify)},
+        Case{"Runs", {"--runs"}, accepted(RunMode::ListRuns)},
+        Case{"UndoApart", {"--undo", "3"}, accepted(RunMode::Undo, None, 1, 3)},
+        Case{"UndoJoined", {"--undo=3"}, accepted(RunMode::Undo, None, 1, 3)},
+        Case{"ForgetApart", {"--forget", "2"}, accepted(RunMode::Forget, None, 1, 2)},
+        Case{"ForgetJoined", {"--forget=12"}, accepted(RunMode::Forget, None, 1, 12)},
+        // Jobs alone keep the product's pass, on several connections.
+        Case{"JobsApart", {"--jobs", "2"}, accepted(RunMode::Repair, None, 2)},
+        Case{"JobsJoined", {"--jobs=3"}, accepted(RunMode::Repair, None, 3)},
+        Case{"AsManyJobsAsThePool", {"--jobs=4"}, accepted(RunMode::Repair, None, kPool)},
+        Case{"JobsBeforeAMode", {"--jobs", "2", "--changed-only"}, accepted(RunMode::ChangedOnly, None, 2)},
+        Case{"Verbose", {"--verbose"}, accepted(RunMode::Repair, Verbose)},
+        Case{"VerboseShort", {"-v"}, accepted(RunMode::Repair, Verbose)},
+        Case{"VerboseAmongOthers", {"--batched", "-v", "--jobs", "2"}, accepted(RunMode::Batched, Verbose, 2)}),
+    kName);
+
+INSTANTIATE_TEST_SUITE_P(Refused, OperatorOptionsTest,
+    testing::Values(Case{"NoJobs", {"--jobs", "0"}, jobsRefused("0")},
+        Case{"MoreJobsThanThePool", {"--jobs=5"}, jobsRefused("5")},
+        Case{"JobsNotANumber", {"--jobs", "x"}, jobsRefused("x")},
+        Case{"JobsWithoutAValue", {"--jobs"}, jobsRefused("")},
+        Case{"JobsOfAMode", {"--changed-only", "--jobs", "9"}, jobsRefused("9")},
+        Case{"UndoNotANumber", {"--undo", "x"}, runRefused("--undo", "x")},
+        Case{"UndoZero", {"--undo=0"}, runRefused("--undo", "0")},
+        Case{"ForgetWithoutARun", {"--forget"}, runRefused("--forget", "")},
+        Case{"RunsAndUndo", {"--undo", "1", "--runs"}, excluded("--runs", "--undo")},
+        Case{"UndoAndARepair", {"--batched", "--undo=1"}, excluded("--undo", "--batched")},
+        Case{"UndoAndForget", {"--forget", "1", "--undo", "1"}, excluded("--undo", "--forget")},
+        Case{"ForgetAndVerify", {"--verify", "--forget=1"}, excluded("--forget", "--verify")},
+        Case{"ExclusionBeforeTheRunsNumber", {"--undo", "x", "--batched"}, excluded("--undo", "--batched")},
+        Case{"DryRunAndVerify", {"--verify", "--dry-run"},
+            refused("--verify checks the table after a repair, and --dry-run repairs nothing: use --verify alone")}),
+    kName);
+
+INSTANTIATE_TEST_SUITE_P(Unrecognised, OperatorOptionsTest,
+    testing::Values(Case{"AShortOption", {"-H"}, unrecognised()}, Case{"TwoWords", {"a", "b"}, unrecognised()},
+        Case{"HelpWithMore", {"--help", "x"}, unrecognised()},
+        Case{"AnOptionWithMore", {"--batched", "extra"}, unrecognised()},
+        Case{"OfNoResemblance", {"--version"}, unrecognised()}, Case{"ThreeEditsAway", {"--batxhxx"}, unrecognised()},
+        Case{"TwoEditsOfAShortName", {"--rxnx"}, unrecognised()}, Case{"ASingleDash", {"-batchd"}, unrecognised()},
+        Case{"ARepeatedFlag", {"--batched", "--batched"}, unrecognised()},
+        Case{"VerboseTwice", {"-v", "--verbose"}, unrecognised()},
+        Case{"JobsTwice", {"--jobs", "2", "--jobs", "3"}, unrecognised()},
+        Case{"ALetterDropped", {"--batchd"}, unrecognised("--batchd", "--batched")},
+        Case{"Capitals", {"--BATCHED"}, unrecognised("--BATCHED", "--batched")},
+        Case{"ACut", {"--batch"}, unrecognised("--batch", "--batched")},
+        Case{"ALongCut", {"--chang"}, unrecognised("--chang", "--changed-only")},
+        Case{"AnUnderscore", {"--changed_only"}, unrecognised("--changed_only", "--changed-only")},
+        Case{"LettersSwapped", {"--verbsoe"}, unrecognised("--verbsoe", "--verbose")},
+        Case{"AValuedOptionCut", {"--job=2"}, unrecognised("--job=2", "--jobs")},
+        Case{"AValuedOptionBeforeItsValue", {"--udno", "1"}, unrecognised("--udno", "--undo")},
+        Case{"AFlagGivenAValue", {"--dry-run=yes"}, unrecognised("--dry-run=yes", "--dry-run")},
+        Case{"AmongGoodOptions", {"--jobs", "2", "--jurnal"}, unrecognised("--jurnal", "--journal")},
+        Case{"TheFirstOfTwo", {"--vrify", "--batchd"}, unrecognised("--vrify", "--verify")}),
+    kName);
+
+} // namespace
