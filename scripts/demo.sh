@@ -33,7 +33,8 @@ run_tool() {
     (cd "$demo/work" && "$tool" "$@") || status=$?
     echo "(exit status $status)"
 }
-sql() { PGPASSWORD="$password" psql -X -q -h 127.0.0.1 -p "$port" -U zentrix "$@"; }
+# No pager: in a terminal narrower than the rows psql would stop at each table for a key.
+sql() { PGPASSWORD="$password" psql -X -q -P pager=off -h 127.0.0.1 -p "$port" -U zentrix "$@"; }
 start_server() { as_account "$pgbin/pg_ctl" start -D "$demo/data/pg_data" -w -l "$demo/data/pg_data/demo.log" -o "-p $port -k ''" >/dev/null; }
 stop_server() { as_account "$pgbin/pg_ctl" stop -D "$demo/data/pg_data" -m fast >/dev/null; }
 
