@@ -6,6 +6,10 @@
 # installation: the first run creates the cluster (and stops it again), the demo then
 # creates the product database with sample rows the way the product would, and the
 # second run starts the server, repairs the rows and stops it.
+#
+# Then it puts the damaged texts back and shows the run to use in production: a dry run, the
+# journaled and verified repair (--journal --verify), the journaled runs (--runs) and the undo
+# of that run (--undo N), which must leave every row as it was before the repair.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 top=$(pwd)
@@ -33,7 +37,8 @@ run_tool() {
     (cd "$demo/work" && "$tool" "$@") || status=$?
     echo "(exit status $status)"
 }
-sql() { PGPASSWORD="$password" psql -X -q -h 127.0.0.1 -p "$port" -U zentrix "$@"; }
+# No pager: in a terminal narrower than the rows psql would stop at each table for a key.
+sql() { PGPASSWORD="$password" psql -X -q -P pager=off -h 127.0.0.1 -p "$port" -U zentrix "$@"; }
 start_server() { as_account "$pgbin/pg_ctl" start -D "$demo/data/pg_data" -w -l "$demo/data/pg_data/demo.log" -o "-p $port -k ''" >/dev/null; }
 stop_server() { as_account "$pgbin/pg_ctl" stop -D "$demo/data/pg_data" -m fast >/dev/null; }
 
@@ -51,9 +56,8 @@ section "Creating the product database with sample rows for three instances"
 start_server
 sql -d postgres -c "CREATE DATABASE $dbname"
 sql -d "$dbname" -f "$top/tests/fixtures/product-schema.sql"
-sql -d "$dbname" <<'SQL'
-INSERT INTO warehouse.control_refresh VALUES (1, 0), (2, 0), (3, 0);
-INSERT INTO scan.file (instance_id, request_id, filetype_details) VALUES
+# The damaged texts are put back after the plain run, so they are written once for both.
+samples=$(cat <<'SQL'
   (1, 10, '{"type":"PE32","name":"lone high \ud800 surrogate"}'),
   (1, 11, '{"type":"PE32","name":"lone low \udc00 surrogate"}'),
   (1, 12, '{"type":"ZIP","name":"valid pair \ud83d\ude00 stays"}'),
@@ -62,8 +66,11 @@ INSERT INTO scan.file (instance_id, request_id, filetype_details) VALUES
   (2, 12, '{"type":"ELF","name":"hex \x41 escape, upper \X42"}'),
   (3, 10, '{"type":"DOC","name":"upper-case \U0000 and \uD800"}'),
   (3, 11, '{"type":"TXT","name":"escaped backslash \\ stays"}'),
-  (3, 3,  '{"type":"OLD","name":"request not after the instance id: left \ud800"}');
+  (3, 3,  '{"type":"OLD","name":"request not after the instance id: left \ud800"}')
 SQL
+)
+sql -d "$dbname" -c "INSERT INTO warehouse.control_refresh VALUES (1, 0), (2, 0), (3, 0)" \
+    -c "INSERT INTO scan.file (instance_id, request_id, filetype_details) VALUES $samples"
 checker="CREATE FUNCTION pg_temp.is_jsonb(t text) RETURNS boolean LANGUAGE plpgsql AS
   \$\$ BEGIN PERFORM t::jsonb; RETURN true; EXCEPTION WHEN others THEN RETURN false; END \$\$;"
 show_rows() {
@@ -85,6 +92,56 @@ section "After"
 start_server
 show_rows
 stop_server
+
+# The rows' texts alone, to compare the rows before the journaled run with those after its undo.
+texts() { sql -d "$dbname" -At -c "SELECT id, filetype_details FROM scan.file ORDER BY id"; }
+
+section "The same damaged texts put back, for the run to use in production"
+start_server
+sql -d "$dbname" -c "UPDATE scan.file AS f SET filetype_details = s.details
+    FROM (VALUES $samples) AS s (instance_id, request_id, details)
+    WHERE f.instance_id = s.instance_id AND f.request_id = s.request_id"
+show_rows
+before_journal=$(texts)
+stop_server
+
+section "Dry run before the production run: counts only, writes nothing"
+run_tool --dry-run
+
+section "Production run (--journal --verify): journaled, so resumable and undoable, then verified by a jsonb cast"
+run_tool --journal --verify
+
+section "After the production run"
+start_server
+show_rows
+stop_server
+
+section "Journaled runs (--runs)"
+listing=$(run_tool --runs)
+echo "$listing"
+# Each demo makes a fresh cluster, so this is always run 1; it is read from the listing anyway
+# so that the undo names the run the listing shows.
+run=$(sed -n 's/^Run \([0-9][0-9]*\): .*/\1/p' <<<"$listing" | tail -n 1)
+if [ -z "$run" ]; then
+    echo "demo: --runs listed no journaled run" >&2
+    exit 1
+fi
+
+section "Undoing run $run (--undo $run): the texts it replaced put back"
+run_tool --undo "$run"
+
+section "After the undo: compared with the rows before the production run"
+start_server
+show_rows
+after_undo=$(texts)
+stop_server
+if [ "$after_undo" = "$before_journal" ]; then
+    echo "rows back as they were: yes"
+else
+    echo "rows back as they were: no (< before the production run, > after the undo)" >&2
+    diff <(echo "$before_journal") <(echo "$after_undo") >&2 || true
+    exit 1
+fi
 
 section "Run log ($(ls "$demo"/data/logs/*.log))"
 cat "$demo"/data/logs/*.log

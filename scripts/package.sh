@@ -7,8 +7,9 @@ cd "$(dirname "$0")/.."
 # dpkg-shlibdeps (dpkg-dev) and file compute the dependencies of the binaries; lintian checks
 # the package against Debian's policy.
 ./scripts/install-deps.sh dpkg-dev file lintian
-cmake -S . -B build-package -DCMAKE_BUILD_TYPE=Release -DZENTRIX_BUILD_TESTS=OFF >/dev/null
-cmake --build build-package -j "$(nproc)" -- --no-print-directory >/dev/null
+# build-package/ and its options are CMake's preset "package" (CMakePresets.json).
+cmake --preset package >/dev/null
+cmake --build --preset package -j "$(nproc)" -- --no-print-directory >/dev/null
 rm -rf build-package/cpack dist
 (cd build-package && cpack -G DEB -B cpack >/dev/null)
 mkdir -p dist
