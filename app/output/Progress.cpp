@@ -88,6 +88,16 @@ void Progress::setWaiting(const QString &text)
     m_waiting = text;
 }
 
+void Progress::setPause(const QString &cause)
+{
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    if (!cause.isEmpty() && m_pause.isEmpty())
+        m_pauseStart = m_clock.elapsed();
+    if (cause.isEmpty() && !m_pause.isEmpty())
+        m_pausedMs += m_clock.elapsed() - m_pauseStart;
+    m_pause = cause;
+}
+
 // A step that begins is drawn at once, so that even a short one is seen.
 void Progress::begin(const QString &step)
 {
@@ -109,12 +119,14 @@ QString Progress::line() const
 {
     const std::lock_guard<std::mutex> lock(m_mutex);
     const qint64 elapsed = m_clock.elapsed();
+    const qint64 pausedNow = m_pause.isEmpty() ? 0 : elapsed - m_pauseStart;
+    const qint64 working = elapsed - m_pausedMs - pausedNow;
     QStringList parts = {duration(elapsed)};
     if (m_total > 0) {
         const double share = double(m_done) / double(m_total);
         const QString left = m_done == 0
             ? QStringLiteral("estimating the time left")
-            : QStringLiteral("about %1 left").arg(duration(qint64(elapsed * (1 - share) / share)));
+            : QStringLiteral("about %1 left").arg(duration(qint64(working * (1 - share) / share)));
         parts << QStringLiteral("%1% of %2, rows changed: %3, %4")
                      .arg(int(share * 100))
                      .arg(m_whatOf)
@@ -127,6 +139,8 @@ QString Progress::line() const
         parts << m_inFlight.join(QStringLiteral(", "));
     if (!m_waiting.isEmpty())
         parts << m_waiting;
+    if (!m_pause.isEmpty())
+        parts << QStringLiteral("paused %1: %2").arg(duration(pausedNow), m_pause);
     return parts.join(QStringLiteral("; "));
 }
 

@@ -64,11 +64,17 @@ public:
     void stepDone();
     // What the run waits for, shown until it is cleared with an empty text.
     void setWaiting(const QString &text);
+    // Why the run starts no new unit, shown with how long it has paused until it is cleared with an
+    // empty text; the time left counts working time only.
+    void setPause(const QString &cause);
 
     // The text of the line as it stands.
     QString line() const;
     // Whether anyone sees the line: a terminal, the run log or --verbose.
     bool shown() const { return active(); }
+
+    // "12 s", "3 min 4 s", "1 h 2 min".
+    static QString duration(qint64 ms);
 
 private:
     void begin(const QString &step);
@@ -77,7 +83,6 @@ private:
     void work();
     void show(bool logDue);
     void draw(const QString &text) const;
-    static QString duration(qint64 ms);
 
     RunLog &m_log;
     const VerboseLog &m_verbose;
@@ -97,5 +102,9 @@ private:
     QString m_stepName;
     QStringList m_inFlight;
     QString m_waiting;
+    QString m_pause;
+    // On m_clock: when the pause began, and the time paused before it.
+    qint64 m_pauseStart = 0;
+    qint64 m_pausedMs = 0;
     std::unique_ptr<QThread> m_thread;
 };

@@ -1,5 +1,6 @@
 #include "app/repair/RepairEngine.h"
 
+#include "app/health/PauseGate.h"
 #include "app/output/Progress.h"
 #include "app/output/Reporter.h"
 #include "app/repair/LockWatch.h"
@@ -11,6 +12,7 @@
 #include "app/run/LibpqHandle.h"
 
 #include <QDateTime>
+#include <QElapsedTimer>
 #include <QSqlError>
 #include <QSqlQuery>
 #include <QThread>
@@ -40,7 +42,7 @@ qint64 stampOf(const QString &connectionName)
 } // namespace
 
 RepairEngine::RepairEngine(const QSqlDatabase &main, Connections connections, RunTally &tally, const Reporter &reporter,
-    Progress &progress, std::function<bool()> interrupted, FailurePolicy policy)
+    Progress &progress, std::function<bool()> interrupted, FailurePolicy policy, PauseGate *gate)
     : m_main(main)
     , m_connections(std::move(connections))
     , m_tally(tally)
@@ -48,6 +50,7 @@ RepairEngine::RepairEngine(const QSqlDatabase &main, Connections connections, Ru
     , m_progress(progress)
     , m_interrupted(std::move(interrupted))
     , m_policy(policy)
+    , m_gate(gate)
     , m_lastStamp(stampOf(m_connections.mainConnectionName))
 { }
 
@@ -69,13 +72,15 @@ bool RepairEngine::run(RepairStrategy &strategy, int jobs, bool watchLocks)
         watch = std::make_unique<LockWatch>(
             [this](QSqlDatabase &database, QString &name) { return openUniquelyNamed(database, name); },
             [this] { return unitsInFlight(); }, m_progress);
-    work(main);
+    work(main, true);
     for (const std::unique_ptr<QThread> &thread : threads)
         thread->wait();
     watch.reset();
     const bool interrupted = m_interrupted();
     strategy.conclude(main.query(), interrupted);
     strategy.report(interrupted);
+    if (m_gate)
+        m_gate->finish();
     return true;
 }
 
@@ -100,7 +105,7 @@ void RepairEngine::workOnFurtherConnection()
             if (m_connections.opened)
                 m_connections.opened(database);
             WorkerConnection connection(database, m_connections.opened);
-            work(connection);
+            work(connection, false);
         } else if (m_connections.failed) {
             m_connections.failed(database.lastError().text());
         }
@@ -120,11 +125,42 @@ bool RepairEngine::openUniquelyNamed(QSqlDatabase &database, QString &connection
     return open;
 }
 
-void RepairEngine::work(WorkerConnection &connection)
+void RepairEngine::work(WorkerConnection &connection, bool runsOwn)
 {
     WorkUnit unit;
-    while (take(unit))
+    while (mayStartUnit(connection, runsOwn) && take(unit)) {
+        QElapsedTimer elapsed;
+        elapsed.start();
         process(connection, unit);
+        if (m_gate)
+            m_gate->rest(elapsed.elapsed(), [this] { return stopping(); });
+    }
+}
+
+bool RepairEngine::mayStartUnit(WorkerConnection &connection, bool runsOwn)
+{
+    if (!m_gate)
+        return true;
+    for (;;) {
+        if (stopping())
+            return false;
+        if (runsOwn)
+            m_gate->look(connection.query());
+        const QString overrun = m_gate->overrun();
+        if (!overrun.isEmpty()) {
+            m_tally.stop(overrun);
+            {
+                const std::lock_guard<std::mutex> lock(m_mutex);
+                m_stopped = true;
+            }
+            m_wake.notify_all();
+            return false;
+        }
+        if (m_gate->open())
+            return true;
+        std::unique_lock<std::mutex> lock(m_mutex);
+        m_wake.wait_for(lock, std::chrono::milliseconds(PauseGate::kWaitPollMs));
+    }
 }
 
 bool RepairEngine::stopping() const

@@ -13,6 +13,7 @@
 #include <mutex>
 
 class LockWatch;
+class PauseGate;
 class Progress;
 class Reporter;
 class RepairStrategy;
@@ -55,14 +56,17 @@ public:
     };
 
     RepairEngine(const QSqlDatabase &main, Connections connections, RunTally &tally, const Reporter &reporter,
-        Progress &progress, std::function<bool()> interrupted, FailurePolicy policy);
+        Progress &progress, std::function<bool()> interrupted, FailurePolicy policy, PauseGate *gate = nullptr);
 
     // False when the mode could not begin (it has said why). watchLocks: look for the lock a
     // unit waits on (LockWatch).
     bool run(RepairStrategy &strategy, int jobs, bool watchLocks);
 
 private:
-    void work(WorkerConnection &connection);
+    void work(WorkerConnection &connection, bool runsOwn);
+    // Waits while the gate is shut, reading the server on the run's own connection; false when the
+    // run stops meanwhile.
+    bool mayStartUnit(WorkerConnection &connection, bool runsOwn);
     void workOnFurtherConnection();
     bool openUniquelyNamed(QSqlDatabase &database, QString &connectionName);
     bool take(WorkUnit &unit);
@@ -87,6 +91,8 @@ private:
     Progress &m_progress;
     const std::function<bool()> m_interrupted;
     const FailurePolicy m_policy;
+    // The server's health and the pace; none for the steps that write nothing.
+    PauseGate *const m_gate;
     RepairStrategy *m_strategy = nullptr;
 
     std::mutex m_openMutex;

@@ -16,9 +16,17 @@ const QString kForget = QStringLiteral("--forget");
 const QString kJobs = QStringLiteral("--jobs");
 const QString kVerbose = QStringLiteral("--verbose");
 const QString kVerboseShort = QStringLiteral("-v");
+const QString kMaxLag = QStringLiteral("--max-lag");
+const QString kMaxArchiveBacklog = QStringLiteral("--max-archive-backlog");
+const QString kPauseFile = QStringLiteral("--pause-file");
+const QString kPace = QStringLiteral("--pace");
+const QString kMaxPause = QStringLiteral("--max-pause");
+const QString kOff = QStringLiteral("off");
 const QStringList kFlags = {kDryRun, kChangedOnly, kBatched, kJournal, kVerify, kRuns};
+// What the writing modes spare the server.
+const QStringList kHealth = {kMaxLag, kMaxArchiveBacklog, kPauseFile, kPace, kMaxPause};
 // Options that take a value, as "--name value" or "--name=value".
-const QStringList kValued = {kJobs, kUndo, kForget};
+const QStringList kValued = QStringList{kJobs, kUndo, kForget} + kHealth;
 
 // The options as given, before they make a mode.
 struct Given {
@@ -65,6 +73,14 @@ QString decide(const Given &given, OperatorOptions &options)
     if (asked.contains(kDryRun) && asked.contains(kVerify))
         return QStringLiteral("--verify checks the table after a repair, and --dry-run repairs nothing: use --verify "
                               "alone");
+    const bool writes
+        = asked.contains(kChangedOnly) || asked.contains(kBatched) || asked.contains(kJournal) || asked.contains(kUndo);
+    for (const QString &option : kHealth) {
+        if (given.values.contains(option) && !writes)
+            return QStringLiteral("%1 spares the server while the tool writes: it goes with --changed-only, --batched, "
+                                  "--journal or --undo")
+                .arg(option);
+    }
     options.journal = asked.contains(kJournal);
     options.verify = asked.contains(kVerify);
     if (asked.contains(kRuns))
@@ -95,6 +111,49 @@ QString misspellingOf(const QStringList &arguments)
             return QStringLiteral("\"%1\" is not an option of this tool; %2 is. The run opens the database and "
                                   "skips the repair, as it does for any argument it does not know.")
                 .arg(argument, option);
+    }
+    return QString();
+}
+
+// A limit in whole units from 1 up, or "off" (0).
+QString limitError(const QString &option, const QString &text, const QString &unit, int &limit)
+{
+    bool ok = false;
+    const int number = text.toInt(&ok);
+    if (text == kOff) {
+        limit = 0;
+        return QString();
+    }
+    if (!ok || number < 1)
+        return QStringLiteral("%1 needs a number of %2 from 1 up, or \"off\", not \"%3\"").arg(option, unit, text);
+    limit = number;
+    return QString();
+}
+
+QString healthError(const QHash<QString, QString> &values, HealthLimits &limits)
+{
+    QString error;
+    if (values.contains(kMaxLag))
+        error = limitError(kMaxLag, values.value(kMaxLag), QStringLiteral("seconds"), limits.maxLagSeconds);
+    if (error.isEmpty() && values.contains(kMaxArchiveBacklog))
+        error = limitError(
+            kMaxArchiveBacklog, values.value(kMaxArchiveBacklog), QStringLiteral("MB"), limits.maxArchiveBacklogMb);
+    if (error.isEmpty() && values.contains(kMaxPause))
+        error = limitError(kMaxPause, values.value(kMaxPause), QStringLiteral("seconds"), limits.maxPauseSeconds);
+    if (!error.isEmpty())
+        return error;
+    if (values.contains(kPace)) {
+        bool ok = false;
+        limits.pacePercent = values.value(kPace).toInt(&ok);
+        if (!ok || limits.pacePercent < 1 || limits.pacePercent > 100)
+            return QStringLiteral("--pace needs the share of time each connection works, a number from 1 to 100, not "
+                                  "\"%1\"")
+                .arg(values.value(kPace));
+    }
+    if (values.contains(kPauseFile)) {
+        limits.pauseFile = values.value(kPauseFile);
+        if (limits.pauseFile.isEmpty())
+            return QStringLiteral("--pause-file needs the path of a file whose presence pauses the run");
     }
     return QString();
 }
@@ -135,5 +194,7 @@ OperatorOptions OperatorOptions::parse(const QStringList &arguments, int poolSiz
         options.error
             = numberError(option, given.values.value(option), poolSize, option == kJobs ? options.jobs : options.run);
     }
+    if (options.error.isEmpty())
+        options.error = healthError(given.values, options.limits);
     return options;
 }

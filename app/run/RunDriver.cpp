@@ -1,5 +1,8 @@
 #include "app/run/RunDriver.h"
 
+#include "app/health/PauseGate.h"
+#include "app/health/ServerHealth.h"
+#include "app/health/WalCompression.h"
 #include "app/journal/JournalCommands.h"
 #include "app/journal/RunJournal.h"
 #include "app/output/Console.h"
@@ -234,17 +237,30 @@ bool RunDriver::runStep(const Pass &pass, const RunPlan::Step &step, RunJournal 
     RunTally tally;
     const StrategyContext context{reporter, pass.verbose, progress, tally, journal};
     const std::unique_ptr<RepairStrategy> strategy = pass.plan.strategyFor(step, context);
+    WalCompression wal;
+    ServerHealth health(pass.plan.limits);
+    PauseGate gate(health, pass.plan.limits, reporter, progress);
+    if (step.spares) {
+        QSqlQuery query(pass.database);
+        wal.choose(query, pass.verbose);
+        wal.apply(pass.database);
+        health.prepare(query, pass.verbose);
+    }
     RepairEngine::Connections connections;
     connections.open = [&pass](QSqlDatabase &extra, QString &name) {
         return pass.service.openConnection(extra, pass.dbName, name, true);
     };
-    connections.opened = [&pass](const QSqlDatabase &database) { pass.canceller.add(database); };
+    connections.opened = [&pass, &wal](const QSqlDatabase &database) {
+        pass.canceller.add(database);
+        wal.apply(database);
+    };
     connections.failed = [&reporter](const QString &error) {
         const QString line = QStringLiteral("Cannot open a further connection for --jobs, going on with fewer");
         reporter.warning(line, QStringLiteral("%1. %2").arg(line, error));
     };
     connections.mainConnectionName = pass.connectionName;
-    RepairEngine engine(pass.database, connections, tally, reporter, progress, interrupted, step.policy);
+    RepairEngine engine(
+        pass.database, connections, tally, reporter, progress, interrupted, step.policy, step.spares ? &gate : nullptr);
     if (!engine.run(*strategy, pass.plan.jobs, step.watchLocks && progress.shown()))
         return false;
     return step.policy == FailurePolicy::ReportAndGoOn || tally.complete();

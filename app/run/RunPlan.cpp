@@ -31,12 +31,12 @@ QStringList toolSessionSettings(bool readOnly)
 
 RunPlan::Step productStep()
 {
-    return {RunPlan::Strategy::ProductPass, FailurePolicy::ReportAndGoOn, false, false};
+    return {RunPlan::Strategy::ProductPass, FailurePolicy::ReportAndGoOn, false, false, false};
 }
 
-RunPlan::Step toolStep(RunPlan::Strategy strategy, bool progressToLog)
+RunPlan::Step toolStep(RunPlan::Strategy strategy, bool progressToLog, bool writes)
 {
-    return {strategy, FailurePolicy::IsolateAndRetry, progressToLog, true};
+    return {strategy, FailurePolicy::IsolateAndRetry, progressToLog, true, writes};
 }
 
 // The tool's modes as steps: the repair (or count, or undo), then the verification when asked.
@@ -45,22 +45,22 @@ QVector<RunPlan::Step> toolSteps(const OperatorOptions &options)
     QVector<RunPlan::Step> steps;
     switch (options.mode) {
     case RunMode::ChangedOnly:
-        steps << toolStep(RunPlan::Strategy::ChangedOnly, false);
+        steps << toolStep(RunPlan::Strategy::ChangedOnly, false, true);
         break;
     case RunMode::Batched:
-        steps << toolStep(options.journal ? RunPlan::Strategy::Journaled : RunPlan::Strategy::Batched, true);
+        steps << toolStep(options.journal ? RunPlan::Strategy::Journaled : RunPlan::Strategy::Batched, true, true);
         break;
     case RunMode::DryRun:
-        steps << toolStep(RunPlan::Strategy::DryRun, false);
+        steps << toolStep(RunPlan::Strategy::DryRun, false, false);
         break;
     case RunMode::Undo:
-        steps << toolStep(RunPlan::Strategy::Undo, true);
+        steps << toolStep(RunPlan::Strategy::Undo, true, true);
         break;
     default:
         break;
     }
     if (options.verify)
-        steps << toolStep(RunPlan::Strategy::Verify, true);
+        steps << toolStep(RunPlan::Strategy::Verify, true, false);
     return steps;
 }
 
@@ -92,6 +92,7 @@ RunPlan RunPlan::make(const QString &productRunMode, const QStringList &argument
     plan.error = options.error;
     plan.misspelling = options.misspelling;
     plan.jobs = options.jobs;
+    plan.limits = options.limits;
     plan.run = options.run;
     plan.verbose = options.verbose;
     plan.work = workOf(options.mode);

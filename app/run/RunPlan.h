@@ -1,5 +1,6 @@
 #pragma once
 
+#include "app/health/HealthLimits.h"
 #include "app/repair/FailurePolicy.h"
 
 #include <QString>
@@ -44,6 +45,8 @@ struct RunPlan {
         bool progressToLog = false;
         // While the progress line is shown, the lock a unit waits on is looked up and shown.
         bool watchLocks = false;
+        // The step writes: its sessions compress their WAL, and it spares the server (limits).
+        bool spares = false;
     };
 
     Work work = Work::Nothing;
@@ -56,6 +59,8 @@ struct RunPlan {
     bool connectionFailureOnConsole = false;
     // Connections the steps work on at once.
     int jobs = 1;
+    // What the writing steps spare the server.
+    HealthLimits limits;
     // The journaled run --undo or --forget works on.
     int run = 0;
     bool verbose = false;

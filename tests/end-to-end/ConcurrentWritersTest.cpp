@@ -4,6 +4,8 @@
 #include "app/repair/UnitSizer.h"
 #include "app/sql/SqlLiteral.h"
 
+#include <QElapsedTimer>
+#include <QFileInfo>
 #include <QProcess>
 #include <QRegularExpression>
 #include <QSqlQuery>
@@ -208,4 +210,146 @@ TEST_F(ToolTest, ALockAnotherSessionHoldsIsWaitedForTwiceAtMostAndCountedOnce)
         if (c.hold == RowThroughTheRun)
             EXPECT_TRUE(err.contains("Rows left unrepaired: 1 (instance 1: 1)")) << err.constData();
     }
+}
+
+namespace {
+// Still running, and no row repaired.
+bool waitedOn(QProcess &tool)
+{
+    return !tool.waitForFinished(0) && count(kBad) == kRows / 2;
+}
+} // namespace
+
+// The operator's pause file holds every new unit back without a kill: an interrupt then ends the
+// run at once, a pause longer than --max-pause ends it resumable, and once the file goes the run
+// goes on where it was and says how long it paused.
+TEST_F(ToolTest, APauseFileHoldsTheRunUntilItGoes)
+{
+    addInstances({1, 2, 3});
+    damagedRows("0");
+    const QString pauseFile = m_sandbox.root() + u"/pause"_s;
+    ToolSandbox::write(pauseFile, QByteArray());
+    const QStringList arguments = {u"--journal"_s, u"--pause-file"_s, pauseFile};
+
+    const ToolSandbox::Result tooLong = m_sandbox.runTool(arguments + QStringList{u"--max-pause"_s, u"1"_s});
+    EXPECT_EQ(tooLong.exitCode, 1);
+    EXPECT_TRUE(tooLong.err.contains("ERROR: The run stopped before its end: it paused longer than --max-pause allows "
+                                     "(1 s) because the pause file "
+        + pauseFile.toUtf8()
+        + " exists; what it "
+          "committed stays, and a --journal run resumes where it stopped\n"))
+        << tooLong.err.constData();
+
+    QProcess interrupted;
+    m_sandbox.startTool(interrupted, arguments);
+    QThread::msleep(1500);
+    ASSERT_TRUE(waitedOn(interrupted));
+    ToolSandbox::interrupt(interrupted);
+    QElapsedTimer sinceInterrupt;
+    sinceInterrupt.start();
+    ASSERT_TRUE(interrupted.waitForFinished(kEventuallyLimitMs));
+    EXPECT_LT(sinceInterrupt.elapsed(), 3000);
+    EXPECT_EQ(interrupted.exitCode(), 1);
+
+    QProcess tool;
+    m_sandbox.startTool(tool, arguments);
+    QThread::msleep(1500);
+    ASSERT_TRUE(waitedOn(tool));
+    QFile::remove(pauseFile);
+    ASSERT_TRUE(tool.waitForFinished(kEventuallyLimitMs));
+    const QByteArray out = tool.readAllStandardOutput();
+    EXPECT_EQ(tool.exitCode(), 0) << tool.readAllStandardError().constData();
+    EXPECT_TRUE(out.contains("Resuming run 1: ")) << out.constData();
+    EXPECT_TRUE(QRegularExpression(u"\nPaused \\d+ s in all \\(1 pause; the run log names each with its cause\\)\n"_s)
+                    .match(QString::fromUtf8(out))
+                    .hasMatch())
+        << out.constData();
+    EXPECT_TRUE(QRegularExpression(u"Paused \\d+ s, from [0-9:]{8} to [0-9:]{8}: the pause file %1 exists\n"_s.arg(
+                                       QRegularExpression::escape(pauseFile)))
+                    .match(logOf(m_sandbox))
+                    .hasMatch());
+    EXPECT_EQ(count(kBad), 0);
+}
+
+// A standby that does not replay holds the run back while it is further behind than --max-lag;
+// once it has replayed what it was sent, the run goes on.
+TEST_F(ToolTest, ARunWaitsForAStandbyBehindInReplaying)
+{
+    TestServer standby(server(), {});
+    ASSERT_EQ(standby.error(), QString());
+    addInstances({1, 2, 3});
+    damagedRows("0");
+    TestServer::sqlAt(standby.port(), u"SELECT pg_wal_replay_pause()"_s, u"postgres"_s);
+    // The server measures how far behind a standby is only as it sends it WAL.
+    ASSERT_TRUE(eventually([] {
+        sql(u"UPDATE scan.file SET request_id = request_id WHERE id % 10 = 0"_s);
+        QThread::msleep(500);
+        return sql(u"SELECT count(*) FROM pg_stat_replication WHERE replay_lag > interval '2 s'"_s)
+            == QStringList({u"1"_s});
+    }));
+    QProcess tool;
+    m_sandbox.startTool(tool, {u"--batched"_s, u"--max-lag"_s, u"1"_s});
+    QThread::msleep(2000);
+    ASSERT_TRUE(waitedOn(tool));
+    TestServer::sqlAt(standby.port(), u"SELECT pg_wal_replay_resume()"_s, u"postgres"_s);
+    ASSERT_TRUE(tool.waitForFinished(kEventuallyLimitMs));
+    EXPECT_EQ(tool.exitCode(), 0) << tool.readAllStandardError().constData();
+    EXPECT_EQ(count(kBad), 0);
+    EXPECT_TRUE(QRegularExpression(u"Paused \\d+ s, from [0-9:]{8} to [0-9:]{8}: the standby \"[^\"]+\" is \\d+ s "
+                                   "behind \\(at most 1 s\\)\n"_s)
+                    .match(logOf(m_sandbox))
+                    .hasMatch())
+        << logOf(m_sandbox).toStdString();
+}
+
+// WAL the archiver cannot copy stays in pg_wal: the run waits while more than --max-archive-backlog
+// waits, and goes on once the archiver copies again. A role that may not read the archive status,
+// nor set wal_compression, runs without either, said under --verbose.
+TEST_F(ToolTest, ARunWaitsForTheArchiverUnlessTheRoleMayNotSeeIt)
+{
+    TestServer archived;
+    ASSERT_EQ(archived.error(), QString());
+    const QString archive = QFileInfo(archived.dataDirectory()).path() + u"/archive"_s;
+    archived.sql(u"ALTER SYSTEM SET archive_mode = on"_s, u"postgres"_s);
+    archived.sql(u"ALTER SYSTEM SET archive_command = 'test -d %1 && cp %p %1/%f'"_s.arg(archive), u"postgres"_s);
+    archived.stop();
+    ASSERT_TRUE(archived.start());
+    archived.sql(u"CREATE DATABASE product"_s, u"postgres"_s);
+    archived.sql(TestServer::productSchema()
+        + u"; INSERT INTO warehouse.control_refresh VALUES (1, 0), (2, 0), (3, 0); "
+          "CREATE ROLE limited LOGIN PASSWORD '%1'; GRANT USAGE ON SCHEMA scan, warehouse TO limited; GRANT ALL "
+          "ON ALL TABLES IN SCHEMA scan, warehouse TO limited"_s.arg(QLatin1String(TestServer::kPassword)));
+    const auto damage = [&archived] {
+        archived.sql(
+            u"INSERT INTO scan.file (instance_id, request_id, filetype_details) SELECT 1 + g % 3, 100, %1 FROM "
+            "generate_series(1, 100) g; SELECT pg_switch_wal()"_s.arg(SqlLiteral::of(kBad)));
+    };
+    const auto bad = [&archived] {
+        return archived.sql(u"SELECT count(*) FROM scan.file WHERE filetype_details = %1"_s.arg(SqlLiteral::of(kBad)));
+    };
+    damage();
+    ASSERT_TRUE(m_sandbox.provision(archived.port(), u"product"_s, u"remote"_s, {u"user=limited"_s}));
+    const ToolSandbox::Result limited
+        = m_sandbox.runTool({u"--batched"_s, u"--max-archive-backlog"_s, u"1"_s, u"--verbose"_s});
+    EXPECT_EQ(limited.exitCode, 0) << limited.err.constData();
+    EXPECT_TRUE(limited.err.contains("--max-archive-backlog is off: the role may not read the archive status"));
+    EXPECT_TRUE(limited.err.contains("The run's sessions write their WAL uncompressed: the role may not set "
+                                     "wal_compression"));
+    EXPECT_EQ(bad(), QStringList({u"0"_s}));
+
+    damage();
+    ASSERT_TRUE(m_sandbox.provision(archived.port(), u"product"_s));
+    QProcess tool;
+    m_sandbox.startTool(tool, {u"--batched"_s, u"--max-archive-backlog"_s, u"1"_s});
+    QThread::msleep(1500);
+    ASSERT_FALSE(tool.waitForFinished(0));
+    EXPECT_EQ(bad(), QStringList({u"100"_s}));
+    QDir().mkpath(archive);
+    archived.account().handOver(archive);
+    // The archiver, having failed three times, sleeps until a segment is done.
+    archived.sql(u"CREATE TABLE nudge (); SELECT pg_switch_wal()"_s, u"postgres"_s);
+    ASSERT_TRUE(tool.waitForFinished(kEventuallyLimitMs));
+    EXPECT_EQ(tool.exitCode(), 0) << tool.readAllStandardError().constData();
+    EXPECT_EQ(bad(), QStringList({u"0"_s}));
+    EXPECT_TRUE(logOf(m_sandbox).contains(u"MB of WAL wait for the archiver (at most 1 MB)\n"_s));
 }

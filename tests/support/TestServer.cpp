@@ -29,20 +29,14 @@ core::ServerAccount TestServer::unprivilegedAccount()
     return current.isSuperuser() ? core::ServerAccount::named(u"postgres"_s) : current;
 }
 
-TestServer::TestServer()
-    : m_account(unprivilegedAccount())
+TestServer::TestServer(const QStringList &settings)
+    : m_settings(settings)
+    , m_account(unprivilegedAccount())
 {
     m_port = qEnvironmentVariableIntValue(kExternalPortVariable);
     m_external = m_port != 0;
-    if (m_external)
+    if (!prepare())
         return;
-    if (!m_account.isValid())
-        m_error = u"running as root and no unprivileged 'postgres' account exists"_s;
-    else if (binDirectory().isEmpty())
-        m_error = u"PostgreSQL's programs were not found (set ZENTRIX_PG_BINDIR)"_s;
-    if (!m_error.isEmpty())
-        return;
-    m_account.handOver(m_root.path());
     const QString passwordFile = m_root.filePath(u"pw"_s);
     ToolSandbox::write(passwordFile, kPassword);
     m_account.handOver(passwordFile);
@@ -51,6 +45,37 @@ TestServer::TestServer()
             u"scram-sha-256"_s, u"-E"_s, u"UTF8"_s, u"--locale=C"_s, u"--no-sync"_s});
     if (m_error.isEmpty())
         start();
+}
+
+TestServer::TestServer(const TestServer &primary, const QStringList &settings)
+    : m_settings(settings)
+    , m_account(unprivilegedAccount())
+{
+    if (primary.isExternal())
+        m_error = u"the primary is run by someone else"_s;
+    if (!prepare())
+        return;
+    m_error = run(u"pg_basebackup"_s,
+        {u"-d"_s,
+            u"host=127.0.0.1 port=%1 user=%2 password=%3"_s.arg(primary.port())
+                .arg(QLatin1String(kUser), QLatin1String(kPassword)),
+            u"-D"_s, dataDirectory(), u"-R"_s, u"-X"_s, u"stream"_s, u"-c"_s, u"fast"_s, u"--no-sync"_s});
+    if (m_error.isEmpty())
+        start();
+}
+
+bool TestServer::prepare()
+{
+    if (m_external || !m_error.isEmpty())
+        return false;
+    if (!m_account.isValid())
+        m_error = u"running as root and no unprivileged 'postgres' account exists"_s;
+    else if (binDirectory().isEmpty())
+        m_error = u"PostgreSQL's programs were not found (set ZENTRIX_PG_BINDIR)"_s;
+    if (!m_error.isEmpty())
+        return false;
+    m_account.handOver(m_root.path());
+    return true;
 }
 
 TestServer::~TestServer()
@@ -109,9 +134,11 @@ bool TestServer::start()
     // A restart keeps the port, so clients configured for it find the server again.
     if (m_port == 0)
         m_port = freePort();
+    QString options = u"-p %1 -k '' -c listen_addresses=127.0.0.1 -c fsync=off"_s.arg(m_port);
+    for (const QString &setting : m_settings)
+        options += u" -c "_s + setting;
     m_error = run(u"pg_ctl"_s,
-        {u"start"_s, u"-D"_s, dataDirectory(), u"-w"_s, u"-l"_s, m_root.filePath(u"server.log"_s), u"-o"_s,
-            u"-p %1 -k '' -c listen_addresses=127.0.0.1 -c fsync=off"_s.arg(m_port)});
+        {u"start"_s, u"-D"_s, dataDirectory(), u"-w"_s, u"-l"_s, m_root.filePath(u"server.log"_s), u"-o"_s, options});
     return m_error.isEmpty();
 }
 

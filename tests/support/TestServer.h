@@ -20,7 +20,10 @@ public:
     // Windows programs under Wine.
     static constexpr const char *kExternalPortVariable = "ZENTRIX_TEST_SERVER_PORT";
 
-    TestServer();
+    // settings: the server's own, given as "-c name=value" at each start.
+    explicit TestServer(const QStringList &settings = {});
+    // A hot standby of primary, copied with pg_basebackup and streaming from it.
+    TestServer(const TestServer &primary, const QStringList &settings);
     ~TestServer();
     TestServer(const TestServer &) = delete;
     TestServer &operator=(const TestServer &) = delete;
@@ -59,8 +62,10 @@ public:
 
 private:
     QString run(const QString &program, const QStringList &arguments) const;
+    bool prepare();
 
     QTemporaryDir m_root;
+    const QStringList m_settings;
     core::ServerAccount m_account;
     int m_port = 0;
     bool m_external = false;

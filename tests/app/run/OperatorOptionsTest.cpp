@@ -33,6 +33,13 @@ OperatorOptions accepted(RunMode mode, int flags = None, int jobs = 1, int run =
     return options;
 }
 
+OperatorOptions spared(RunMode mode, int flags, int maxLag, int backlog, int pace, int maxPause, const char *pauseFile)
+{
+    OperatorOptions options = accepted(mode, flags, 1, mode == RunMode::Undo ? 1 : 0);
+    options.limits = {maxLag, backlog, QString::fromLatin1(pauseFile), pace, maxPause};
+    return options;
+}
+
 // The line the run says, on the console and in the run log, before it ends with status 1.
 OperatorOptions refused(const QString &error)
 {
@@ -86,7 +93,9 @@ class OperatorOptionsTest : public testing::TestWithParam<Case>
 // What the run is given to do, but the texts.
 auto settingsOf(const OperatorOptions &options)
 {
-    return std::tuple(options.mode, options.journal, options.verify, options.verbose, options.jobs, options.run);
+    const HealthLimits &limits = options.limits;
+    return std::tuple(options.mode, options.journal, options.verify, options.verbose, options.jobs, options.run,
+        limits.maxLagSeconds, limits.maxArchiveBacklogMb, limits.pauseFile, limits.pacePercent, limits.maxPauseSeconds);
 }
 
 TEST_P(OperatorOptionsTest, ReadsTheListAsTheOperatorMeantIt)
@@ -125,7 +134,13 @@ INSTANTIATE_TEST_SUITE_P(Accepted, OperatorOptionsTest,
         Case{"JobsBeforeAMode", {"--jobs", "2", "--changed-only"}, accepted(RunMode::ChangedOnly, None, 2)},
         Case{"Verbose", {"--verbose"}, accepted(RunMode::Repair, Verbose)},
         Case{"VerboseShort", {"-v"}, accepted(RunMode::Repair, Verbose)},
-        Case{"VerboseAmongOthers", {"--batched", "-v", "--jobs", "2"}, accepted(RunMode::Batched, Verbose, 2)}),
+        Case{"VerboseAmongOthers", {"--batched", "-v", "--jobs", "2"}, accepted(RunMode::Batched, Verbose, 2)},
+        Case{"LimitsApartAndJoined",
+            {"--journal", "--max-lag", "5", "--max-archive-backlog=200", "--pace", "50", "--max-pause=60",
+                "--pause-file", "/run/pause"},
+            spared(RunMode::Batched, Journal, 5, 200, 50, 60, "/run/pause")},
+        Case{"LimitsOff", {"--undo", "1", "--max-lag", "off", "--max-archive-backlog", "off", "--max-pause=off"},
+            spared(RunMode::Undo, None, 0, 0, 100, 0, "")}),
     kName);
 
 INSTANTIATE_TEST_SUITE_P(Refused, OperatorOptionsTest,
@@ -143,7 +158,18 @@ INSTANTIATE_TEST_SUITE_P(Refused, OperatorOptionsTest,
         Case{"ForgetAndVerify", {"--verify", "--forget=1"}, excluded("--forget", "--verify")},
         Case{"ExclusionBeforeTheRunsNumber", {"--undo", "x", "--batched"}, excluded("--undo", "--batched")},
         Case{"DryRunAndVerify", {"--verify", "--dry-run"},
-            refused("--verify checks the table after a repair, and --dry-run repairs nothing: use --verify alone")}),
+            refused("--verify checks the table after a repair, and --dry-run repairs nothing: use --verify alone")},
+        Case{"ALimitOfAModeThatWritesNothing", {"--dry-run", "--pace", "50"},
+            refused("--pace spares the server while the tool writes: it goes with --changed-only, --batched, "
+                    "--journal or --undo")},
+        Case{"LagNotANumber", {"--changed-only", "--max-lag", "soon"},
+            refused("--max-lag needs a number of seconds from 1 up, or \"off\", not \"soon\"")},
+        Case{"BacklogZero", {"--batched", "--max-archive-backlog=0"},
+            refused("--max-archive-backlog needs a number of MB from 1 up, or \"off\", not \"0\"")},
+        Case{"PaceAboveAll", {"--batched", "--pace=101"},
+            refused("--pace needs the share of time each connection works, a number from 1 to 100, not \"101\"")},
+        Case{"PauseFileEmpty", {"--batched", "--pause-file="},
+            refused("--pause-file needs the path of a file whose presence pauses the run")}),
     kName);
 
 INSTANTIATE_TEST_SUITE_P(Unrecognised, OperatorOptionsTest,

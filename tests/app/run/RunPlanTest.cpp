@@ -1,4 +1,5 @@
 #include "app/run/RunPlan.h"
+#include "app/health/PauseGate.h"
 
 #include <gtest/gtest.h>
 
@@ -16,6 +17,8 @@ struct StepCase {
     Strategy strategy;
     bool tools;
     bool progressToLog;
+    // It writes: its sessions compress their WAL, and it spares the server.
+    bool spares;
 };
 
 struct PlanCase {
@@ -52,6 +55,7 @@ TEST_P(RunPlanTest, DecidesTheRunsWorkOnceFromItsCommandLine)
             << "step " << i;
         EXPECT_EQ(step.watchLocks, c.steps[i].tools) << "step " << i;
         EXPECT_EQ(step.progressToLog, c.steps[i].progressToLog) << "step " << i;
+        EXPECT_EQ(step.spares, c.steps[i].spares) << "step " << i;
     }
     EXPECT_EQ(plan.logEntriesOnOneLine, c.toolSessions);
     EXPECT_EQ(plan.connectionFailureOnConsole, c.toolSessions);
@@ -61,22 +65,22 @@ TEST_P(RunPlanTest, DecidesTheRunsWorkOnceFromItsCommandLine)
 
 INSTANTIATE_TEST_SUITE_P(CommandLines, RunPlanTest,
     testing::Values(PlanCase{"BareInvocationIsTheProductsPass", "normalize", {}, Work::Steps,
-                        {{Strategy::ProductPass, false, false}}, false, false},
+                        {{Strategy::ProductPass, false, false, false}}, false, false},
         PlanCase{
             "AnUnknownListOpensTheDatabaseAndChangesNothing", "", {"--repair-all"}, Work::Nothing, {}, false, false},
-        PlanCase{
-            "ChangedOnly", "", {"--changed-only"}, Work::Steps, {{Strategy::ChangedOnly, true, false}}, true, false},
+        PlanCase{"ChangedOnly", "", {"--changed-only"}, Work::Steps, {{Strategy::ChangedOnly, true, false, true}}, true,
+            false},
         PlanCase{"BatchedLogsItsProgress", "", {"--batched", "--jobs", "2"}, Work::Steps,
-            {{Strategy::Batched, true, true}}, true, false},
-        PlanCase{"JournalIsAJournaledBatchedRun", "", {"--journal"}, Work::Steps, {{Strategy::Journaled, true, true}},
-            true, false},
+            {{Strategy::Batched, true, true, true}}, true, false},
+        PlanCase{"JournalIsAJournaledBatchedRun", "", {"--journal"}, Work::Steps,
+            {{Strategy::Journaled, true, true, true}}, true, false},
         PlanCase{"VerifyFollowsTheRepair", "", {"--journal", "--verify"}, Work::Steps,
-            {{Strategy::Journaled, true, true}, {Strategy::Verify, true, true}}, true, false},
-        PlanCase{
-            "VerifyAloneRepairsNothing", "", {"--verify"}, Work::Steps, {{Strategy::Verify, true, true}}, true, false},
-        PlanCase{
-            "DryRunSessionsAreReadOnly", "", {"--dry-run"}, Work::Steps, {{Strategy::DryRun, true, false}}, true, true},
-        PlanCase{"Undo", "", {"--undo=3"}, Work::Steps, {{Strategy::Undo, true, true}}, true, false},
+            {{Strategy::Journaled, true, true, true}, {Strategy::Verify, true, true, false}}, true, false},
+        PlanCase{"VerifyAloneRepairsNothing", "", {"--verify"}, Work::Steps, {{Strategy::Verify, true, true, false}},
+            true, false},
+        PlanCase{"DryRunSessionsAreReadOnly", "", {"--dry-run"}, Work::Steps, {{Strategy::DryRun, true, false, false}},
+            true, true},
+        PlanCase{"Undo", "", {"--undo=3"}, Work::Steps, {{Strategy::Undo, true, true, true}}, true, false},
         PlanCase{"Runs", "", {"--runs"}, Work::ListRuns, {}, true, false},
         PlanCase{"Forget", "", {"--forget", "2"}, Work::Forget, {}, true, false}),
     [](const testing::TestParamInfo<PlanCase> &info) { return info.param.name; });
@@ -101,3 +105,15 @@ TEST(RunPlan, ALockWaitGivenForTestsBoundsTheToolsSessions)
 }
 
 } // namespace
+
+// Kept by each connection after each unit: at pace P a connection works P% of the time.
+TEST(Pace, RestsInProportionToEachUnitsTime)
+{
+    const struct {
+        int pace;
+        qint64 elapsedMs;
+        qint64 restMs;
+    } cases[] = {{100, 80, 0}, {75, 90, 30}, {50, 80, 80}, {25, 80, 240}, {1, 10, 990}};
+    for (const auto &c : cases)
+        EXPECT_EQ(PauseGate::restMs(c.elapsedMs, c.pace), c.restMs) << "pace " << c.pace;
+}
