@@ -149,10 +149,7 @@ bool RepairEngine::mayStartUnit(WorkerConnection &connection, bool runsOwn)
         const QString overrun = m_gate->overrun();
         if (!overrun.isEmpty()) {
             m_tally.stop(overrun);
-            {
-                const std::lock_guard<std::mutex> lock(m_mutex);
-                m_stopped = true;
-            }
+            m_stopped = true;
             m_wake.notify_all();
             return false;
         }

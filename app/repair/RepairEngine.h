@@ -7,6 +7,7 @@
 #include <QSqlDatabase>
 #include <QString>
 
+#include <atomic>
 #include <condition_variable>
 #include <deque>
 #include <functional>
@@ -106,7 +107,8 @@ private:
     std::deque<WorkUnit> m_later;
     bool m_listDone = false;
     int m_inFlight = 0;
-    bool m_stopped = false;
+    // Read between units without the lock.
+    std::atomic<bool> m_stopped{false};
     // The last refusal tied to rows, and how often it came in a row with no row changed since.
     QString m_lastRefusal;
     int m_refusalsAlike = 0;
