@@ -237,7 +237,7 @@ TEST_F(ToolTest, APauseFileHoldsTheRunUntilItGoes)
                                      "(1 s) because the pause file "
         + pauseFile.toUtf8()
         + " exists; what it "
-          "committed stays, and a --journal run resumes where it stopped\n"))
+          "committed stays, and a --journal run resumes where it stopped"))
         << tooLong.err.constData();
 
     QProcess interrupted;
@@ -260,7 +260,7 @@ TEST_F(ToolTest, APauseFileHoldsTheRunUntilItGoes)
     const QByteArray out = tool.readAllStandardOutput();
     EXPECT_EQ(tool.exitCode(), 0) << tool.readAllStandardError().constData();
     EXPECT_TRUE(out.contains("Resuming run 1: ")) << out.constData();
-    EXPECT_TRUE(QRegularExpression(u"\nPaused \\d+ s in all \\(1 pause; the run log names each with its cause\\)\n"_s)
+    EXPECT_TRUE(QRegularExpression(u"\nPaused \\d+ s in all \\(1 pause; the run log names each with its cause\\)\r?\n"_s)
                     .match(QString::fromUtf8(out))
                     .hasMatch())
         << out.constData();
