@@ -315,8 +315,12 @@ TEST_F(ChangedOnlyTest, UndoCutShortAndRunAgainGivesEveryRowBackButOneEditedSinc
 // --forget drops the original texts: --undo then refuses, and --runs still counts the run's rows.
 TEST_F(ChangedOnlyTest, AForgottenRunCannotBeUndoneAndKeepsItsCounts)
 {
+    const auto state
+        = [this] { return QString::fromUtf8(m_sandbox.runTool({u"--runs"_s}).out).section(u", "_s, 2, 2); };
     ASSERT_EQ(m_sandbox.runTool({u"--journal"_s, u"--jobs"_s, u"3"_s}).exitCode, 0);
+    EXPECT_EQ(state(), u"finished"_s);
     EXPECT_EQ(m_sandbox.runTool({u"--undo"_s, u"1"_s}).exitCode, 0);
+    EXPECT_EQ(state(), u"undone"_s);
     EXPECT_EQ(m_sandbox.runTool({u"--forget"_s, u"1"_s}).exitCode, 0);
     const ToolSandbox::Result refused = m_sandbox.runTool({u"--undo=1"_s});
     EXPECT_EQ(refused.exitCode, 1);
