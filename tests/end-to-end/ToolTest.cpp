@@ -342,10 +342,11 @@ TEST_F(ToolTest, ARunLogThatCannotBeWrittenIsSaidOnce)
         "WARNING: Cannot write to the run log " + m_sandbox.runLogPath().toUtf8() + ": No space left on device\n");
 }
 
-// Each way a connection fails names its reason under --verbose, while the plain run keeps the
-// product's console and run log. A server that accepts but never answers is bounded by the
-// tool's own connect timeout, or by libpq's PGCONNECT_TIMEOUT where one is set.
-TEST_F(ToolTest, VerboseNamesWhyTheConnectionFailedAndThePlainRunStaysAsItWas)
+// Each way a connection fails names its reason under --verbose and, on one line, in the tool's
+// modes, while the plain run keeps the product's console and run log. A server that accepts but
+// never answers is bounded by the tool's own connect timeout, or by libpq's PGCONNECT_TIMEOUT
+// where one is set.
+TEST_F(ToolTest, VerboseAndTheToolsModesNameWhyTheConnectionFailedAndThePlainRunStaysAsItWas)
 {
     QTcpServer silent;
     ASSERT_TRUE(silent.listen(QHostAddress::LocalHost));
@@ -389,7 +390,20 @@ TEST_F(ToolTest, VerboseNamesWhyTheConnectionFailedAndThePlainRunStaysAsItWas)
         EXPECT_TRUE(verbose.err.contains("zentrix-data-normalizer: Postgres info: Database name, "));
         const QString log = m_sandbox.runLog();
         EXPECT_TRUE(log.endsWith(failed));
-        EXPECT_TRUE(log.contains(u"[INFO\t] <ts>: could not connect to database "_s + c.dbName)) << log.toStdString();
+        EXPECT_TRUE(has(log, u"[INFO\t] <ts>: could not connect to database "_s + c.dbName));
+        if (!c.connectTimeout)
+            continue;
+
+        QFile::remove(m_sandbox.runLogPath());
+        const ToolSandbox::Result tools = m_sandbox.runTool({u"--dry-run"_s});
+        EXPECT_EQ(tools.exitCode, 1);
+        EXPECT_EQ(tools.out, fileLogLine());
+        EXPECT_TRUE(tools.err.startsWith(
+            "ERROR: Cannot connect to Postgres server: " + c.dbName.toUtf8() + ": connection to server at "))
+            << tools.err.constData();
+        EXPECT_TRUE(has(tools.err, c.reason));
+        EXPECT_EQ(tools.err.count('\n'), 1);
+        EXPECT_EQ(unstampedLines(), QStringList());
     }
     qunsetenv("PGCONNECT_TIMEOUT");
 }
