@@ -38,7 +38,6 @@ constexpr int kCrash = -1;
 
 TEST_F(ToolTest, RunOutcomes)
 {
-    const auto statements = [](const QString &statements) { return [statements] { sql(statements); }; };
     const auto refuseARow = [] {
         failInstanceTwo();
         addRow(2, 5, uR"({"b":"\x"})"_s);
@@ -80,19 +79,18 @@ TEST_F(ToolTest, RunOutcomes)
                 + kRowLeftSummary,
             true},
         {"a json column", {{"--changed-only"}, {"--batched"}, {"--dry-run"}}, {1},
-            statements(u"ALTER TABLE scan.file ALTER COLUMN filetype_details TYPE json USING filetype_details::json"_s),
-            1, "", "ERROR: " + kJsonRefused + "\n", "[ERROR\t] <ts>: " + QString::fromUtf8(kJsonRefused) + "\n"},
+            running(u"ALTER TABLE scan.file ALTER COLUMN filetype_details TYPE json USING filetype_details::json"_s), 1,
+            "", "ERROR: " + kJsonRefused + "\n", "[ERROR\t] <ts>: " + QString::fromUtf8(kJsonRefused) + "\n"},
         {"scan.file is a view", {{"--changed-only"}, {"--batched"}}, {1},
-            statements(
-                u"ALTER TABLE scan.file SET SCHEMA public; CREATE VIEW scan.file AS SELECT * FROM public.file"_s),
+            running(u"ALTER TABLE scan.file SET SCHEMA public; CREATE VIEW scan.file AS SELECT * FROM public.file"_s),
             1, "", "ERROR: " + kViewRefused + "\n", "[ERROR\t] <ts>: " + QString::fromUtf8(kViewRefused) + "\n"},
         {"instance ids held as text", {{"--changed-only"}}, {1},
-            statements(u"ALTER TABLE warehouse.control_refresh ALTER instance_id TYPE text; ALTER TABLE scan.file "
-                       "ALTER instance_id TYPE text"_s),
+            running(u"ALTER TABLE warehouse.control_refresh ALTER instance_id TYPE text; ALTER TABLE scan.file "
+                    "ALTER instance_id TYPE text"_s),
             0, doneLine(1).chopped(1) + ", rows changed: 1\n", "", kDone + "1, rows changed: 1\n"},
         {"a misspelt option", {{"--batchd"}}, {1}, {}, 0, "", "WARNING: " + kMisspelt + "\n",
             "[WARNING] <ts>: " + QString::fromUtf8(kMisspelt) + "\n"},
-        {"instance list unreadable", {{}}, {}, statements(u"DROP TABLE warehouse.control_refresh"_s), 1, "",
+        {"instance list unreadable", {{}}, {}, running(u"DROP TABLE warehouse.control_refresh"_s), 1, "",
             "ERROR: Data normalization is failed.\n",
             "[ERROR\t] <ts>: Select all last_request_id unsuccessfully. <server error>\n"},
         {"shared copy takes precedence", {{}}, {},

@@ -13,6 +13,7 @@
 #include <QProcess>
 #include <QSqlQuery>
 
+#include <functional>
 #include <optional>
 
 using namespace Qt::StringLiterals;
@@ -91,6 +92,11 @@ protected:
     static QString quoted(const QString &text)
     {
         return QLatin1Char('\'') + QString(text).replace(QLatin1Char('\''), QStringLiteral("''")) + QLatin1Char('\'');
+    }
+    // A setup that runs the statements.
+    static std::function<void()> running(const QString &statements)
+    {
+        return [statements] { sql(statements); };
     }
     static void addInstances(const QList<int> &ids)
     {
