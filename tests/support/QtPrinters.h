@@ -19,26 +19,26 @@ inline void PrintTo(const QByteArray &value, std::ostream *os)
     *os << '"' << value.toStdString() << '"';
 }
 
-// For EXPECT_TRUE: a text that lacks the part is shown whole, as a console or run log must be
-// read to see what went wrong.
-inline testing::AssertionResult partOf(bool found, const std::string &text, const std::string &part)
+// For EXPECT_TRUE: a text that lacks what is looked for is shown whole, as a console or run log
+// must be read to see what went wrong.
+inline testing::AssertionResult foundIn(bool found, const std::string &text, const std::string &wanted)
 {
     if (found)
         return testing::AssertionSuccess();
-    return testing::AssertionFailure() << "\"" << part << "\" is missing from:\n" << text;
+    return testing::AssertionFailure() << "\"" << wanted << "\" is missing from:\n" << text;
 }
 
-inline testing::AssertionResult has(const QString &text, const QString &part)
+inline testing::AssertionResult has(const QString &text, const QString &wanted)
 {
-    return partOf(text.contains(part), text.toStdString(), part.toStdString());
+    return foundIn(text.contains(wanted), text.toStdString(), wanted.toStdString());
 }
 
-inline testing::AssertionResult has(const QByteArray &text, const QByteArray &part)
+inline testing::AssertionResult has(const QByteArray &text, const QByteArray &wanted)
 {
-    return partOf(text.contains(part), text.toStdString(), part.toStdString());
+    return foundIn(text.contains(wanted), text.toStdString(), wanted.toStdString());
 }
 
 inline testing::AssertionResult has(const QString &text, const QRegularExpression &pattern)
 {
-    return partOf(text.contains(pattern), text.toStdString(), pattern.pattern().toStdString());
+    return foundIn(text.contains(pattern), text.toStdString(), pattern.pattern().toStdString());
 }
