@@ -1,22 +1,14 @@
 #include "end-to-end/ToolTest.h"
 
-#include "app/repair/RepairStatements.h"
-#include "app/repair/UnitSizer.h"
 #include "app/sql/SqlLiteral.h"
 
 #include <QElapsedTimer>
 #include <QFileInfo>
-#include <QProcess>
 #include <QRegularExpression>
-#include <QSqlQuery>
-
-using namespace Qt::StringLiterals;
 
 namespace {
 
 constexpr int kRows = 3000;
-const QString kBad = uR"({"type":"PE32","name":"lone \ud800 here"})"_s;
-const QString kFixed = uR"({"type":"PE32","name":"lone \\ud800 here"})"_s;
 
 // Rows of instances 1 to 3, every other one damaged, slow to repair (not to update otherwise), so
 // that a run of one block per range lasts long enough to be met half way.
@@ -30,14 +22,6 @@ void damagedRows(const char *secondsPerRow = "0.002")
             .arg(SqlLiteral::of(kBad), SqlLiteral::of(kFixed))
             .arg(kRows)
             .arg(QLatin1String(secondsPerRow)));
-}
-
-int count(const QString &text)
-{
-    return TestServer::shared()
-        .sql(u"SELECT count(*) FROM scan.file WHERE filetype_details = %1"_s.arg(SqlLiteral::of(text)))
-        .value(0)
-        .toInt();
 }
 
 QString logOf(const ToolSandbox &sandbox)
@@ -58,10 +42,8 @@ TEST_F(ToolTest, RowsOtherSessionsRewriteDuringTheRunAreRepairedBeforeItSaysItIs
         SetUp();
         addInstances({1, 2, 3});
         damagedRows("0.005");
-        qputenv(UnitSizer::kBlocksVariable, "1");
         QProcess tool;
-        m_sandbox.startTool(tool, arguments);
-        qunsetenv(UnitSizer::kBlocksVariable);
+        startInSmallUnits(tool, arguments);
         ASSERT_TRUE(eventually([] { return count(kFixed) >= kRows / 2 + kRows / 8; }));
         // As autovacuum would, a vacuum frees the room of the versions the run replaced; then the
         // product rewrites another column of every row still to repair, and writes new rows: their
@@ -74,9 +56,8 @@ TEST_F(ToolTest, RowsOtherSessionsRewriteDuringTheRunAreRepairedBeforeItSaysItIs
                 .arg(kRows / 2));
         ASSERT_FALSE(tool.waitForFinished(0)) << "the rows were written after the run";
         ASSERT_TRUE(tool.waitForFinished(kEventuallyLimitMs));
-        const QByteArray out = tool.readAllStandardOutput();
         EXPECT_EQ(tool.exitCode(), 0) << tool.readAllStandardError().constData();
-        EXPECT_TRUE(out.contains("(100%)")) << out.constData();
+        EXPECT_TRUE(has(tool.readAllStandardOutput(), "(100%)"));
         EXPECT_EQ(count(kBad), 0);
         EXPECT_EQ(count(kFixed), kRows + kRows / 2);
     }
@@ -109,24 +90,19 @@ TEST_F(ToolTest, AResumedRunRepairsRowsMovedIntoItsCommittedRangesOrListedSince)
         const bool listedSince = c.statements.first().contains(u"control_refresh"_s);
         addInstances(listedSince ? QList<int>{1, 2} : QList<int>{1, 2, 3});
         damagedRows();
-        qputenv(UnitSizer::kBlocksVariable, "1");
         QProcess tool;
-        m_sandbox.startTool(tool, {u"--journal"_s});
-        qunsetenv(UnitSizer::kBlocksVariable);
+        startInSmallUnits(tool, {u"--journal"_s});
         ASSERT_TRUE(eventually([] { return count(kFixed) >= kRows / 2 + kRows / 6; }));
         tool.kill();
         ASSERT_TRUE(tool.waitForFinished(kEventuallyLimitMs));
-        ASSERT_TRUE(eventually([] {
-            return TestServer::shared().sql(u"SELECT count(*) FROM pg_stat_activity WHERE query LIKE 'WITH%'"_s)
-                == QStringList({u"0"_s});
-        }));
+        waitForItsStatementsToEnd();
         sql(u"DROP TRIGGER slow ON scan.file"_s);
         for (const QString &statement : c.statements)
             sql(statement);
         const ToolSandbox::Result resumed = m_sandbox.runTool({u"--journal"_s});
         EXPECT_EQ(resumed.exitCode, 0) << resumed.err.constData();
-        EXPECT_TRUE(resumed.out.contains("Resuming run 1: ")) << resumed.out.constData();
-        EXPECT_TRUE(resumed.out.contains("(100%)")) << resumed.out.constData();
+        EXPECT_TRUE(has(resumed.out, "Resuming run 1: "));
+        EXPECT_TRUE(has(resumed.out, "(100%)"));
         EXPECT_EQ(count(kBad), 0);
     }
 }
@@ -138,6 +114,8 @@ TEST_F(ToolTest, AResumedRunRepairsRowsMovedIntoItsCommittedRangesOrListedSince)
 TEST_F(ToolTest, ALockAnotherSessionHoldsIsWaitedForTwiceAtMostAndCountedOnce)
 {
     enum Hold { RowThroughTheRun, RowReleasedWhileWaited, TableShareMode, RowThroughTheUndo };
+    const char *rowLocked = "Row left unrepaired, data: filetype_details, instance id: 1, row: id=1500. The row is "
+                            "locked by server process ";
     const struct {
         const char *name;
         QStringList arguments;
@@ -148,12 +126,8 @@ TEST_F(ToolTest, ALockAnotherSessionHoldsIsWaitedForTwiceAtMostAndCountedOnce)
         int lockWaits;
         const char *logHas;
     } cases[] = {
-        {"a row held, --changed-only", {u"--changed-only"_s}, RowThroughTheRun, 1, 1, 2,
-            "Row left unrepaired, data: filetype_details, instance id: 1, row: id=1500. The row is locked by server "
-            "process "},
-        {"a row held, --batched", {u"--batched"_s}, RowThroughTheRun, 1, 1, 2,
-            "Row left unrepaired, data: filetype_details, instance id: 1, row: id=1500. The row is locked by server "
-            "process "},
+        {"a row held, --changed-only", {u"--changed-only"_s}, RowThroughTheRun, 1, 1, 2, rowLocked},
+        {"a row held, --batched", {u"--batched"_s}, RowThroughTheRun, 1, 1, 2, rowLocked},
         {"a row released while waited for", {u"--changed-only"_s}, RowReleasedWhileWaited, 0, 0, 0,
             "Data normalization is done, data: filetype_details, instance id: 2"},
         {"the table in SHARE mode", {u"--batched"_s}, TableShareMode, 1, kRows / 2, 1,
@@ -170,45 +144,33 @@ TEST_F(ToolTest, ALockAnotherSessionHoldsIsWaitedForTwiceAtMostAndCountedOnce)
         sql(u"DROP TRIGGER slow ON scan.file"_s);
         if (c.hold == RowThroughTheUndo)
             ASSERT_EQ(m_sandbox.runTool({u"--journal"_s}).exitCode, 0);
-        const QString holder = u"holder"_s;
-        QSqlDatabase holding = TestServer::connectionAt(server().port(), u"product"_s, holder);
-        QSqlQuery lock(holding);
-        ASSERT_TRUE(lock.exec(u"BEGIN"_s)
-            && lock.exec(c.hold == TableShareMode ? u"LOCK TABLE scan.file IN SHARE MODE"_s
-                                                  : u"SELECT 1 FROM scan.file WHERE id = 1500 FOR UPDATE"_s));
-        ASSERT_TRUE(lock.exec(u"SELECT pg_backend_pid()"_s) && lock.next());
-        const QString holderPid = lock.value(0).toString();
+        HeldLock lock(c.hold == TableShareMode ? u"LOCK TABLE scan.file IN SHARE MODE"_s
+                                               : u"SELECT 1 FROM scan.file WHERE id = 1500 FOR UPDATE"_s);
+        ASSERT_TRUE(lock.held());
         QFile::remove(m_sandbox.runLogPath());
         // Long enough for the test to see the wait and end it; short for the rest.
         qputenv("ZENTRIX_LOCK_WAIT_MS", c.hold == RowReleasedWhileWaited ? "20000" : "300");
-        qputenv(UnitSizer::kBlocksVariable, "1");
         QProcess tool;
-        m_sandbox.startTool(tool, c.arguments + QStringList{u"--verbose"_s});
+        startInSmallUnits(tool, c.arguments + QStringList{u"--verbose"_s});
         qunsetenv("ZENTRIX_LOCK_WAIT_MS");
-        qunsetenv(UnitSizer::kBlocksVariable);
         if (c.hold == RowReleasedWhileWaited) {
-            EXPECT_TRUE(eventually(
-                [] { return !TestServer::shared().sql(u"SELECT 1 FROM pg_locks WHERE NOT granted"_s).isEmpty(); }));
-            lock.exec(u"ROLLBACK"_s);
+            EXPECT_TRUE(eventually([] { return !sql(u"SELECT 1 FROM pg_locks WHERE NOT granted"_s).isEmpty(); }));
+            lock.end();
         }
         ASSERT_TRUE(tool.waitForFinished(kEventuallyLimitMs));
-        lock.exec(u"ROLLBACK"_s);
-        lock = QSqlQuery();
-        holding = QSqlDatabase();
-        QSqlDatabase::removeDatabase(holder);
+        lock.end();
         const QByteArray err = tool.readAllStandardError();
         EXPECT_EQ(tool.exitCode(), c.exitCode) << err.constData();
         EXPECT_EQ(count(kBad), c.rowsLeft);
         const QString log = m_sandbox.runLog();
-        EXPECT_TRUE(log.contains(QString::fromUtf8(c.logHas).replace(u"%1"_s, holderPid))) << log.toStdString();
+        EXPECT_TRUE(has(log, QString::fromUtf8(c.logHas).replace(u"%1"_s, lock.pid())));
         EXPECT_EQ(log.count(u"Row left unrepaired"_s), c.hold == RowThroughTheRun ? 1 : 0) << log.toStdString();
         EXPECT_EQ(logOf(m_sandbox).count(u"lock timeout"_s), c.lockWaits) << log.toStdString();
-        if (c.hold == RowThroughTheUndo) {
-            EXPECT_TRUE(err.contains("rows restored: 1499, rows not restored: 1")) << err.constData();
-            EXPECT_EQ(log.count(u"Row not restored"_s), 1) << log.toStdString();
-        }
-        if (c.hold == RowThroughTheRun)
-            EXPECT_TRUE(err.contains("Rows left unrepaired: 1 (instance 1: 1)")) << err.constData();
+        EXPECT_EQ(log.count(u"Row not restored"_s), c.hold == RowThroughTheUndo ? 1 : 0) << log.toStdString();
+        EXPECT_EQ(err.contains("rows restored: 1499, rows not restored: 1"), c.hold == RowThroughTheUndo)
+            << err.constData();
+        EXPECT_EQ(err.contains("Rows left unrepaired: 1 (instance 1: 1)"), c.hold == RowThroughTheRun)
+            << err.constData();
     }
 }
 

@@ -190,10 +190,9 @@ TEST_F(LocalServerTest, LifecycleOfAManagedCluster)
     EXPECT_FALSE(m_installation.running());
     EXPECT_FALSE(stranger.waitForFinished(100)) << "the process named in the lock file lives";
     EXPECT_TRUE(QFile::exists(lock + u".stale"_s));
-    EXPECT_TRUE(m_installation.runLog().contains(
+    EXPECT_TRUE(has(m_installation.runLog(),
         u"[WARNING] <ts>: Stale lock file set aside as postmaster.pid.stale: process %1 is not a server of this data "
-        "directory"_s.arg(stranger.processId())))
-        << m_installation.runLog().toStdString();
+        "directory"_s.arg(stranger.processId())));
     EXPECT_EQ(ToolSandbox::read(victim), "precious");
     EXPECT_FALSE(QFileInfo(configPath).isSymLink());
     EXPECT_EQ(ToolSandbox::read(m_installation.information()), information) << "a later run generates nothing";
@@ -387,8 +386,7 @@ TEST_F(LocalServerTest, KilledInterruptedAndOverlappingRuns)
         ASSERT_TRUE(tool.waitForFinished(30000));
         EXPECT_EQ(tool.exitStatus(), QProcess::NormalExit);
         EXPECT_EQ(tool.exitCode(), 1);
-        EXPECT_TRUE(m_installation.runLog().contains(u"[ERROR\t] <ts>: The run was interrupted by SIGTERM"_s))
-            << m_installation.runLog().toStdString();
+        EXPECT_TRUE(has(m_installation.runLog(), u"[ERROR\t] <ts>: The run was interrupted by SIGTERM"_s));
         EXPECT_FALSE(m_installation.running()) << "the server the run started is stopped again";
     }
     ASSERT_EQ(m_installation.serverCtl({u"start"_s}), 0);
@@ -439,7 +437,7 @@ TEST_F(LocalServerTest, KilledInterruptedAndOverlappingRuns)
         }
         err += tool.readAllStandardError();
         const QString line = u"The run was interrupted by "_s + c.name;
-        EXPECT_TRUE(err.contains("ERROR: " + line.toUtf8())) << err.constData();
+        EXPECT_TRUE(has(err, "ERROR: " + line.toUtf8()));
         EXPECT_TRUE(m_installation.runLog().contains(u"[ERROR\t] <ts>: "_s + line));
         EXPECT_FALSE(QFile::exists(lockFile));
         EXPECT_FALSE(QFile::exists(password));

@@ -2,17 +2,11 @@
 
 #include <QDirIterator>
 #include <QFileInfo>
-#include <QProcess>
-#include <QRegularExpression>
-#include <QSqlQuery>
 #include <QStandardPaths>
 #include <QStringDecoder>
 #include <QTcpServer>
 
 #include <functional>
-#include <memory>
-
-using namespace Qt::StringLiterals;
 
 namespace {
 const QByteArray kUsage = "Usage:\n"
@@ -44,10 +38,15 @@ constexpr int kCrash = -1;
 
 TEST_F(ToolTest, RunOutcomes)
 {
-    const auto noSetup = [] {};
+    const auto refuseARow = [] {
+        failInstanceTwo();
+        addRow(2, 5, uR"({"b":"\x"})"_s);
+    };
+    const auto noLogDirectory = [this] { QDir(m_sandbox.dataDirectory() + u"/logs"_s).removeRecursively(); };
     const struct {
         const char *name;
         QList<QStringList> argumentLists;
+        QList<int> instances;
         std::function<void()> setup;
         int exitCode;
         // Standard output after the "File log:" line; %0 and %1 in errors are the first and second argument.
@@ -57,95 +56,61 @@ TEST_F(ToolTest, RunOutcomes)
         // Parallel jobs finish in any order.
         bool unordered = false;
     } cases[] = {
-        {"bare run", {{}, {"--jobs", "1"}},
-            [] {
-                addInstances({2, 1});
-            },
-            0, doneLine(1) + doneLine(2), "", kDone + "1\n" + kDone + "2\n"},
-        {"help", {{"-h"}, {"--help"}}, noSetup, 1, kUsage, "", ""},
-        {"other arguments skip the pass", {{"-H"}, {"--help", "x"}}, [] { addInstances({1}); }, 0, "", "", ""},
-        {"empty instance list", {{}}, noSetup, 0, "", "", ""},
-        {"one instance fails", {{}},
-            [] {
-                addInstances({1, 2, 3});
-                failInstanceTwo();
-            },
-            0, doneLine(1) + doneLine(3), kFailedTwo, kDone + "1\n" + kFailedTwoLine + kDone + "3\n"},
-        {"parallel jobs", {{"--jobs=3"}},
-            [] {
-                addInstances({1, 2, 3, 4});
-                failInstanceTwo();
-            },
-            0, doneLine(1) + doneLine(3) + doneLine(4), kFailedTwo,
-            kDone + "1\n" + kFailedTwoLine + kDone + "3\n" + kDone + "4\n", true},
-        {"a trigger refuses one row", {{"--batched", "--jobs", "2"}},
-            [] {
-                addInstances({1, 2, 3});
-                failInstanceTwo();
-                addRow(2, 5, uR"({"b":"\x"})"_s);
-            },
-            1,
+        {"bare run", {{}, {"--jobs", "1"}}, {2, 1}, {}, 0, doneLine(1) + doneLine(2), "",
+            kDone + "1\n" + kDone + "2\n"},
+        {"help", {{"-h"}, {"--help"}}, {}, {}, 1, kUsage, "", ""},
+        {"other arguments skip the pass", {{"-H"}, {"--help", "x"}}, {1}, {}, 0, "", "", ""},
+        {"empty instance list", {{}}, {}, {}, 0, "", "", ""},
+        {"one instance fails", {{}}, {1, 2, 3}, failInstanceTwo, 0, doneLine(1) + doneLine(3), kFailedTwo,
+            kDone + "1\n" + kFailedTwoLine + kDone + "3\n"},
+        {"parallel jobs", {{"--jobs=3"}}, {1, 2, 3, 4}, failInstanceTwo, 0, doneLine(1) + doneLine(3) + doneLine(4),
+            kFailedTwo, kDone + "1\n" + kFailedTwoLine + kDone + "3\n" + kDone + "4\n", true},
+        {"a trigger refuses one row", {{"--batched", "--jobs", "2"}}, {1, 2, 3}, refuseARow, 1,
             doneLine(1).chopped(1) + ", rows changed: 1\n" + doneLine(3).chopped(1) + ", rows changed: 0\n" + kCoverage
                 + ", rows left: 1\n",
             kFailedTwo + kRowLeft,
             kRowLeftLine + kDone + "1, rows changed: 1\n" + kFailedTwoRowLeftLine + kDone
                 + "3, rows changed: 0\n[INFO\t] <ts>: " + QString::fromUtf8(kCoverage) + ", rows left: 1\n"
                 + kRowLeftSummary},
-        {"a trigger refuses one row, changed only", {{"--changed-only", "--jobs", "3"}},
-            [] {
-                addInstances({1, 2, 3});
-                failInstanceTwo();
-                addRow(2, 5, uR"({"b":"\x"})"_s);
-            },
-            1, doneLine(1).chopped(1) + ", rows changed: 1\n" + doneLine(3).chopped(1) + ", rows changed: 0\n",
+        {"a trigger refuses one row, changed only", {{"--changed-only", "--jobs", "3"}}, {1, 2, 3}, refuseARow, 1,
+            doneLine(1).chopped(1) + ", rows changed: 1\n" + doneLine(3).chopped(1) + ", rows changed: 0\n",
             kFailedTwo + kRowLeft,
             kDone + "1, rows changed: 1\n" + kRowLeftLine + kFailedTwoRowLeftLine + kDone + "3, rows changed: 0\n"
                 + kRowLeftSummary,
             true},
-        {"a json column", {{"--changed-only"}, {"--batched"}, {"--dry-run"}},
-            [] {
-                addInstances({1});
-                sql(u"ALTER TABLE scan.file ALTER COLUMN filetype_details TYPE json USING filetype_details::json"_s);
-            },
-            1, "", "ERROR: " + kJsonRefused + "\n", "[ERROR\t] <ts>: " + QString::fromUtf8(kJsonRefused) + "\n"},
-        {"scan.file is a view", {{"--changed-only"}, {"--batched"}},
-            [] {
-                addInstances({1});
-                sql(u"ALTER TABLE scan.file SET SCHEMA public; CREATE VIEW scan.file AS SELECT * FROM public.file"_s);
-            },
+        {"a json column", {{"--changed-only"}, {"--batched"}, {"--dry-run"}}, {1},
+            running(u"ALTER TABLE scan.file ALTER COLUMN filetype_details TYPE json USING filetype_details::json"_s), 1,
+            "", "ERROR: " + kJsonRefused + "\n", "[ERROR\t] <ts>: " + QString::fromUtf8(kJsonRefused) + "\n"},
+        {"scan.file is a view", {{"--changed-only"}, {"--batched"}}, {1},
+            running(u"ALTER TABLE scan.file SET SCHEMA public; CREATE VIEW scan.file AS SELECT * FROM public.file"_s),
             1, "", "ERROR: " + kViewRefused + "\n", "[ERROR\t] <ts>: " + QString::fromUtf8(kViewRefused) + "\n"},
-        {"instance ids held as text", {{"--changed-only"}},
-            [] {
-                addInstances({1});
-                sql(u"ALTER TABLE warehouse.control_refresh ALTER instance_id TYPE text; ALTER TABLE scan.file ALTER "
-                    "instance_id TYPE text"_s);
-            },
+        {"instance ids held as text", {{"--changed-only"}}, {1},
+            running(u"ALTER TABLE warehouse.control_refresh ALTER instance_id TYPE text; ALTER TABLE scan.file "
+                    "ALTER instance_id TYPE text"_s),
             0, doneLine(1).chopped(1) + ", rows changed: 1\n", "", kDone + "1, rows changed: 1\n"},
-        {"a misspelt option", {{"--batchd"}}, [] { addInstances({1}); }, 0, "", "WARNING: " + kMisspelt + "\n",
+        {"a misspelt option", {{"--batchd"}}, {1}, {}, 0, "", "WARNING: " + kMisspelt + "\n",
             "[WARNING] <ts>: " + QString::fromUtf8(kMisspelt) + "\n"},
-        {"instance list unreadable", {{}}, [] { sql(u"DROP TABLE warehouse.control_refresh"_s); }, 1, "",
+        {"instance list unreadable", {{}}, {}, running(u"DROP TABLE warehouse.control_refresh"_s), 1, "",
             "ERROR: Data normalization is failed.\n",
             "[ERROR\t] <ts>: Select all last_request_id unsuccessfully. <server error>\n"},
-        {"shared copy takes precedence", {{}},
+        {"shared copy takes precedence", {{}}, {},
             [this] {
                 m_sandbox.provision(TestServer::freePort(), u"product"_s);
                 QFile::rename(m_sandbox.information(), m_sandbox.information() + u".shared"_s);
                 m_sandbox.provision(server().port(), u"product"_s);
             },
             1, "", "", "[ERROR\t] <ts>: Cannot connect to Postgres server: product\n"},
-        {"product exception", {{}}, [this] { m_sandbox.writeConfig(QByteArray(), "db_connection=0\n"); }, 1, "",
+        {"product exception", {{}}, {}, [this] { m_sandbox.writeConfig(QByteArray(), "db_connection=0\n"); }, 1, "",
             "Invalid total database connections value: 0", "Invalid total database connections value: 0\n"},
-        {"bad job count", {{"--jobs", "11"}}, noSetup, 1, "",
+        {"bad job count", {{"--jobs", "11"}}, {}, {}, 1, "",
             "ERROR: --jobs needs a number from 1 to 10 (the connection pool, internal/db_connection), not \"%1\"\n",
             "[ERROR\t] <ts>: --jobs needs a number from 1 to 10 (the connection pool, internal/db_connection), not "
             "\"%1\"\n"},
-        {"log directory missing", {{}}, [this] { QDir(m_sandbox.dataDirectory() + u"/logs"_s).removeRecursively(); }, 1,
-            "", "ERROR: Cannot open file log: %2\n", ""},
-        {"log directory missing, verbose", {{"-v"}},
-            [this] { QDir(m_sandbox.dataDirectory() + u"/logs"_s).removeRecursively(); }, 1, "",
+        {"log directory missing", {{}}, {}, noLogDirectory, 1, "", "ERROR: Cannot open file log: %2\n", ""},
+        {"log directory missing, verbose", {{"-v"}}, {}, noLogDirectory, 1, "",
             "ERROR: Cannot open file log: %2\nzentrix-data-normalizer: could not open the run log %2: %3\n", ""},
-        {"configuration refused", {{}}, [this] { m_sandbox.writeConfig("dbmode=shared\n"); }, kCrash, "", "", ""},
-        {"no configuration", {{}}, [this] { QFile::remove(m_sandbox.configPath()); }, kCrash, "", "", ""},
+        {"configuration refused", {{}}, {}, [this] { m_sandbox.writeConfig("dbmode=shared\n"); }, kCrash, "", "", ""},
+        {"no configuration", {{}}, {}, [this] { QFile::remove(m_sandbox.configPath()); }, kCrash, "", "", ""},
     };
     // The system's own words for a file in a folder that does not exist.
     QFile missing(m_sandbox.root() + u"/no-such-folder/file"_s);
@@ -155,7 +120,9 @@ TEST_F(ToolTest, RunOutcomes)
         SCOPED_TRACE(c.name);
         SetUp();
         addRow(1, 5, uR"({"a":"\ud800"})"_s);
-        c.setup();
+        addInstances(c.instances);
+        if (c.setup)
+            c.setup();
         for (const QStringList &arguments : c.argumentLists) {
             SCOPED_TRACE(arguments.join(QLatin1Char(' ')).toStdString());
             QFile::remove(m_sandbox.runLogPath());
@@ -306,7 +273,7 @@ TEST_F(ToolTest, InformationFileIsOpensslsCipherTextOfSortedJsonReadableByItsOwn
         ToolSandbox::openssl(
             m_sandbox.key(), R"({"host":"db.example","port":1,"user":"u","password":"pw","type":"2"})"));
     const ToolSandbox::Result shown = m_sandbox.runDbInfo({u"show"_s});
-    EXPECT_TRUE(shown.out.contains("\"host\": \"db.example\"")) << shown.err.constData();
+    EXPECT_TRUE(has(shown.out, "\"host\": \"db.example\"")) << shown.err.constData();
     EXPECT_TRUE(shown.out.contains("\"password\": \"********\"")) << "secrets are masked unless revealed";
     EXPECT_EQ(shown.err, "Information file: " + m_sandbox.information().toUtf8() + "\n");
 
@@ -342,10 +309,11 @@ TEST_F(ToolTest, ARunLogThatCannotBeWrittenIsSaidOnce)
         "WARNING: Cannot write to the run log " + m_sandbox.runLogPath().toUtf8() + ": No space left on device\n");
 }
 
-// Each way a connection fails names its reason under --verbose, while the plain run keeps the
-// product's console and run log. A server that accepts but never answers is bounded by the
-// tool's own connect timeout, or by libpq's PGCONNECT_TIMEOUT where one is set.
-TEST_F(ToolTest, VerboseNamesWhyTheConnectionFailedAndThePlainRunStaysAsItWas)
+// Each way a connection fails names its reason under --verbose and, on one line, in the tool's
+// modes, while the plain run keeps the product's console and run log. A server that accepts but
+// never answers is bounded by the tool's own connect timeout, or by libpq's PGCONNECT_TIMEOUT
+// where one is set.
+TEST_F(ToolTest, VerboseAndTheToolsModesNameWhyTheConnectionFailedAndThePlainRunStaysAsItWas)
 {
     QTcpServer silent;
     ASSERT_TRUE(silent.listen(QHostAddress::LocalHost));
@@ -389,7 +357,20 @@ TEST_F(ToolTest, VerboseNamesWhyTheConnectionFailedAndThePlainRunStaysAsItWas)
         EXPECT_TRUE(verbose.err.contains("zentrix-data-normalizer: Postgres info: Database name, "));
         const QString log = m_sandbox.runLog();
         EXPECT_TRUE(log.endsWith(failed));
-        EXPECT_TRUE(log.contains(u"[INFO\t] <ts>: could not connect to database "_s + c.dbName)) << log.toStdString();
+        EXPECT_TRUE(has(log, u"[INFO\t] <ts>: could not connect to database "_s + c.dbName));
+        if (!c.connectTimeout)
+            continue;
+
+        QFile::remove(m_sandbox.runLogPath());
+        const ToolSandbox::Result tools = m_sandbox.runTool({u"--dry-run"_s});
+        EXPECT_EQ(tools.exitCode, 1);
+        EXPECT_EQ(tools.out, fileLogLine());
+        EXPECT_TRUE(tools.err.startsWith(
+            "ERROR: Cannot connect to Postgres server: " + c.dbName.toUtf8() + ": connection to server at "))
+            << tools.err.constData();
+        EXPECT_TRUE(has(tools.err, c.reason));
+        EXPECT_EQ(tools.err.count('\n'), 1);
+        EXPECT_EQ(unstampedLines(), QStringList());
     }
     qunsetenv("PGCONNECT_TIMEOUT");
 }
@@ -421,22 +402,20 @@ TEST_F(ToolTest, ATerminalSeesProgress)
         // A row held locked through the run: the line says whose lock the run waits for.
         {"ZENTRIX_LOCK_WAIT_MS=2500 %1 --changed-only", " s for a lock held by server process ", 1},
     };
-    QSqlDatabase holder = TestServer::connectionAt(server().port(), u"product"_s, u"holder"_s);
-    auto lock = std::make_unique<QSqlQuery>(holder);
     for (const auto &c : cases) {
         SCOPED_TRACE(c.command);
+        std::optional<HeldLock> lock;
         if (c.exitCode == 1) {
             addRow(2, 5, uR"({"a":"\ud800"})"_s);
-            ASSERT_TRUE(
-                lock->exec(u"BEGIN"_s) && lock->exec(u"SELECT 1 FROM scan.file WHERE instance_id = 2 FOR UPDATE"_s));
+            lock.emplace(u"SELECT 1 FROM scan.file WHERE instance_id = 2 FOR UPDATE"_s);
+            ASSERT_TRUE(lock->held());
         }
         QProcess terminal;
         terminal.setWorkingDirectory(m_sandbox.workDirectory());
         terminal.start(
             script, {u"-qefc"_s, QString::fromUtf8(c.command).arg(QStringLiteral(ZENTRIX_TOOL_PATH)), u"/dev/null"_s});
         ASSERT_TRUE(terminal.waitForFinished(kEventuallyLimitMs));
-        if (c.exitCode == 1)
-            lock->exec(u"ROLLBACK"_s);
+        lock.reset();
         EXPECT_EQ(terminal.exitCode(), c.exitCode);
         const QString shown = QString::fromUtf8(terminal.readAllStandardOutput());
         EXPECT_FALSE(shown.contains(QRegularExpression(u"Progress: [^\r\n]*(Data|Dry|instance id)"_s)))
@@ -446,15 +425,12 @@ TEST_F(ToolTest, ATerminalSeesProgress)
             EXPECT_EQ(shown.count(u"\r\nData normalization is done"_s), 2) << shown.toStdString();
             continue;
         }
-        EXPECT_TRUE(shown.contains(u"Progress: "_s) && shown.contains(QLatin1String(c.progress)))
-            << shown.toStdString();
+        EXPECT_TRUE(has(shown, u"Progress: "_s));
+        EXPECT_TRUE(has(shown, QLatin1String(c.progress)));
         if (QString::fromUtf8(c.command).startsWith(u"stty"_s)) {
             for (const QString &piece : shown.split(QRegularExpression(u"[\r\n]"_s)).filter(u"Progress: "_s))
                 EXPECT_LT(piece.size(), kNarrow) << piece.toStdString();
         }
     }
-    lock.reset();
-    holder = QSqlDatabase();
-    QSqlDatabase::removeDatabase(u"holder"_s);
 #endif
 }

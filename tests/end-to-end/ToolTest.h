@@ -5,9 +5,71 @@
 #include "support/TestServer.h"
 #include "support/ToolSandbox.h"
 
+#include "app/repair/UnitSizer.h"
+
 #include <gtest/gtest.h>
 
 #include <QDir>
+#include <QProcess>
+#include <QSqlQuery>
+
+#include <functional>
+#include <optional>
+
+using namespace Qt::StringLiterals;
+
+// A document with a lone surrogate escape, and what the pass makes of it.
+inline const QString kBad = uR"({"type":"PE32","name":"lone \ud800 here"})"_s;
+inline const QString kFixed = uR"({"type":"PE32","name":"lone \\ud800 here"})"_s;
+
+// The rows of the product's table whose text is exactly this.
+inline int count(const QString &text)
+{
+    return TestServer::shared()
+        .sql(u"SELECT count(*) FROM scan.file WHERE filetype_details = '%1'"_s.arg(
+            QString(text).replace(u'\'', u"''"_s)))
+        .value(0)
+        .toInt();
+}
+
+// A session of its own on the product's database that holds what the statement locks until it
+// ends its transaction or goes.
+class HeldLock
+{
+public:
+    explicit HeldLock(const QString &statement)
+    {
+        const QSqlDatabase session = TestServer::connectionAt(TestServer::shared().port(), u"product"_s, kName);
+        m_query.emplace(session);
+        m_held = m_query->exec(u"BEGIN"_s) && m_query->exec(statement) && m_query->exec(u"SELECT pg_backend_pid()"_s)
+            && m_query->next();
+        m_pid = m_query->value(0).toString();
+    }
+    ~HeldLock()
+    {
+        end();
+        m_query.reset();
+        QSqlDatabase::removeDatabase(kName);
+    }
+    HeldLock(const HeldLock &) = delete;
+    HeldLock &operator=(const HeldLock &) = delete;
+
+    // Until end().
+    bool held() const { return m_held; }
+    QString pid() const { return m_pid; }
+    bool end(const QString &how = u"ROLLBACK"_s)
+    {
+        const bool ended = m_held && m_query->exec(how);
+        m_held = false;
+        return ended;
+    }
+
+private:
+    static constexpr const char *kName = "holder";
+    std::optional<QSqlQuery> m_query;
+    bool m_held = false;
+    QString m_pid;
+};
 
 // The real tool against the program's throwaway server: a fresh product database with the
 // tables the pass reads and writes, and a sandbox whose information file points at it.
@@ -31,6 +93,11 @@ protected:
     {
         return QLatin1Char('\'') + QString(text).replace(QLatin1Char('\''), QStringLiteral("''")) + QLatin1Char('\'');
     }
+    // A setup that runs the statements.
+    static std::function<void()> running(const QString &statements)
+    {
+        return [statements] { sql(statements); };
+    }
     static void addInstances(const QList<int> &ids)
     {
         for (int id : ids)
@@ -49,6 +116,31 @@ protected:
                            "RAISE EXCEPTION 'instance two is locked'; END IF; RETURN NEW; END $$ LANGUAGE plpgsql;"
                            "CREATE TRIGGER refuse BEFORE UPDATE ON scan.file FOR EACH ROW EXECUTE FUNCTION "
                            "refuse_two();"));
+    }
+    // Units of one block, so that a run lasts long enough to be met half way.
+    void startInSmallUnits(QProcess &tool, const QStringList &arguments) const
+    {
+        qputenv(UnitSizer::kBlocksVariable, "1");
+        m_sandbox.startTool(tool, arguments);
+        qunsetenv(UnitSizer::kBlocksVariable);
+    }
+    // A killed run's statement is finished or abandoned by the server on its own: either way whole.
+    static void waitForItsStatementsToEnd()
+    {
+        ASSERT_TRUE(eventually([] {
+            return sql(u"SELECT count(*) FROM pg_stat_activity WHERE query LIKE 'UPDATE scan.file%' OR query LIKE "
+                       "'WITH%'"_s)
+                == QStringList({u"0"_s});
+        }));
+    }
+    // Each line of the run log is a stamped entry of its own: no console line, no second line of a text.
+    QStringList unstampedLines() const
+    {
+        static const QRegularExpression entry(u"^\\[(INFO\\t|WARNING|ERROR\\t)\\] \\d{4}\\.\\d\\d\\.\\d\\d "_s);
+        QStringList lines
+            = QString::fromUtf8(ToolSandbox::read(m_sandbox.runLogPath())).split(u'\n', Qt::SkipEmptyParts);
+        lines.removeIf([](const QString &line) { return entry.match(line).hasMatch(); });
+        return lines;
     }
     QByteArray fileLogLine() const { return "File log: " + m_sandbox.runLogPath().toUtf8() + "\n"; }
     static QByteArray doneLine(int instance)
