@@ -142,8 +142,9 @@ TEST_F(ToolTest, ALockAnotherSessionHoldsIsWaitedForTwiceAtMostAndCountedOnce)
         addInstances({1, 2, 3});
         damagedRows();
         sql(u"DROP TRIGGER slow ON scan.file"_s);
-        if (c.hold == RowThroughTheUndo)
+        if (c.hold == RowThroughTheUndo) {
             ASSERT_EQ(m_sandbox.runTool({u"--journal"_s}).exitCode, 0);
+        }
         HeldLock lock(c.hold == TableShareMode ? u"LOCK TABLE scan.file IN SHARE MODE"_s
                                                : u"SELECT 1 FROM scan.file WHERE id = 1500 FOR UPDATE"_s);
         ASSERT_TRUE(lock.held());
