@@ -8,6 +8,7 @@
 #include <QVariant>
 
 #include <algorithm>
+#include <cmath>
 
 namespace {
 constexpr qint64 kBytesPerMb = 1024 * 1024;
@@ -115,6 +116,6 @@ QString ServerHealth::standbyBehind(QSqlQuery &query, bool working)
         return QString();
     return QStringLiteral("the standby \"%1\" is %2 s behind (at most %3 s)")
         .arg(furthest)
-        .arg(qint64(mostSeconds))
+        .arg(qint64(std::ceil(mostSeconds)))
         .arg(m_limits.maxLagSeconds);
 }
