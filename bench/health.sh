@@ -231,7 +231,7 @@ SQL
 }
 
 part_archive() {
-    local limit seconds kib wal before units changed sampler unarchived peak_ready peak_files peak_bytes pauses paused
+    local limit seconds kib wal before units changed sampler unarchived peak_ready peak_files first_files peak_bytes pauses paused
     restart_primary "-c max_wal_size=1GB -c min_wal_size=80MB"
     : >"$work/archive.results"
     for limit in off "$backlog_mb"; do
@@ -245,14 +245,14 @@ part_archive() {
         kill "$sampler" "$unarchived"
         wait "$sampler" "$unarchived" 2>/dev/null || true
         read -r units changed < <(units_of "archive-$limit")
-        read -r peak_ready peak_files < <(awk '$2 > r {r = $2} $3 > f {f = $3} END {print r + 0, f + 0}' \
-            "$work/archive-$limit.samples")
+        read -r peak_ready peak_files first_files < <(awk 'NR == 1 {s = $3} $2 > r {r = $2} $3 > f {f = $3}
+            END {print r + 0, f + 0, s + 0}' "$work/archive-$limit.samples")
         peak_bytes=$(awk '$2 > m {m = $2} END {print m + 0}' "$work/unarchived-$limit.samples")
         pauses=$(pauses_of "archive-$limit" | wc -l)
         paused=$(grep -aoE 'Paused .* in all' "$work/archive-$limit.log" | sed 's/Paused //; s/ in all//' || true)
         echo "  archive, limit $limit: $seconds s, WAL $(mb "$wal") MB, peak $((peak_ready * 16)) MB ready," \
             "pg_wal $((peak_files * 16)) MB, $pauses pauses, load $before" >&2
-        echo "$limit $seconds $wal $units $peak_ready $peak_files $peak_bytes $pauses ${paused:--} $before" \
+        echo "$limit $seconds $wal $units $peak_ready $peak_files $peak_bytes $first_files $pauses ${paused:--} $before" \
             >>"$work/archive.results"
     done
     settle
@@ -265,14 +265,14 @@ part_archive() {
         echo "archived is the server's position past the end of the last segment archived; both, and pg_wal's segments, are"
         echo "sampled every 0.5 s. A unit's WAL is the run's WAL over its units (mean)."
         echo
-        echo "| --max-archive-backlog | seconds | WAL MB | units | a unit's WAL MB | peak backlog MB | peak WAL not yet archived MB | peak pg_wal MB | pauses | paused in all | load before |"
-        echo "| --- | ---: | ---: | ---: | ---: | ---: | ---: | ---: | ---: | --- | ---: |"
-        awk '{paused = $9; for (i = 10; i < NF; i++) paused = paused " " $i;
-            printf "| %s | %s | %.1f | %d | %.1f | %d | %.1f | %d | %d | %s | %s |\n", $1, $2, $3 / 1048576, $4,
-            $3 / $4 / 1048576, $5 * 16, $7 / 1048576, $6 * 16, $8, paused, $NF}' "$work/archive.results"
+        echo "| --max-archive-backlog | seconds | WAL MB | units | a unit's WAL MB | peak backlog MB | peak WAL not yet archived MB | pg_wal MB at the start | peak pg_wal MB | pauses | paused in all | load before |"
+        echo "| --- | ---: | ---: | ---: | ---: | ---: | ---: | ---: | ---: | ---: | --- | ---: |"
+        awk '{paused = $10; for (i = 11; i < NF; i++) paused = paused " " $i;
+            printf "| %s | %s | %.1f | %d | %.1f | %d | %.1f | %d | %d | %d | %s | %s |\n", $1, $2, $3 / 1048576, $4,
+            $3 / $4 / 1048576, $5 * 16, $7 / 1048576, $8 * 16, $6 * 16, $9, paused, $NF}' "$work/archive.results"
         awk -v limit="$backlog_mb" '$1 == limit {peak = $5 * 16; unit = $3 / $4 / 1048576; over = peak - limit;
             printf "\nWith the limit the backlog peaked %d MB above it, against a unit'"'"'s %.1f MB of WAL; target at most one unit: %s.%s\n",
-            over, unit, (over <= unit ? "met" : "missed"), ($8 == 0 ? " The limit was never reached." : "")}' \
+            over, unit, (over <= unit ? "met" : "missed"), ($9 == 0 ? " The limit was never reached." : "")}' \
             "$work/archive.results"
     } >"$results/archive.md"
 }
@@ -404,32 +404,34 @@ beside_writer() {
 }
 
 part_pace() {
-    local p99 longest seconds before idle pace pauses
+    local p99 longest seconds before idle idle_longest idle_load pace pauses unit
     cat >"$work/writer.sql" <<SQL
 \set id random(1, $rows)
 UPDATE scan.file SET request_id = request_id WHERE id = :id;
 SQL
     prepare_run
-    read -r idle longest _ before < <(beside_writer 30)
-    echo "  writer idle: p99 $idle ms, longest $longest ms, load $before" >&2
+    read -r idle idle_longest _ idle_load < <(beside_writer 30)
+    echo "  writer idle: p99 $idle ms, longest $idle_longest ms, load $idle_load" >&2
     : >"$work/pace.results"
     for pace in $paces; do
         prepare_run
         read -r p99 longest seconds before < <(beside_writer 3600 "pace-$pace" "$tool" "${batched[@]}" --pace "$pace")
         pauses=$(pauses_of "pace-$pace" | wc -l)
-        echo "  pace $pace: $seconds s, p99 $p99 ms, longest $longest ms, $pauses pauses, load $before" >&2
-        echo "$pace $seconds $p99 $longest $pauses $before" >>"$work/pace.results"
+        unit=$({ grep -aoE ': [0-9]+\.[0-9]{3} s, rows changed' "$work/pace-$pace.log" || true; } |
+            awk '{if ($2 > m) m = $2} END {printf "%.3f", m}')
+        echo "  pace $pace: $seconds s, p99 $p99 ms, longest $longest ms, longest unit $unit s, $pauses pauses, load $before" >&2
+        echo "$pace $seconds $p99 $longest $pauses $before $unit" >>"$work/pace.results"
     done
     {
         echo "**The product's writer beside the run** ($(stamp), $rows rows, one in 5 damaged): pgbench"
         echo "updating a random row by key $writer_rate times a second (latency from each transaction's scheduled"
         echo "start) during \`--batched --jobs 2 --pace P\`, the checks at their defaults; idle: the writer alone for 30 s,"
-        echo "p99 $idle ms, longest $longest ms (load before $before)."
+        echo "p99 $idle ms, longest $idle_longest ms (load before $idle_load). The longest unit is from the run's --verbose lines."
         echo
-        echo "| --pace | run seconds | of --pace 100 | writer p99 ms | of idle | writer longest ms | run's pauses | load before |"
-        echo "| ---: | ---: | ---: | ---: | ---: | ---: | ---: | ---: |"
-        awk -v idle="$idle" 'NR == 1 {full = $2} {printf "| %s | %s | %.2f | %s | %.1f | %s | %s | %s |\n", $1, $2,
-            $2 / full, $3, $3 / idle, $4, $5, $6}' "$work/pace.results"
+        echo "| --pace | run seconds | of --pace 100 | writer p99 ms | of idle | writer longest ms | longest unit s | run's pauses | load before |"
+        echo "| ---: | ---: | ---: | ---: | ---: | ---: | ---: | ---: | ---: |"
+        awk -v idle="$idle" 'NR == 1 {full = $2} {printf "| %s | %s | %.2f | %s | %.1f | %s | %s | %s | %s |\n", $1, $2,
+            $2 / full, $3, $3 / idle, $4, $7, $5, $6}' "$work/pace.results"
         echo
         awk -v idle="$idle" 'NR == 1 {full = $2} $3 <= 3 * idle && !found {found = 1; pace = $1; cost = $2 / full}
             END {if (found) printf "The writer'"'"'s p99 is at most 3 times idle from --pace %s down; the run then takes %.2f times as long as at --pace 100.\n", pace, cost;
