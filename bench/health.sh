@@ -1,9 +1,9 @@
 #!/usr/bin/env bash
 # Measures how closely --batched --jobs 2 keeps to the limits that spare the product's server, and
 # what sparing it costs; writes its tables into docs/benchmarks.md between its "health" markers.
-# Not part of the test run.
+# The tests do not run it.
 #
-#   bench/health.sh [PART...]      default: wal archive lag pace checks scale
+#   bench/health.sh [MEASUREMENT...]  default: wal archive lag pace checks scale
 #
 # The server of bench/bench-lib.sh with archive_mode on, an archive_command that copies a 16 MB
 # segment after ARCHIVE_SLEEP seconds (default 0.5: about 32 MB/s), and a hot standby made by
@@ -31,8 +31,8 @@
 #            first size is run again after the others), on the server alone: the standby gone and
 #            archive_mode off. A size whose rows would not fit on the disk is halved until they do.
 #
-# Each part keeps its table in build-bench/health/, so that the parts can be run one at a time; the
-# block written holds every part measured so far.
+# Each measurement keeps its table in build-bench/health/, so that they can be run one at a time; the
+# block written holds every one measured so far.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 top=$(pwd)
@@ -48,12 +48,12 @@ writer_rate=${WRITER_RATE:-200}
 paces=${PACES:-100 75 50 25}
 repeats=${REPEATS:-3}
 scale_rows=${SCALE_ROWS:-2000000 20000000}
-parts=${*:-wal archive lag pace checks scale}
-for part in $parts; do
-    case $part in
+measurements=${*:-wal archive lag pace checks scale}
+for measurement in $measurements; do
+    case $measurement in
     wal | archive | lag | pace | checks | scale) ;;
     *)
-        echo "$(basename "$0"): no part \"$part\"; the parts are wal archive lag pace checks scale" >&2
+        echo "$(basename "$0"): no measurement \"$measurement\"; they are wal archive lag pace checks scale" >&2
         exit 2
         ;;
     esac
@@ -129,7 +129,7 @@ prepare_run() {
 }
 
 run_log() { ls -t "$work"/data/logs/data_normalizer-*.log 2>/dev/null | head -n 1 || true; }
-# "run_tool NAME PROGRAM ARGS...": one run; its part of the run log goes to $work/NAME.log. Prints
+# "run_tool NAME PROGRAM ARGS...": one run; the run log lines it wrote go to $work/NAME.log. Prints
 # "seconds peak-KiB WAL-bytes load".
 run_tool() {
     local name=$1 log offset=0 lsn seconds kib before
@@ -181,7 +181,7 @@ base_tool() {
 
 batched=(--batched --jobs 2 --verbose)
 
-part_wal() {
+measure_wal() {
     local base program which seconds kib wal before units changed method bad
     base=$(base_tool)
     : >"$work/wal.results"
@@ -230,7 +230,7 @@ SQL
     echo $!
 }
 
-part_archive() {
+measure_archive() {
     local limit seconds kib wal before units changed sampler unarchived peak_ready peak_files first_files peak_bytes pauses paused
     restart_primary "-c max_wal_size=1GB -c min_wal_size=80MB"
     : >"$work/archive.results"
@@ -285,7 +285,7 @@ start_watch() {
     echo $!
 }
 
-part_lag() {
+measure_lag() {
     local primary_watch standby_watch started t_pause t_resume seconds kib wal before units changed
     prepare_run
     primary_watch=$(start_watch "$work/primary.samples" "$port" "SELECT extract(epoch FROM clock_timestamp()),
@@ -403,7 +403,7 @@ beside_writer() {
             printf "%.1f %.1f %s %s\n", v[i], v[NR], t, l}'
 }
 
-part_pace() {
+measure_pace() {
     local p99 longest seconds before idle idle_longest idle_load pace pauses unit
     cat >"$work/writer.sql" <<SQL
 \set id random(1, $rows)
@@ -439,7 +439,7 @@ SQL
     } >"$results/pace.md"
 }
 
-part_checks() {
+measure_checks() {
     local which seconds kib wal before pauses
     : >"$work/checks.results"
     local order=()
@@ -476,14 +476,14 @@ part_checks() {
 
 # The disk the server's folder is on, in KiB free.
 free_kib() { df -Pk "$work" | awk 'NR == 2 {print $4}'; }
-part_scale() {
+measure_scale() {
     if [ -n "$standby" ]; then
         stop_standby
         rm -rf "$standby"
         standby=
         touch "$work/archive-setup"
         sql -d postgres -q -c "SELECT FROM pg_drop_replication_slot('standby')" -c "ALTER SYSTEM RESET archive_mode" \
-            -c "ALTER SYSTEM RESET archive_command"
+            -c "ALTER SYSTEM RESET archive_command" >/dev/null
         restart_primary
         rm -f "$work/archive-setup"
     elif [ ! -d "$work/server" ]; then
@@ -536,17 +536,17 @@ part_scale() {
     } >"$results/scale.md"
 }
 
-primary_parts=no
-for part in $parts; do [ "$part" = scale ] || primary_parts=yes; done
-if [ "$primary_parts" = yes ]; then
+on_primary=no
+for measurement in $measurements; do [ "$measurement" = scale ] || on_primary=yes; done
+if [ "$on_primary" = yes ]; then
     start_health_servers
     echo "== $rows rows, one in 5 damaged; the standby on port $standby_port" >&2
     seed "$rows" 3 5 >/dev/null
 fi
-for part in wal archive lag pace checks scale; do
-    case " $parts " in *" $part "*) ;; *) continue ;; esac
-    echo "== $part ($(date -u +%H:%M:%S), load $(load))" >&2
-    "part_$part"
+for measurement in wal archive lag pace checks scale; do
+    case " $measurements " in *" $measurement "*) ;; *) continue ;; esac
+    echo "== $measurement ($(date -u +%H:%M:%S), load $(load))" >&2
+    "measure_$measurement"
 done
 
 {
@@ -557,8 +557,8 @@ done
     echo "every run is \`--batched --jobs 2\`"
     echo "of this tree (where not said otherwise), from a checkpoint, with the archive empty and the standby caught up."
     echo "The load is the machine's 1-minute load average just before the run: other builds and tests share its cores."
-    for part in wal archive lag pace checks scale; do
-        [ ! -f "$results/$part.md" ] || { echo; cat "$results/$part.md"; }
+    for measurement in wal archive lag pace checks scale; do
+        [ ! -f "$results/$measurement.md" ] || { echo; cat "$results/$measurement.md"; }
     done
     echo "<!-- /health -->"
 } >"$work/block"
