@@ -193,8 +193,7 @@ TEST_F(ChangedOnlyTest, PcreReadsTheProductsPatternAsTheServerDoes)
 
 TEST_F(ChangedOnlyTest, DryRunCountsExactlyTheRowsThatChangeAndWritesNothing)
 {
-    QFile::remove(m_sandbox.runLogPath());
-    const ToolSandbox::Result dry = m_sandbox.runTool({u"--dry-run"_s, u"--jobs"_s, u"3"_s});
+    const ToolSandbox::Result dry = m_sandbox.runFresh({u"--dry-run"_s, u"--jobs"_s, u"3"_s});
     EXPECT_EQ(dry.exitCode, 0);
     QStringList reported;
     for (const QByteArray &line : dry.out.split('\n')) {
@@ -299,9 +298,8 @@ TEST_F(ChangedOnlyTest, UndoCutShortAndRunAgainGivesEveryRowBackButOneEditedSinc
     const QStringList edited = sql(u"SELECT id FROM original o JOIN by_product p USING (id) WHERE "
                                    "o.filetype_details <> p.filetype_details ORDER BY id DESC LIMIT 2"_s);
     sql(u"UPDATE scan.file SET filetype_details = filetype_details || ' ' WHERE id = %1; UPDATE scan.file SET "
-        "request_id = request_id + 1000 WHERE id = %2; CREATE FUNCTION slow() RETURNS trigger AS $$ BEGIN PERFORM "
-        "pg_sleep(0.001); RETURN NEW; END $$ LANGUAGE plpgsql; CREATE TRIGGER slow BEFORE UPDATE ON scan.file FOR "
-        "EACH ROW EXECUTE FUNCTION slow()"_s.arg(edited[0], edited[1]));
+        "request_id = request_id + 1000 WHERE id = %2;"_s.arg(edited[0], edited[1])
+        + trigger(u"slow"_s, u"PERFORM pg_sleep(0.001); RETURN NEW;"_s));
     const QString restored = u"SELECT count(*) FROM zentrix_normalizer.original WHERE restored"_s;
     QProcess undo;
     m_sandbox.startTool(undo, {u"--undo"_s, u"1"_s});

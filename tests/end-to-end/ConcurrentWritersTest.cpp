@@ -16,12 +16,10 @@ void damagedRows(const char *secondsPerRow = "0.002")
 {
     TestServer::shared().sql(
         u"INSERT INTO scan.file (instance_id, request_id, filetype_details) SELECT 1 + g % 3, 100, CASE WHEN g % 2 = 0 "
-        "THEN %1 ELSE %2 END FROM generate_series(1, %3) g; CREATE FUNCTION slow() RETURNS trigger AS $$ BEGIN "
-        "PERFORM pg_sleep(%4); RETURN NEW; END $$ LANGUAGE plpgsql; CREATE TRIGGER slow BEFORE UPDATE ON scan.file "
-        "FOR EACH ROW WHEN (NEW.filetype_details IS DISTINCT FROM OLD.filetype_details) EXECUTE FUNCTION slow()"_s
-            .arg(SqlLiteral::of(kBad), SqlLiteral::of(kFixed))
+        "THEN %1 ELSE %2 END FROM generate_series(1, %3) g;"_s.arg(SqlLiteral::of(kBad), SqlLiteral::of(kFixed))
             .arg(kRows)
-            .arg(QLatin1String(secondsPerRow)));
+        + trigger(u"slow"_s, u"PERFORM pg_sleep(%1); RETURN NEW;"_s.arg(QLatin1String(secondsPerRow)),
+            u"ROW WHEN (NEW.filetype_details IS DISTINCT FROM OLD.filetype_details)"_s));
 }
 
 QString logOf(const ToolSandbox &sandbox)

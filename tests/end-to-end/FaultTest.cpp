@@ -49,12 +49,11 @@ TEST_F(ToolTest, AnInterruptedPassKeepsWhatItCommittedWholeAndTheNextRunComplete
         addInstances({1, 2, 3});
         sql(u"INSERT INTO scan.file (instance_id, request_id, filetype_details) SELECT i, 100, %1 FROM "
             "generate_series(1, 3) i, generate_series(1, %2); CREATE TABLE original AS SELECT id, "
-            "(ctid::text::point)[0] "
-            "AS block FROM scan.file; CREATE FUNCTION slow() RETURNS trigger AS $$ BEGIN IF NEW.instance_id = 2 OR %3 "
-            "THEN PERFORM pg_sleep(0.001); END IF; RETURN NEW; END $$ LANGUAGE plpgsql; CREATE TRIGGER slow BEFORE "
-            "UPDATE ON scan.file FOR EACH ROW EXECUTE FUNCTION slow();"_s.arg(quoted(kBad))
+            "(ctid::text::point)[0] AS block FROM scan.file;"_s.arg(quoted(kBad))
                 .arg(kRowsPerInstance)
-                .arg(batched ? u"true"_s : u"false"_s));
+            + trigger(u"slow"_s,
+                u"IF NEW.instance_id = 2 OR %1 THEN PERFORM pg_sleep(0.001); END IF; RETURN NEW;"_s.arg(
+                    batched ? u"true"_s : u"false"_s)));
         const QStringList arguments = batched ? QStringList{QLatin1String(c.option)} : QStringList();
         QProcess tool;
         startInSmallUnits(tool, arguments);
@@ -177,8 +176,7 @@ TEST_F(ToolTest, BadInformationAndKeyFiles)
         const ToolSandbox::Result shown = m_sandbox.runDbInfo({u"show"_s});
         EXPECT_EQ(shown.exitCode, 1);
         EXPECT_TRUE(shown.err.startsWith(c.shown)) << shown.err.constData();
-        QFile::remove(m_sandbox.runLogPath());
-        const ToolSandbox::Result result = m_sandbox.runTool();
+        const ToolSandbox::Result result = m_sandbox.runFresh();
         QFile::remove(shared);
         EXPECT_FALSE(result.crashed);
         EXPECT_EQ(result.exitCode, 1) << "values filled in as on a first run name no reachable database";
@@ -256,9 +254,7 @@ TEST_F(ToolTest, TheToolsModesFinishTheirJobUnderFieldFaults)
     // A damaged row in the middle of instance 2.
     const QString middle = QString::number(kRows + kRows / 2);
     enum Disturbance { None, Terminate, Restart, HoldPartition, ReadOnly };
-    const auto slowRows = running(u"CREATE FUNCTION slow() RETURNS trigger AS $$ BEGIN PERFORM pg_sleep(0.005); RETURN "
-                                  "NEW; END $$ LANGUAGE plpgsql; CREATE TRIGGER slow BEFORE UPDATE ON scan.file FOR "
-                                  "EACH ROW EXECUTE FUNCTION slow()"_s);
+    const auto slowRows = running(trigger(u"slow"_s, u"PERFORM pg_sleep(0.005); RETURN NEW;"_s));
     const auto partitioned = running(
         u"DROP TABLE scan.file; CREATE TABLE scan.file (id int, instance_id int, request_id bigint, filetype_details "
         "text, PRIMARY KEY (id, instance_id, request_id)) PARTITION BY LIST (instance_id); CREATE TABLE scan.file_1 "
@@ -283,9 +279,8 @@ TEST_F(ToolTest, TheToolsModesFinishTheirJobUnderFieldFaults)
         const char *logHas;
     } cases[] = {
         {"a trigger refuses one row", {{"--batched", "--jobs", "2"}, {"--changed-only"}},
-            running(u"CREATE FUNCTION refuse() RETURNS trigger AS $$ BEGIN IF NEW.id = %1 THEN RAISE EXCEPTION 'row % "
-                    "is refused', NEW.id; END IF; RETURN NEW; END $$ LANGUAGE plpgsql; CREATE TRIGGER refuse BEFORE "
-                    "UPDATE ON scan.file FOR EACH ROW EXECUTE FUNCTION refuse()"_s.arg(middle)),
+            running(trigger(u"refuse"_s,
+                u"IF NEW.id = %1 THEN RAISE EXCEPTION 'row % is refused', NEW.id; END IF; RETURN NEW;"_s.arg(middle))),
             None, 1, 1,
             "[WARNING] <ts>: Row left unrepaired, data: filetype_details, instance id: 2, row: id=%1. ERROR: row %1 "
             "is refused"},
@@ -294,9 +289,8 @@ TEST_F(ToolTest, TheToolsModesFinishTheirJobUnderFieldFaults)
                 sql(u"CREATE ROLE timed LOGIN PASSWORD '%1'; ALTER ROLE timed SET statement_timeout = '300ms'; ALTER "
                     "ROLE timed SET lock_timeout = '1ms'; ALTER ROLE timed SET idle_in_transaction_session_timeout = "
                     "'1ms'; GRANT USAGE ON SCHEMA scan, warehouse TO timed; GRANT ALL ON ALL TABLES IN SCHEMA scan, "
-                    "warehouse TO timed; CREATE FUNCTION sleepy() RETURNS trigger AS $$ BEGIN PERFORM pg_sleep(0.5); "
-                    "RETURN NULL; END $$ LANGUAGE plpgsql; CREATE TRIGGER sleepy BEFORE UPDATE ON scan.file FOR EACH "
-                    "STATEMENT EXECUTE FUNCTION sleepy()"_s.arg(QLatin1String(TestServer::kPassword)));
+                    "warehouse TO timed;"_s.arg(QLatin1String(TestServer::kPassword))
+                    + trigger(u"sleepy"_s, u"PERFORM pg_sleep(0.5); RETURN NULL;"_s, u"STATEMENT"_s));
                 ASSERT_TRUE(m_sandbox.provision(server().port(), u"product"_s, u"remote"_s, {u"user=timed"_s}));
             },
             None, 0, 0, "[INFO\t] <ts>: "},
@@ -334,19 +328,15 @@ TEST_F(ToolTest, TheToolsModesFinishTheirJobUnderFieldFaults)
             None, 1, 360, "[ERROR\t] <ts>: The run stopped before its end: ERROR: permission denied for table file"},
         // A refusal that every row meets alike stops the run with one line, not one per row.
         {"a statement-level trigger refuses every update", {{"--batched", "--jobs", "2"}, {"--changed-only"}},
-            running(u"CREATE FUNCTION refuse_all() RETURNS trigger AS $$ BEGIN RAISE EXCEPTION 'no update'; END $$ "
-                    "LANGUAGE plpgsql; CREATE TRIGGER refuse_all BEFORE UPDATE ON scan.file FOR EACH STATEMENT EXECUTE "
-                    "FUNCTION refuse_all()"_s),
-            None, 1, 360,
+            running(trigger(u"refuse_all"_s, u"RAISE EXCEPTION 'no update';"_s, u"STATEMENT"_s)), None, 1, 360,
             "[ERROR\t] <ts>: The run stopped before its end: the server refused 100 statements in a row alike, with "
             "no row changed in between: a refusal that every row meets. ERROR: no update"},
         // A remote server's connection that fails is the rows' error, not the tool's lost connection.
         {"a remote server behind a foreign table is down", {{"--batched"}},
             running(u"CREATE EXTENSION postgres_fdw; CREATE SERVER gone FOREIGN DATA WRAPPER postgres_fdw OPTIONS "
                     "(host '127.0.0.1', port '1'); CREATE USER MAPPING FOR CURRENT_USER SERVER gone; CREATE FOREIGN "
-                    "TABLE remote (a int) SERVER gone; CREATE FUNCTION ask() RETURNS trigger AS $$ BEGIN PERFORM FROM "
-                    "remote; RETURN NEW; END $$ LANGUAGE plpgsql; CREATE TRIGGER ask BEFORE UPDATE ON scan.file FOR "
-                    "EACH ROW EXECUTE FUNCTION ask()"_s),
+                    "TABLE remote (a int) SERVER gone;"_s
+                + trigger(u"ask"_s, u"PERFORM FROM remote; RETURN NEW;"_s)),
             None, 1, 360, "[ERROR\t] <ts>: The run stopped before its end: the server refused 100 statements in a row"},
     };
     for (const auto &c : cases) {
@@ -414,8 +404,7 @@ TEST_F(ToolTest, TheToolsModesFinishTheirJobUnderFieldFaults)
         }
     }
     server().freshProductDatabase();
-    server().sql(u"DROP ROLE IF EXISTS timed"_s, u"postgres"_s);
-    server().sql(u"DROP ROLE IF EXISTS limited"_s, u"postgres"_s);
+    server().sql(u"DROP ROLE IF EXISTS timed; DROP ROLE IF EXISTS limited"_s, u"postgres"_s);
 }
 
 // --undo where a trigger refuses one row's restore: the row is counted and named by its key with
@@ -428,9 +417,8 @@ TEST_F(ToolTest, AnUndoWhoseRowTheServerRefusesStaysUndoable)
         "generate_series(1, 50)"_s.arg(quoted(kBad)));
     ASSERT_EQ(m_sandbox.runTool({u"--journal"_s}).exitCode, 0);
     const QString kept = sql(u"SELECT id FROM scan.file ORDER BY id OFFSET 16 LIMIT 1"_s).value(0);
-    sql(u"CREATE FUNCTION refuse() RETURNS trigger AS $$ BEGIN IF NEW.id = %1 THEN RAISE EXCEPTION 'row % is "
-        "kept', NEW.id; END IF; RETURN NEW; END $$ LANGUAGE plpgsql; CREATE TRIGGER refuse BEFORE UPDATE ON "
-        "scan.file FOR EACH ROW EXECUTE FUNCTION refuse()"_s.arg(kept));
+    sql(trigger(
+        u"refuse"_s, u"IF NEW.id = %1 THEN RAISE EXCEPTION 'row % is kept', NEW.id; END IF; RETURN NEW;"_s.arg(kept)));
     const QString notBack
         = u"SELECT string_agg(id::text, ' ') FROM scan.file WHERE filetype_details <> %1"_s.arg(quoted(kBad));
     const auto state
@@ -495,8 +483,7 @@ TEST_F(ToolTest, VerifyCountsByPlainReadsWhereItCannotMakeAFunction)
                     .arg(QLatin1String(TestServer::kPassword), c.setup == NoTemp ? u", scan"_s : QString()));
             ASSERT_TRUE(m_sandbox.provision(server().port(), u"product"_s, u"remote"_s, {u"user=verifier"_s}));
         }
-        QFile::remove(m_sandbox.runLogPath());
-        const ToolSandbox::Result result = m_sandbox.runTool(c.arguments);
+        const ToolSandbox::Result result = m_sandbox.runFresh(c.arguments);
         EXPECT_EQ(result.exitCode, 1);
         EXPECT_EQ(QString::fromUtf8(result.out).split(u'\n').filter(u"Verified data"_s),
             QStringList({verifiedLine(1, c.counts[0]), verifiedLine(2, c.counts[1]), verifiedLine(3, c.counts[2])}));
@@ -559,12 +546,9 @@ TEST_F(ToolTest, ARowLeftOfATableWithoutAKeyIsNamedSoThatItCanBeFound)
         SetUp();
         addInstances({1, 2});
         sql(u"ALTER TABLE scan.file DROP CONSTRAINT file_pkey; INSERT INTO scan.file (id, instance_id, request_id, "
-            "filetype_details) SELECT g, 1 + g % 2, 100 + g, %1 FROM generate_series(1, 400) g; CREATE FUNCTION "
-            "refuse() RETURNS trigger AS $$ BEGIN IF NEW.id = 201 THEN RAISE EXCEPTION 'row refused'; END IF; "
-            "RETURN NEW; END $$ LANGUAGE plpgsql; CREATE TRIGGER refuse BEFORE UPDATE ON scan.file FOR EACH ROW "
-            "EXECUTE FUNCTION refuse()"_s.arg(quoted(kBad)));
-        QFile::remove(m_sandbox.runLogPath());
-        EXPECT_EQ(m_sandbox.runTool(arguments).exitCode, 1);
+            "filetype_details) SELECT g, 1 + g % 2, 100 + g, %1 FROM generate_series(1, 400) g;"_s.arg(quoted(kBad))
+            + trigger(u"refuse"_s, u"IF NEW.id = 201 THEN RAISE EXCEPTION 'row refused'; END IF; RETURN NEW;"_s));
+        EXPECT_EQ(m_sandbox.runFresh(arguments).exitCode, 1);
         // The product rewrites the row elsewhere: its row version is gone, its name still finds it.
         sql(u"DROP TRIGGER refuse ON scan.file; UPDATE scan.file SET id = id WHERE id = 201"_s);
         const QRegularExpressionMatch left
@@ -586,8 +570,7 @@ TEST_F(ToolTest, RunLogEntriesStayOneLineInTheToolsModes)
     sql(u"DROP TABLE warehouse.control_refresh"_s);
     for (const QStringList &arguments : {QStringList{u"--dry-run"_s}, QStringList()}) {
         SCOPED_TRACE(arguments.join(u' ').toStdString());
-        QFile::remove(m_sandbox.runLogPath());
-        EXPECT_EQ(m_sandbox.runTool(arguments).exitCode, 1);
+        EXPECT_EQ(m_sandbox.runFresh(arguments).exitCode, 1);
         EXPECT_TRUE(ToolSandbox::read(m_sandbox.runLogPath()).contains("Select all last_request_id unsuccessfully."));
         EXPECT_EQ(unstampedLines().isEmpty(), !arguments.isEmpty());
     }

@@ -101,6 +101,16 @@ protected:
         ASSERT_EQ(m_installation.serverCtl({u"stop"_s}), 0);
     }
 
+    // A run on the installation as it is now that fails without a wait that could not succeed.
+    void failsAtOnce()
+    {
+        m_installation.handOverInstallation();
+        QElapsedTimer elapsed;
+        elapsed.start();
+        EXPECT_EQ(m_installation.runFresh().exitCode, 1);
+        EXPECT_LT(elapsed.elapsed(), 30000);
+    }
+
     LocalInstallation m_installation;
 };
 
@@ -220,12 +230,7 @@ TEST_F(LocalServerTest, LifecycleOfAManagedCluster)
 
     // Credentials the running server refuses: no try can change that, so the waits end at once.
     ASSERT_EQ(m_installation.runDbInfo({u"set"_s, u"password=wrong"_s}).exitCode, 0);
-    m_installation.handOverInstallation();
-    QFile::remove(m_installation.runLogPath());
-    QElapsedTimer elapsed;
-    elapsed.start();
-    EXPECT_EQ(m_installation.runTool().exitCode, 1);
-    EXPECT_LT(elapsed.elapsed(), 30000);
+    failsAtOnce();
     EXPECT_TRUE(m_installation.runLog().startsWith(
         u"[ERROR\t] <ts>: The database server at 127.0.0.1:%1 refused the "
         "connection, and trying again cannot change that: "_s.arg(m_installation.port())))
@@ -260,16 +265,12 @@ TEST_F(LocalServerTest, ADataDirectoryWithOnlyHiddenEntriesIsMadeAnewAndANonEmpt
     // A cluster that initdb refuses to make is said with initdb's reason; nothing is kept.
     QDir(m_installation.pgData()).removeRecursively();
     ASSERT_TRUE(m_installation.provision(m_installation.port(), u"product"_s, u"local"_s, {u"user=pg_refused"_s}));
-    m_installation.handOverInstallation();
-    QFile::remove(m_installation.runLogPath());
-    EXPECT_EQ(m_installation.runTool().exitCode, 1);
-    EXPECT_TRUE(QRegularExpression(
-        u"^\\[ERROR\t\\] <ts>: initdb made no database cluster in %1: initdb ended with "
-        "status 1: [^\n]*\"pg_refused\"[^\n]*\\. Nothing was kept; remove the cause it "
-        "names and run again\\.\n\\[ERROR\t\\] <ts>: Failed to init Postgres service\n$"_s.arg(m_installation.pgData()))
-                    .match(m_installation.runLog())
-                    .hasMatch())
-        << m_installation.runLog().toStdString();
+    failsAtOnce();
+    EXPECT_TRUE(has(m_installation.runLog(),
+        QRegularExpression(
+            u"^\\[ERROR\t\\] <ts>: initdb made no database cluster in %1: initdb ended with "
+            "status 1: [^\n]*\"pg_refused\"[^\n]*\\. Nothing was kept; remove the cause it names and run "
+            "again\\.\n\\[ERROR\t\\] <ts>: Failed to init Postgres service\n$"_s.arg(m_installation.pgData()))));
     EXPECT_FALSE(QFileInfo::exists(m_installation.pgData()));
 }
 
@@ -317,15 +318,9 @@ TEST_F(LocalServerTest, APortHeldByAnotherProgramEndsTheRunAtOnceAndConnectsToNo
     for (const auto &c : cases) {
         SCOPED_TRACE(c.name);
         ASSERT_TRUE(m_installation.provision(c.port, u"product"_s, u"local"_s, c.more));
-        m_installation.handOverInstallation();
-        QFile::remove(m_installation.runLogPath());
-        QElapsedTimer elapsed;
-        elapsed.start();
-        EXPECT_EQ(m_installation.runTool().exitCode, 1);
-        EXPECT_LT(elapsed.elapsed(), 30000);
-        const QRegularExpression expected(
-            u'^' + c.firstLine + uR"(\[ERROR\t\] <ts>: Failed to init Postgres service\n$)"_s);
-        EXPECT_TRUE(expected.match(m_installation.runLog()).hasMatch()) << m_installation.runLog().toStdString();
+        failsAtOnce();
+        EXPECT_TRUE(has(m_installation.runLog(),
+            QRegularExpression(u'^' + c.firstLine + uR"(\[ERROR\t\] <ts>: Failed to init Postgres service\n$)"_s)));
         EXPECT_FALSE(m_installation.running());
         EXPECT_EQ(other.sql(u"SELECT filetype_details FROM scan.file"_s), QStringList{damaged});
     }
@@ -357,8 +352,7 @@ TEST_F(LocalServerTest, KilledInterruptedAndOverlappingRuns)
         EXPECT_FALSE(QFileInfo::exists(m_installation.pgData() + u"/PG_VERSION"_s)) << "no half-made cluster in place";
         EXPECT_EQ(m_installation.runLog().contains(u"The run was interrupted by SIGINT"_s), !killed);
     }
-    QFile::remove(m_installation.runLogPath());
-    EXPECT_EQ(m_installation.runTool().exitCode, 1) << "the product database does not exist yet";
+    EXPECT_EQ(m_installation.runFresh().exitCode, 1) << "the product database does not exist yet";
     EXPECT_EQ(m_installation.runLog(), u"[ERROR\t] <ts>: Cannot connect to Postgres server: product\n"_s);
     for (const QString &file : {u"/PG_VERSION"_s, u"/global/pg_control"_s})
         EXPECT_TRUE(QFileInfo::exists(m_installation.pgData() + file));

@@ -125,8 +125,7 @@ TEST_F(ToolTest, RunOutcomes)
             c.setup();
         for (const QStringList &arguments : c.argumentLists) {
             SCOPED_TRACE(arguments.join(QLatin1Char(' ')).toStdString());
-            QFile::remove(m_sandbox.runLogPath());
-            const ToolSandbox::Result result = m_sandbox.runTool(arguments);
+            const ToolSandbox::Result result = m_sandbox.runFresh(arguments);
             if (c.exitCode == kCrash) {
                 EXPECT_TRUE(result.crashed);
                 EXPECT_EQ(result.out, "");
@@ -247,9 +246,8 @@ TEST_F(ToolTest, JobsRunTheUpdatesOnSeveralConnections)
     for (int instance : {1, 2, 3, 4})
         addRow(instance, 5, u"{}"_s);
     // Every row notes the server process that updates it, slowly enough for the jobs to overlap.
-    sql(u"CREATE TABLE seen (pid int); CREATE FUNCTION note() RETURNS trigger AS $$ BEGIN INSERT INTO seen VALUES "
-        "(pg_backend_pid()); PERFORM pg_sleep(0.5); RETURN NEW; END $$ LANGUAGE plpgsql; CREATE TRIGGER note "
-        "BEFORE UPDATE ON scan.file FOR EACH ROW EXECUTE FUNCTION note();"_s);
+    sql(u"CREATE TABLE seen (pid int);"_s
+        + trigger(u"note"_s, u"INSERT INTO seen VALUES (pg_backend_pid()); PERFORM pg_sleep(0.5); RETURN NEW;"_s));
     ASSERT_EQ(m_sandbox.runTool({u"--jobs"_s, u"4"_s}).exitCode, 0);
     EXPECT_GT(sql(u"SELECT count(DISTINCT pid) FROM seen"_s).value(0).toInt(), 1);
 }
@@ -338,16 +336,14 @@ TEST_F(ToolTest, VerboseAndTheToolsModesNameWhyTheConnectionFailedAndThePlainRun
         else
             qunsetenv("PGCONNECT_TIMEOUT");
         ASSERT_TRUE(m_sandbox.provision(c.port, c.dbName, u"remote"_s, c.more));
-        QFile::remove(m_sandbox.runLogPath());
-        const ToolSandbox::Result plain = m_sandbox.runTool();
+        const ToolSandbox::Result plain = m_sandbox.runFresh();
         EXPECT_EQ(plain.exitCode, 1);
         EXPECT_EQ(plain.out, fileLogLine());
         EXPECT_EQ(plain.err, "");
         const QString failed = u"[ERROR\t] <ts>: Cannot connect to Postgres server: "_s + c.dbName + u'\n';
         EXPECT_EQ(m_sandbox.runLog(), failed);
 
-        QFile::remove(m_sandbox.runLogPath());
-        const ToolSandbox::Result verbose = m_sandbox.runTool({u"-v"_s});
+        const ToolSandbox::Result verbose = m_sandbox.runFresh({u"-v"_s});
         EXPECT_EQ(verbose.exitCode, 1);
         EXPECT_EQ(verbose.out, fileLogLine());
         const QByteArray line = "zentrix-data-normalizer: could not connect to database " + c.dbName.toUtf8()
@@ -361,8 +357,7 @@ TEST_F(ToolTest, VerboseAndTheToolsModesNameWhyTheConnectionFailedAndThePlainRun
         if (!c.connectTimeout)
             continue;
 
-        QFile::remove(m_sandbox.runLogPath());
-        const ToolSandbox::Result tools = m_sandbox.runTool({u"--dry-run"_s});
+        const ToolSandbox::Result tools = m_sandbox.runFresh({u"--dry-run"_s});
         EXPECT_EQ(tools.exitCode, 1);
         EXPECT_EQ(tools.out, fileLogLine());
         EXPECT_TRUE(tools.err.startsWith(

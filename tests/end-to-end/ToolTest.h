@@ -32,6 +32,14 @@ inline int count(const QString &text)
         .toInt();
 }
 
+// A trigger before every update of scan.file, for each ROW (with a WHEN clause if given) or STATEMENT,
+// that runs the PL/pgSQL body; the function has the trigger's name.
+inline QString trigger(const QString &name, const QString &body, const QString &each = u"ROW"_s)
+{
+    return u"CREATE FUNCTION %1() RETURNS trigger AS $$ BEGIN %2 END $$ LANGUAGE plpgsql; CREATE TRIGGER %1 BEFORE "
+           "UPDATE ON scan.file FOR EACH %3 EXECUTE FUNCTION %1();"_s.arg(name, body, each);
+}
+
 // A session of its own on the product's database that holds what the statement locks until it
 // ends its transaction or goes.
 class HeldLock
@@ -112,10 +120,8 @@ protected:
     static void failInstanceTwo()
     {
         addRow(2, 5, QStringLiteral("{}"));
-        sql(QStringLiteral("CREATE FUNCTION refuse_two() RETURNS trigger AS $$ BEGIN IF NEW.instance_id = 2 THEN "
-                           "RAISE EXCEPTION 'instance two is locked'; END IF; RETURN NEW; END $$ LANGUAGE plpgsql;"
-                           "CREATE TRIGGER refuse BEFORE UPDATE ON scan.file FOR EACH ROW EXECUTE FUNCTION "
-                           "refuse_two();"));
+        sql(trigger(u"refuse_two"_s,
+            u"IF NEW.instance_id = 2 THEN RAISE EXCEPTION 'instance two is locked'; END IF; RETURN NEW;"_s));
     }
     // Units of one block, so that a run lasts long enough to be met half way.
     void startInSmallUnits(QProcess &tool, const QStringList &arguments) const

@@ -72,6 +72,12 @@ ToolSandbox::Result ToolSandbox::runTool(const QStringList &arguments) const
     return run(QStringLiteral(ZENTRIX_TOOL_PATH), arguments, workDirectory());
 }
 
+ToolSandbox::Result ToolSandbox::runFresh(const QStringList &arguments) const
+{
+    QFile::remove(runLogPath());
+    return runTool(arguments);
+}
+
 ToolSandbox::Result ToolSandbox::runDbInfo(const QStringList &arguments) const
 {
     return run(QStringLiteral(ZENTRIX_DBINFO_PATH), arguments, workDirectory());

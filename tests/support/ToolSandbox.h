@@ -39,6 +39,8 @@ public:
     bool provision(int port, const QString &dbName, const QString &type = QStringLiteral("remote"),
         const QStringList &more = QStringList()) const;
     Result runTool(const QStringList &arguments = {}) const;
+    // The run log is the day's: removed first, it holds this run's entries alone.
+    Result runFresh(const QStringList &arguments = {}) const;
     Result runDbInfo(const QStringList &arguments) const;
     // Starts the tool so that interrupt() reaches it as an operator's Ctrl-C would: on Windows
     // in a console of its own.

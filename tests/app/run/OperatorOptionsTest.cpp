@@ -47,21 +47,6 @@ OperatorOptions refused(const QString &error)
     options.error = error;
     return options;
 }
-OperatorOptions jobsRefused(const QString &given)
-{
-    return refused(
-        QStringLiteral("--jobs needs a number from 1 to 4 (the connection pool, internal/db_connection), not \"%1\"")
-            .arg(given));
-}
-OperatorOptions runRefused(const QString &option, const QString &given)
-{
-    return refused(
-        QStringLiteral("%1 needs the number of a journaled run (--runs lists them), not \"%2\"").arg(option, given));
-}
-OperatorOptions excluded(const QString &option, const QString &other)
-{
-    return refused(QStringLiteral("%1 cannot be combined with %2").arg(option, other));
-}
 
 // Any list that is not the operator's options alone keeps the product's meaning (connect, change
 // nothing); an argument that looks like a misspelt option is named, with the option it resembles.
@@ -80,11 +65,6 @@ struct Case {
     QStringList arguments;
     OperatorOptions expected;
 };
-
-void PrintTo(const Case &c, std::ostream *os)
-{
-    *os << c.name;
-}
 
 class OperatorOptionsTest : public testing::TestWithParam<Case>
 {
@@ -119,21 +99,15 @@ INSTANTIATE_TEST_SUITE_P(Accepted, OperatorOptionsTest,
         Case{"Batched", {"--batched"}, accepted(RunMode::Batched)},
         Case{"JournalIsABatchedRepair", {"--journal"}, accepted(RunMode::Batched, Journal)},
         Case{"VerifyAlone", {"--verify"}, accepted(RunMode::VerifyOnly, Verify)},
-        Case{"VerifyAfterChangedOnly", {"--verify", "--changed-only"}, accepted(RunMode::ChangedOnly, Verify)},
         Case{"VerifyAfterAJournal", {"--journal", "--verify", "--batched"},
             accepted(RunMode::Batched, Journal | Verify)},
         Case{"Runs", {"--runs"}, accepted(RunMode::ListRuns)},
         Case{"UndoApart", {"--undo", "3"}, accepted(RunMode::Undo, None, 1, 3)},
-        Case{"UndoJoined", {"--undo=3"}, accepted(RunMode::Undo, None, 1, 3)},
-        Case{"ForgetApart", {"--forget", "2"}, accepted(RunMode::Forget, None, 1, 2)},
         Case{"ForgetJoined", {"--forget=12"}, accepted(RunMode::Forget, None, 1, 12)},
         // Jobs alone keep the product's pass, on several connections.
-        Case{"JobsApart", {"--jobs", "2"}, accepted(RunMode::Repair, None, 2)},
-        Case{"JobsJoined", {"--jobs=3"}, accepted(RunMode::Repair, None, 3)},
         Case{"AsManyJobsAsThePool", {"--jobs=4"}, accepted(RunMode::Repair, None, kPool)},
         Case{"JobsBeforeAMode", {"--jobs", "2", "--changed-only"}, accepted(RunMode::ChangedOnly, None, 2)},
         Case{"Verbose", {"--verbose"}, accepted(RunMode::Repair, Verbose)},
-        Case{"VerboseShort", {"-v"}, accepted(RunMode::Repair, Verbose)},
         Case{"VerboseAmongOthers", {"--batched", "-v", "--jobs", "2"}, accepted(RunMode::Batched, Verbose, 2)},
         Case{"LimitsApartAndJoined",
             {"--journal", "--max-lag", "5", "--max-archive-backlog=200", "--pace", "50", "--max-pause=60",
@@ -144,19 +118,22 @@ INSTANTIATE_TEST_SUITE_P(Accepted, OperatorOptionsTest,
     kName);
 
 INSTANTIATE_TEST_SUITE_P(Refused, OperatorOptionsTest,
-    testing::Values(Case{"NoJobs", {"--jobs", "0"}, jobsRefused("0")},
-        Case{"MoreJobsThanThePool", {"--jobs=5"}, jobsRefused("5")},
-        Case{"JobsNotANumber", {"--jobs", "x"}, jobsRefused("x")},
-        Case{"JobsWithoutAValue", {"--jobs"}, jobsRefused("")},
-        Case{"JobsOfAMode", {"--changed-only", "--jobs", "9"}, jobsRefused("9")},
-        Case{"UndoNotANumber", {"--undo", "x"}, runRefused("--undo", "x")},
-        Case{"UndoZero", {"--undo=0"}, runRefused("--undo", "0")},
-        Case{"ForgetWithoutARun", {"--forget"}, runRefused("--forget", "")},
-        Case{"RunsAndUndo", {"--undo", "1", "--runs"}, excluded("--runs", "--undo")},
-        Case{"UndoAndARepair", {"--batched", "--undo=1"}, excluded("--undo", "--batched")},
-        Case{"UndoAndForget", {"--forget", "1", "--undo", "1"}, excluded("--undo", "--forget")},
-        Case{"ForgetAndVerify", {"--verify", "--forget=1"}, excluded("--forget", "--verify")},
-        Case{"ExclusionBeforeTheRunsNumber", {"--undo", "x", "--batched"}, excluded("--undo", "--batched")},
+    testing::Values(
+        Case{"NoJobs", {"--jobs", "0"},
+            refused("--jobs needs a number from 1 to 4 (the connection pool, internal/db_connection), not \"0\"")},
+        Case{"MoreJobsThanThePool", {"--jobs=5"},
+            refused("--jobs needs a number from 1 to 4 (the connection pool, internal/db_connection), not \"5\"")},
+        Case{"JobsWithoutAValue", {"--jobs"},
+            refused("--jobs needs a number from 1 to 4 (the connection pool, internal/db_connection), not \"\"")},
+        Case{"UndoZero", {"--undo=0"},
+            refused("--undo needs the number of a journaled run (--runs lists them), not \"0\"")},
+        Case{"ForgetWithoutARun", {"--forget"},
+            refused("--forget needs the number of a journaled run (--runs lists them), not \"\"")},
+        Case{"RunsAndUndo", {"--undo", "1", "--runs"}, refused("--runs cannot be combined with --undo")},
+        Case{"UndoAndARepair", {"--batched", "--undo=1"}, refused("--undo cannot be combined with --batched")},
+        Case{"ForgetAndVerify", {"--verify", "--forget=1"}, refused("--forget cannot be combined with --verify")},
+        Case{"ExclusionBeforeTheRunsNumber", {"--undo", "x", "--batched"},
+            refused("--undo cannot be combined with --batched")},
         Case{"DryRunAndVerify", {"--verify", "--dry-run"},
             refused("--verify checks the table after a repair, and --dry-run repairs nothing: use --verify alone")},
         Case{"ALimitOfAModeThatWritesNothing", {"--dry-run", "--pace", "50"},
@@ -173,22 +150,17 @@ INSTANTIATE_TEST_SUITE_P(Refused, OperatorOptionsTest,
     kName);
 
 INSTANTIATE_TEST_SUITE_P(Unrecognised, OperatorOptionsTest,
-    testing::Values(Case{"AShortOption", {"-H"}, unrecognised()}, Case{"TwoWords", {"a", "b"}, unrecognised()},
-        Case{"HelpWithMore", {"--help", "x"}, unrecognised()},
+    testing::Values(Case{"HelpWithMore", {"--help", "x"}, unrecognised()},
         Case{"AnOptionWithMore", {"--batched", "extra"}, unrecognised()},
-        Case{"OfNoResemblance", {"--version"}, unrecognised()}, Case{"ThreeEditsAway", {"--batxhxx"}, unrecognised()},
-        Case{"TwoEditsOfAShortName", {"--rxnx"}, unrecognised()}, Case{"ASingleDash", {"-batchd"}, unrecognised()},
+        Case{"ThreeEditsAway", {"--batxhxx"}, unrecognised()}, Case{"TwoEditsOfAShortName", {"--rxnx"}, unrecognised()},
+        Case{"ASingleDash", {"-batchd"}, unrecognised()},
         Case{"ARepeatedFlag", {"--batched", "--batched"}, unrecognised()},
         Case{"VerboseTwice", {"-v", "--verbose"}, unrecognised()},
         Case{"JobsTwice", {"--jobs", "2", "--jobs", "3"}, unrecognised()},
-        Case{"ALetterDropped", {"--batchd"}, unrecognised("--batchd", "--batched")},
         Case{"Capitals", {"--BATCHED"}, unrecognised("--BATCHED", "--batched")},
-        Case{"ACut", {"--batch"}, unrecognised("--batch", "--batched")},
         Case{"ALongCut", {"--chang"}, unrecognised("--chang", "--changed-only")},
         Case{"AnUnderscore", {"--changed_only"}, unrecognised("--changed_only", "--changed-only")},
-        Case{"LettersSwapped", {"--verbsoe"}, unrecognised("--verbsoe", "--verbose")},
         Case{"AValuedOptionCut", {"--job=2"}, unrecognised("--job=2", "--jobs")},
-        Case{"AValuedOptionBeforeItsValue", {"--udno", "1"}, unrecognised("--udno", "--undo")},
         Case{"AFlagGivenAValue", {"--dry-run=yes"}, unrecognised("--dry-run=yes", "--dry-run")},
         Case{"AmongGoodOptions", {"--jobs", "2", "--jurnal"}, unrecognised("--jurnal", "--journal")},
         Case{"TheFirstOfTwo", {"--vrify", "--batchd"}, unrecognised("--vrify", "--verify")}),

@@ -15,9 +15,7 @@ using namespace Qt::StringLiterals;
 TEST(FileSecurityTest, ASecretFileIsForSystemTheAdministratorsAndTheToolsAccountAlone)
 {
     const QString built = core::FileSecurity::ownerOnly().text();
-    EXPECT_TRUE(
-        QRegularExpression(uR"(^D:P\(A;;FA;;;SY\)\(A;;FA;;;BA\)\(A;;FA;;;S-1-5-[-\d]+\)$)"_s).match(built).hasMatch())
-        << built.toStdString();
+    EXPECT_TRUE(has(built, QRegularExpression(uR"(^D:P\(A;;FA;;;SY\)\(A;;FA;;;BA\)\(A;;FA;;;S-1-5-[-\d]+\)$)"_s)));
     const QTemporaryDir folder;
     const QString path = folder.filePath(u"password.data"_s);
     ToolSandbox::write(path, "secret");

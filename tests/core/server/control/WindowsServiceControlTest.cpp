@@ -215,9 +215,8 @@ TEST(WindowsServiceControlTest, AServiceOfAnotherDataFolderIsLeftAsItIs)
             commandLine = registeredCommandLine(QDir::toNativeSeparators(installation.context.dataDirectory).toUpper());
         ToolSandbox::write(installation.lockFile(), "2147483000\n");
         const QString refusal = installation.control->serviceOfAnother();
-        EXPECT_TRUE(refusal.contains(
-            QString(c.refusal).replace(u"%1"_s, QDir::toNativeSeparators(installation.context.dataDirectory))))
-            << refusal.toStdString();
+        EXPECT_TRUE(has(refusal,
+            QString(c.refusal).replace(u"%1"_s, QDir::toNativeSeparators(installation.context.dataDirectory))));
         EXPECT_EQ(refusal.isEmpty(), c.refusal.isEmpty());
         installation.control->registerService();
         installation.control->start();
