@@ -221,9 +221,10 @@ TEST_F(ToolTest, APauseFileHoldsTheRunUntilItGoes)
     const QByteArray out = tool.readAllStandardOutput();
     EXPECT_EQ(tool.exitCode(), 0) << tool.readAllStandardError().constData();
     EXPECT_TRUE(out.contains("Resuming run 1: ")) << out.constData();
-    EXPECT_TRUE(QRegularExpression(u"\nPaused \\d+ s in all \\(1 pause; the run log names each with its cause\\)\r?\n"_s)
-                    .match(QString::fromUtf8(out))
-                    .hasMatch())
+    EXPECT_TRUE(
+        QRegularExpression(u"\nPaused \\d+ s in all \\(1 pause; the run log names each with its cause\\)\r?\n"_s)
+            .match(QString::fromUtf8(out))
+            .hasMatch())
         << out.constData();
     EXPECT_TRUE(QRegularExpression(u"Paused \\d+ s, from [0-9:]{8} to [0-9:]{8}: the pause file %1 exists\n"_s.arg(
                                        QRegularExpression::escape(pauseFile)))
