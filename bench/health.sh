@@ -15,7 +15,7 @@
 #
 #   wal      WAL per changed row, with the tool's wal_compression and with the tool of BASE (a git
 #            commit, default c9f4029, which compressed nothing and checked nothing), taking turns
-#   archive  the archive backlog (.ready files times 16 MB) and pg_wal's size, sampled every 0.5 s,
+#   archive  the archive backlog (.ready files times 16 MB, and the WAL not yet archived) and pg_wal's size, sampled every 0.5 s,
 #            without a backlog limit and with --max-archive-backlog BACKLOG_MB (default 64), on the
 #            product's WAL settings (max_wal_size 1GB, min_wal_size 80MB), so that pg_wal shrinks
 #            back at checkpoints as far as the archiver lets it
@@ -261,17 +261,18 @@ measure_archive() {
         echo "**The archiver at 32 MB/s** ($(stamp), $rows rows, one in 5 damaged): \`--batched --jobs 2"
         echo "--max-lag off\` without a backlog limit and with \`--max-archive-backlog $backlog_mb\`; archive_command"
         echo "\`sleep $archive_sleep && cp\` per 16 MB segment; the server on the product's WAL settings (max_wal_size 1GB,"
-        echo "min_wal_size 80MB). The backlog is the .ready files times 16 MB, as the tool counts it, and the WAL not yet"
-        echo "archived is the server's position past the end of the last segment archived; both, and pg_wal's segments, are"
-        echo "sampled every 0.5 s. A unit's WAL is the run's WAL over its units (mean)."
+        echo "min_wal_size 80MB). The backlog is the .ready files times 16 MB, and the WAL not yet archived the server's"
+        echo "position past the end of the last segment archived (what the tool counts: the .ready files and the segment"
+        echo "being filled); both, and pg_wal's segments, are sampled every 0.5 s. A unit's WAL is the run's WAL over its"
+        echo "units (mean)."
         echo
         echo "| --max-archive-backlog | seconds | WAL MB | units | a unit's WAL MB | peak backlog MB | peak WAL not yet archived MB | pg_wal MB at the start | peak pg_wal MB | pauses | paused in all | load before |"
         echo "| --- | ---: | ---: | ---: | ---: | ---: | ---: | ---: | ---: | ---: | --- | ---: |"
         awk '{paused = $10; for (i = 11; i < NF; i++) paused = paused " " $i;
             printf "| %s | %s | %.1f | %d | %.1f | %d | %.1f | %d | %d | %d | %s | %s |\n", $1, $2, $3 / 1048576, $4,
             $3 / $4 / 1048576, $5 * 16, $7 / 1048576, $8 * 16, $6 * 16, $9, paused, $NF}' "$work/archive.results"
-        awk -v limit="$backlog_mb" '$1 == limit {peak = $5 * 16; unit = $3 / $4 / 1048576; over = peak - limit;
-            printf "\nWith the limit the backlog peaked %d MB above it, against a unit'"'"'s %.1f MB of WAL; target at most one unit: %s.%s\n",
+        awk -v limit="$backlog_mb" '$1 == limit {peak = $7 / 1048576; unit = $3 / $4 / 1048576; over = peak - limit;
+            printf "\nWith the limit the WAL not yet archived peaked %.1f MB above it, against a unit'"'"'s %.1f MB of WAL; target at most one unit: %s.%s\n",
             over, unit, (over <= unit ? "met" : "missed"), ($9 == 0 ? " The limit was never reached." : "")}' \
             "$work/archive.results"
     } >"$results/archive.md"

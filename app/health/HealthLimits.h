@@ -9,7 +9,9 @@ struct HealthLimits {
     static constexpr int kDefaultMaxLagSeconds = 10;
     // WAL waiting for the archiver stays in pg_wal; a pg_wal that fills its disk stops the server.
     static constexpr int kDefaultMaxArchiveBacklogMb = 1024;
-    static constexpr int kDefaultPacePercent = 100;
+    // Working all the time: no rest between units.
+    static constexpr int kFullPace = 100;
+    static constexpr int kDefaultPacePercent = kFullPace;
     // A pause this long is a server that will not recover by itself: the run ends, resumable.
     static constexpr int kDefaultMaxPauseSeconds = 3600;
 

@@ -10,7 +10,6 @@
 #include <algorithm>
 
 namespace {
-constexpr int kFullPace = 100;
 const QString kClock = QStringLiteral("HH:mm:ss");
 } // namespace
 
@@ -85,7 +84,8 @@ QString PauseGate::overrun() const
 
 qint64 PauseGate::restMs(qint64 elapsedMs, int pacePercent)
 {
-    return pacePercent >= kFullPace ? 0 : elapsedMs * (kFullPace - pacePercent) / pacePercent;
+    return pacePercent >= HealthLimits::kFullPace ? 0
+                                                  : elapsedMs * (HealthLimits::kFullPace - pacePercent) / pacePercent;
 }
 
 void PauseGate::rest(qint64 elapsedMs, const std::function<bool()> &stop) const

@@ -14,8 +14,10 @@ namespace {
 constexpr qint64 kBytesPerMb = 1024 * 1024;
 } // namespace
 
-ServerHealth::ServerHealth(const HealthLimits &limits)
+ServerHealth::ServerHealth(const HealthLimits &limits, qint64 readIntervalMs)
     : m_limits(limits)
+    , m_lag(readIntervalMs)
+    , m_backlog(readIntervalMs)
 { }
 
 void ServerHealth::prepare(QSqlQuery &query, const VerboseLog &verbose)
@@ -45,11 +47,16 @@ void ServerHealth::prepare(QSqlQuery &query, const VerboseLog &verbose)
 
 QString ServerHealth::check(QSqlQuery &query, bool working)
 {
-    QString cause = pauseFile();
-    if (cause.isEmpty())
-        cause = archiveBacklog(query);
-    const QString behind = standbyBehind(query, working);
-    return cause.isEmpty() ? behind : cause;
+    const QString file = pauseFile();
+    const qint64 now = QDateTime::currentMSecsSinceEpoch();
+    if (!(m_readsStandbys || m_readsArchive) || !readPosition(query, now, working))
+        return file;
+    // Both are read at every reading, whatever else holds the run, so that each knows how fast it grows.
+    const QString backlog = archiveBacklog(query, now, working);
+    const QString behind = standbyBehind(query, now, working);
+    if (!file.isEmpty())
+        return file;
+    return backlog.isEmpty() ? behind : backlog;
 }
 
 QString ServerHealth::pauseFile() const
@@ -59,40 +66,54 @@ QString ServerHealth::pauseFile() const
     return QStringLiteral("the pause file %1 exists").arg(m_limits.pauseFile);
 }
 
-QString ServerHealth::archiveBacklog(QSqlQuery &query) const
+bool ServerHealth::readPosition(QSqlQuery &query, qint64 now, bool working)
+{
+    if (!query.exec(QStringLiteral("SELECT pg_current_wal_lsn() - '0/0'::pg_lsn")) || !query.next())
+        return false;
+    const double position = query.value(0).toDouble();
+    // The fastest the run has written: a stretch that wrote little (a read of the rows written
+    // meanwhile) must not make a few kilobytes look like minutes.
+    if (working && m_position >= 0 && now > m_positionAt && position > m_position)
+        m_bytesPerSecond = std::max(m_bytesPerSecond, (position - m_position) * 1000.0 / double(now - m_positionAt));
+    m_position = position;
+    m_positionAt = now;
+    return true;
+}
+
+QString ServerHealth::archiveBacklog(QSqlQuery &query, qint64 now, bool working)
 {
     if (!m_readsArchive)
         return QString();
     if (!query.exec(QStringLiteral("SELECT count(*) FROM pg_ls_archive_statusdir() WHERE name LIKE '%.ready'"))
         || !query.next())
         return QString();
-    const qint64 waitingMb = query.value(0).toLongLong() * m_segmentBytes / kBytesPerMb;
-    if (waitingMb <= m_limits.maxArchiveBacklogMb)
-        return QString();
-    return QStringLiteral("%1 MB of WAL wait for the archiver (at most %2 MB)")
-        .arg(waitingMb)
-        .arg(m_limits.maxArchiveBacklogMb);
+    const qint64 ready = query.value(0).toLongLong();
+    // The segment being filled waits as well once a segment before it does; alone, it is not the
+    // archiver's yet, and a run paused for it would wait for ever.
+    const double waiting
+        = ready == 0 ? 0 : double(ready * m_segmentBytes) + std::fmod(m_position, double(m_segmentBytes));
+    m_backlog.read(waiting, now, working);
+    const double limit = double(m_limits.maxArchiveBacklogMb) * kBytesPerMb;
+    if (m_backlog.value() > limit)
+        return QStringLiteral("%1 MB of WAL wait for the archiver (at most %2 MB)")
+            .arg(qint64(std::ceil(m_backlog.value() / kBytesPerMb)))
+            .arg(m_limits.maxArchiveBacklogMb);
+    if (m_backlog.ahead() > limit)
+        return QStringLiteral("the archiver is falling behind: %1 MB of WAL will wait for it by the next reading "
+                              "(at most %2 MB)")
+            .arg(qint64(std::ceil(m_backlog.ahead() / kBytesPerMb)))
+            .arg(m_limits.maxArchiveBacklogMb);
+    return QString();
 }
 
 // The server measures a standby's replay lag only as it sends WAL: once the run pauses and nothing
 // else writes, a standby that does not replay (replay paused, a long query on it, a slow disk)
 // shows the lag it had. The WAL it has yet to replay, at the rate the run wrote it, says how long
 // the run's part of it takes.
-QString ServerHealth::standbyBehind(QSqlQuery &query, bool working)
+QString ServerHealth::standbyBehind(QSqlQuery &query, qint64 now, bool working)
 {
     if (!m_readsStandbys)
         return QString();
-    if (!query.exec(QStringLiteral("SELECT pg_current_wal_lsn() - '0/0'::pg_lsn")) || !query.next())
-        return QString();
-    const double position = query.value(0).toDouble();
-    const qint64 now = QDateTime::currentMSecsSinceEpoch();
-    // The fastest the run has written: a stretch that wrote little (a read of the rows written
-    // meanwhile) must not make a few kilobytes look like minutes.
-    if (working && m_lastPosition >= 0 && now > m_lastReadAt && position > m_lastPosition)
-        m_bytesPerSecond
-            = std::max(m_bytesPerSecond, (position - m_lastPosition) * 1000.0 / double(now - m_lastReadAt));
-    m_lastPosition = position;
-    m_lastReadAt = now;
     if (!query.exec(QStringLiteral("SELECT application_name, coalesce(extract(epoch FROM replay_lag), 0), "
                                    "pg_current_wal_lsn() - replay_lsn FROM pg_stat_replication WHERE replay_lsn IS "
                                    "NOT NULL")))
@@ -112,10 +133,16 @@ QString ServerHealth::standbyBehind(QSqlQuery &query, bool working)
             furthest = query.value(0).toString();
         }
     }
-    if (mostSeconds <= m_limits.maxLagSeconds)
-        return QString();
-    return QStringLiteral("the standby \"%1\" is %2 s behind (at most %3 s)")
-        .arg(furthest)
-        .arg(qint64(std::ceil(mostSeconds)))
-        .arg(m_limits.maxLagSeconds);
+    m_lag.read(mostSeconds, now, working);
+    if (mostSeconds > m_limits.maxLagSeconds)
+        return QStringLiteral("the standby \"%1\" is %2 s behind (at most %3 s)")
+            .arg(furthest)
+            .arg(qint64(std::ceil(mostSeconds)))
+            .arg(m_limits.maxLagSeconds);
+    if (m_lag.ahead() > m_limits.maxLagSeconds)
+        return QStringLiteral("the standby \"%1\" is falling behind: %2 s by the next reading (at most %3 s)")
+            .arg(furthest)
+            .arg(qint64(std::ceil(m_lag.ahead())))
+            .arg(m_limits.maxLagSeconds);
+    return QString();
 }

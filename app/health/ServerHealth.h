@@ -1,6 +1,7 @@
 #pragma once
 
 #include "app/health/HealthLimits.h"
+#include "app/health/Trend.h"
 
 #include <QString>
 
@@ -13,7 +14,8 @@ class VerboseLog;
 class ServerHealth
 {
 public:
-    explicit ServerHealth(const HealthLimits &limits);
+    // readIntervalMs: the least time between two readings.
+    ServerHealth(const HealthLimits &limits, qint64 readIntervalMs);
 
     // Reads once what the role may see; a check it cannot make is said under --verbose and is off.
     void prepare(QSqlQuery &query, const VerboseLog &verbose);
@@ -22,8 +24,9 @@ public:
     QString check(QSqlQuery &query, bool working);
 
 private:
-    QString standbyBehind(QSqlQuery &query, bool working);
-    QString archiveBacklog(QSqlQuery &query) const;
+    bool readPosition(QSqlQuery &query, qint64 now, bool working);
+    QString standbyBehind(QSqlQuery &query, qint64 now, bool working);
+    QString archiveBacklog(QSqlQuery &query, qint64 now, bool working);
     QString pauseFile() const;
 
     const HealthLimits m_limits;
@@ -31,8 +34,11 @@ private:
     bool m_readsArchive = false;
     qint64 m_segmentBytes = 0;
     // The WAL position at the last reading, and when it was read (ms since the epoch).
-    double m_lastPosition = -1;
-    qint64 m_lastReadAt = 0;
+    double m_position = -1;
+    qint64 m_positionAt = 0;
     // The fastest rate the server's WAL grew at while the run worked; 0 until measured.
     double m_bytesPerSecond = 0;
+    // The furthest standby's lag in seconds; the bytes waiting for the archiver.
+    Trend m_lag;
+    Trend m_backlog;
 };

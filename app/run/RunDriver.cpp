@@ -2,6 +2,7 @@
 
 #include "app/health/PauseGate.h"
 #include "app/health/ServerHealth.h"
+#include "app/health/SessionLoad.h"
 #include "app/health/WalCompression.h"
 #include "app/journal/JournalCommands.h"
 #include "app/journal/RunJournal.h"
@@ -238,21 +239,26 @@ bool RunDriver::runStep(const Pass &pass, const RunPlan::Step &step, RunJournal 
     const StrategyContext context{reporter, pass.verbose, progress, tally, journal};
     const std::unique_ptr<RepairStrategy> strategy = pass.plan.strategyFor(step, context);
     WalCompression wal;
-    ServerHealth health(pass.plan.limits);
+    const SessionLoad load(pass.plan.limits.pacePercent);
+    ServerHealth health(pass.plan.limits, PauseGate::kReadIntervalMs);
     PauseGate gate(health, pass.plan.limits, reporter, progress);
     if (step.spares) {
         QSqlQuery query(pass.database);
         wal.choose(query, pass.verbose);
         wal.apply(pass.database);
+        load.apply(pass.database);
         health.prepare(query, pass.verbose);
     }
     RepairEngine::Connections connections;
     connections.open = [&pass](QSqlDatabase &extra, QString &name) {
         return pass.service.openConnection(extra, pass.dbName, name, true);
     };
-    connections.opened = [&pass, &wal](const QSqlDatabase &database) {
+    connections.opened = [&pass, &step, &wal, &load](const QSqlDatabase &database) {
         pass.canceller.add(database);
+        if (!step.spares)
+            return;
         wal.apply(database);
+        load.apply(database);
     };
     connections.failed = [&reporter](const QString &error) {
         const QString line = QStringLiteral("Cannot open a further connection for --jobs, going on with fewer");
