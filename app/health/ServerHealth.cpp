@@ -88,11 +88,11 @@ QString ServerHealth::archiveBacklog(QSqlQuery &query, qint64 now, bool working)
         || !query.next())
         return QString();
     const qint64 ready = query.value(0).toLongLong();
+    m_backlog.read(double(ready * m_segmentBytes) + std::fmod(m_position, double(m_segmentBytes)), now, working);
     // The segment being filled waits as well once a segment before it does; alone, it is not the
     // archiver's yet, and a run paused for it would wait for ever.
-    const double waiting
-        = ready == 0 ? 0 : double(ready * m_segmentBytes) + std::fmod(m_position, double(m_segmentBytes));
-    m_backlog.read(waiting, now, working);
+    if (ready == 0)
+        return QString();
     const double limit = double(m_limits.maxArchiveBacklogMb) * kBytesPerMb;
     if (m_backlog.value() > limit)
         return QStringLiteral("%1 MB of WAL wait for the archiver (at most %2 MB)")

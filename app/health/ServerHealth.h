@@ -38,7 +38,8 @@ private:
     qint64 m_positionAt = 0;
     // The fastest rate the server's WAL grew at while the run worked; 0 until measured.
     double m_bytesPerSecond = 0;
-    // The furthest standby's lag in seconds; the bytes waiting for the archiver.
+    // The furthest standby's lag in seconds; the WAL not yet archived in bytes, the segment being
+    // filled included, so that the rate it grows at is not a segment's jump.
     Trend m_lag;
     Trend m_backlog;
 };

@@ -15,8 +15,7 @@ public:
     void read(double value, qint64 atMs, bool working);
     double value() const { return m_value; }
     // The value expected at the next reading if the run goes on working. A measure at zero (a
-    // standby caught up, nothing waiting for the archiver) stays there: a run paused for it would
-    // wait for nothing.
+    // standby caught up) stays there: a run paused for it would wait for nothing.
     double ahead() const;
 
 private:
