@@ -312,8 +312,11 @@ TEST_F(ToolTest, ARunWaitsForTheArchiverUnlessTheRoleMayNotSeeIt)
     EXPECT_EQ(bad(), QStringList({u"100"_s}));
     QDir().mkpath(archive);
     archived.account().handOver(archive);
-    // The archiver, having failed three times, sleeps until a segment is done.
-    archived.sql(u"CREATE TABLE nudge (); SELECT pg_switch_wal()"_s, u"postgres"_s);
+    // The archiver, having failed three times, sleeps until a segment is done. The next segment,
+    // filled past the limit, is not the archiver's yet: the run goes on beside it.
+    archived.sql(u"CREATE TABLE nudge (); SELECT pg_switch_wal(); CREATE TABLE pad AS SELECT repeat('x', 1000) "
+                 "FROM generate_series(1, 3000)"_s,
+        u"postgres"_s);
     ASSERT_TRUE(tool.waitForFinished(kEventuallyLimitMs));
     EXPECT_EQ(tool.exitCode(), 0) << tool.readAllStandardError().constData();
     EXPECT_EQ(bad(), QStringList({u"0"_s}));
