@@ -9,8 +9,9 @@ class SessionLoad
 public:
     // The pages a session writes out are flushed as it goes, at most this much at a time (the
     // most the server allows): left to the kernel, a table's worth of them reaches the disk in
-    // bursts, and the product's commits wait behind each. Beside a writer of 200 updates a second
-    // its 99th percentile went from 334 ms to 106 ms with the run at full pace (256kB: 230 ms).
+    // bursts, and the product's commits wait behind each. Beside a writer of 200 updates a second,
+    // its 99th percentile went from 334 ms to 106 ms with 256kB and the run at full pace; at
+    // --pace 50, 2MB gave 46 ms against 256kB's 96 ms.
     static constexpr const char *kFlushAfter = "2MB";
 
     explicit SessionLoad(int pacePercent);
