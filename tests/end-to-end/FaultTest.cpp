@@ -566,16 +566,3 @@ TEST_F(ToolTest, ARowLeftOfATableWithoutAKeyIsNamedSoThatItCanBeFound)
             QStringList({u"201"_s}));
     }
 }
-
-// A server text with line breaks (the driver's error with its LINE and caret) stays one entry in
-// the tool's modes; the product's run keeps its line as it always was.
-TEST_F(ToolTest, RunLogEntriesStayOneLineInTheToolsModes)
-{
-    sql(u"DROP TABLE warehouse.control_refresh"_s);
-    for (const QStringList &arguments : {QStringList{u"--dry-run"_s}, QStringList()}) {
-        SCOPED_TRACE(arguments.join(u' ').toStdString());
-        EXPECT_EQ(m_sandbox.runFresh(arguments).exitCode, 1);
-        EXPECT_TRUE(ToolSandbox::read(m_sandbox.runLogPath()).contains("Select all last_request_id unsuccessfully."));
-        EXPECT_EQ(unstampedLines().isEmpty(), !arguments.isEmpty());
-    }
-}
