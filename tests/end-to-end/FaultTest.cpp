@@ -472,13 +472,9 @@ TEST_F(ToolTest, VerifyCountsByPlainReadsWhereItCannotMakeAFunction)
         sql(u"DROP ROLE IF EXISTS verifier"_s);
         addInstances({1, 2, 3});
         sql(u"INSERT INTO scan.file (instance_id, request_id, filetype_details) SELECT 1 + g % 3, 100 + g, %1 FROM "
-            "generate_series(1, 600) g"_s.arg(quoted(kFixed)));
-        for (const int request : {150, 350, 550})
-            addRow(1, request, kBad);
-        addRow(3, 200, kBad);
-        addRow(3, 300, u"{\"type\":"_s);
-        addRow(2, 2, kBad);
-        addRow(4, 100, kBad);
+            "generate_series(1, 600) g; INSERT INTO scan.file (instance_id, request_id, filetype_details) VALUES (1, "
+            "150, %2), (1, 350, %2), (1, 550, %2), (3, 200, %2), (3, 300, '{\"type\":'), (2, 2, %2), (4, 100, %2)"_s
+                .arg(quoted(kFixed), quoted(kBad)));
         if (c.setup == ReadOnly) {
             sql(u"ALTER DATABASE product SET default_transaction_read_only = on"_s);
         } else {

@@ -248,10 +248,9 @@ TEST_F(ToolTest, FirstRunGeneratesItsValuesOnceAndLaterRunsWriteNothing)
 TEST_F(ToolTest, JobsRunTheUpdatesOnSeveralConnections)
 {
     addInstances({1, 2, 3, 4});
-    for (int instance : {1, 2, 3, 4})
-        addRow(instance, 5, u"{}"_s);
     // Every row notes the server process that updates it, slowly enough for the jobs to overlap.
-    sql(u"CREATE TABLE seen (pid int);"_s
+    sql(u"INSERT INTO scan.file (instance_id, request_id, filetype_details) SELECT i, 5, '{}' FROM generate_series(1, "
+        "4) i; CREATE TABLE seen (pid int);"_s
         + trigger(u"note"_s, u"INSERT INTO seen VALUES (pg_backend_pid()); PERFORM pg_sleep(0.5); RETURN NEW;"_s));
     ASSERT_EQ(m_sandbox.runTool({u"--jobs"_s, u"4"_s}).exitCode, 0);
     EXPECT_GT(sql(u"SELECT count(DISTINCT pid) FROM seen"_s).value(0).toInt(), 1);
