@@ -350,12 +350,11 @@ TEST_F(ChangedOnlyTest, AForgottenRunCannotBeUndoneAndKeepsItsCounts)
 TEST_F(ToolTest, ADryRunNamesAnInstanceWhoseRowsCannotBeRead)
 {
     addInstances({1, 2, 3});
-    for (const int instance : {1, 2, 3})
-        addRow(instance, 5, uR"({"a":"\ud800"})"_s);
-    sql(u"ALTER TABLE scan.file RENAME TO stored; CREATE FUNCTION refuse(i int, t text) RETURNS text AS $$ BEGIN "
-        "IF i = 2 THEN RAISE EXCEPTION 'rows of instance two are unreadable'; END IF; RETURN t; END $$ LANGUAGE "
-        "plpgsql; CREATE VIEW scan.file AS SELECT instance_id, request_id, refuse(instance_id, filetype_details) AS "
-        "filetype_details FROM scan.stored"_s);
+    sql(u"INSERT INTO scan.file (instance_id, request_id, filetype_details) SELECT i, 5, '{\"a\":\"\\ud800\"}' FROM "
+        "generate_series(1, 3) i; ALTER TABLE scan.file RENAME TO stored; CREATE FUNCTION refuse(i int, t text) "
+        "RETURNS text AS $$ BEGIN IF i = 2 THEN RAISE EXCEPTION 'rows of instance two are unreadable'; END IF; "
+        "RETURN t; END $$ LANGUAGE plpgsql; CREATE VIEW scan.file AS SELECT instance_id, request_id, "
+        "refuse(instance_id, filetype_details) AS filetype_details FROM scan.stored"_s);
     const ToolSandbox::Result failing = m_sandbox.runTool({u"--dry-run"_s, u"--jobs"_s, u"2"_s});
     EXPECT_EQ(failing.exitCode, 1);
     const QString table = QString::fromUtf8(failing.out).simplified();

@@ -22,14 +22,17 @@ using namespace Qt::StringLiterals;
 inline const QString kBad = uR"({"type":"PE32","name":"lone \ud800 here"})"_s;
 inline const QString kFixed = uR"({"type":"PE32","name":"lone \\ud800 here"})"_s;
 
+// The text as an SQL string literal.
+inline QString quoted(const QString &text)
+{
+    return u'\'' + QString(text).replace(u'\'', u"''"_s) + u'\'';
+}
+
 // The rows of the product's table whose text is exactly this.
 inline int count(const QString &text)
 {
-    return TestServer::shared()
-        .sql(u"SELECT count(*) FROM scan.file WHERE filetype_details = '%1'"_s.arg(
-            QString(text).replace(u'\'', u"''"_s)))
-        .value(0)
-        .toInt();
+    const QString counted = u"SELECT count(*) FROM scan.file WHERE filetype_details = "_s + quoted(text);
+    return TestServer::shared().sql(counted).value(0).toInt();
 }
 
 // A trigger before every update of scan.file, for each ROW (with a WHEN clause if given) or STATEMENT,
@@ -97,10 +100,6 @@ protected:
 
     static TestServer &server() { return TestServer::shared(); }
     static QStringList sql(const QString &statements) { return server().sql(statements); }
-    static QString quoted(const QString &text)
-    {
-        return QLatin1Char('\'') + QString(text).replace(QLatin1Char('\''), QStringLiteral("''")) + QLatin1Char('\'');
-    }
     // A setup that runs the statements.
     static std::function<void()> running(const QString &statements)
     {

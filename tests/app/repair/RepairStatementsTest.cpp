@@ -4,32 +4,25 @@
 
 namespace {
 
-struct ExclusionCase {
-    const char *name;
-    QVector<qint64> transactions;
-    const char *expected;
-};
-
-class OwnTransactionsTest : public testing::TestWithParam<ExclusionCase>
-{
-};
-
 // The closing read skips the run's own rows by the transactions that wrote them: each id named
 // must be one of them, and a run of them costs one range however long.
-TEST_P(OwnTransactionsTest, NamesEachOwnTransactionOnceAndRunsAsRanges)
+TEST(OwnTransactions, NamesEachOwnTransactionOnceAndRunsAsRanges)
 {
-    EXPECT_EQ(RepairStatements::notWrittenBy(GetParam().transactions).toStdString(), GetParam().expected);
-}
-
-INSTANTIATE_TEST_SUITE_P(Exclusions, OwnTransactionsTest,
-    testing::Values(ExclusionCase{"NoneNamesNothing", {}, "true"},
-        ExclusionCase{"ARunIsOneRange", {12, 10, 11, 11}, "xmin::text::bigint NOT BETWEEN 10 AND 12"},
-        ExclusionCase{
-            "OthersBetweenThemAreNotSkipped", {10, 12, 14}, "xmin::text::bigint <> ALL ('{10,12,14}'::bigint[])"},
-        ExclusionCase{"LongestRunsFirst", {3, 4, 8, 20, 21, 22},
+    const struct {
+        const char *name;
+        QVector<qint64> transactions;
+        const char *expected;
+    } cases[] = {
+        {"none names nothing", {}, "true"},
+        {"a run is one range", {12, 10, 11, 11}, "xmin::text::bigint NOT BETWEEN 10 AND 12"},
+        {"others between them are not skipped", {10, 12, 14}, "xmin::text::bigint <> ALL ('{10,12,14}'::bigint[])"},
+        {"longest runs first", {3, 4, 8, 20, 21, 22},
             "xmin::text::bigint NOT BETWEEN 20 AND 22 AND xmin::text::bigint NOT BETWEEN 3 AND 4 AND "
-            "xmin::text::bigint <> ALL ('{8}'::bigint[])"}),
-    [](const testing::TestParamInfo<ExclusionCase> &info) { return info.param.name; });
+            "xmin::text::bigint <> ALL ('{8}'::bigint[])"},
+    };
+    for (const auto &c : cases)
+        EXPECT_EQ(RepairStatements::notWrittenBy(c.transactions).toStdString(), c.expected) << c.name;
+}
 
 TEST(OwnTransactionsBound, RunsPastTheBoundAreNamedOneByOneAndTheStatementStaysSmall)
 {

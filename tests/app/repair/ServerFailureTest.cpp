@@ -30,12 +30,8 @@ class ServerFailureTest : public testing::TestWithParam<FailureCase>
 TEST_P(ServerFailureTest, DecidesWhatTheRunDoesNextBySqlStateAndFactsAlone)
 {
     const FailureCase &c = GetParam();
-    ServerFailure::Facts facts;
-    facts.sqlState = QString::fromLatin1(c.sqlState);
-    facts.connectionLost = c.connectionLost;
-    facts.interrupted = c.interrupted;
-    facts.mayWrite = c.mayWrite;
-    EXPECT_EQ(ServerFailure::classify(facts), c.kind);
+    EXPECT_EQ(ServerFailure::classify({QString::fromLatin1(c.sqlState), c.connectionLost, c.interrupted, c.mayWrite}),
+        c.kind);
 }
 
 INSTANTIATE_TEST_SUITE_P(SqlStates, ServerFailureTest,

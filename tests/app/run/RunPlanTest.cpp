@@ -3,6 +3,8 @@
 
 #include <gtest/gtest.h>
 
+#include <tuple>
+
 namespace {
 
 using Strategy = RunPlan::Strategy;
@@ -43,12 +45,11 @@ TEST_P(RunPlanTest, DecidesTheRunsWorkOnceFromItsCommandLine)
     ASSERT_EQ(plan.steps.size(), int(c.steps.size()));
     for (int i = 0; i < plan.steps.size(); ++i) {
         const RunPlan::Step &step = plan.steps[i];
-        EXPECT_EQ(step.strategy, c.steps[i].strategy) << "step " << i;
-        EXPECT_EQ(step.policy, c.steps[i].tools ? FailurePolicy::IsolateAndRetry : FailurePolicy::ReportAndGoOn)
+        const StepCase &expected = c.steps[i];
+        EXPECT_EQ(std::tuple(step.strategy, step.policy == FailurePolicy::IsolateAndRetry, step.watchLocks,
+                      step.progressToLog, step.spares),
+            std::tuple(expected.strategy, expected.tools, expected.tools, expected.progressToLog, expected.spares))
             << "step " << i;
-        EXPECT_EQ(step.watchLocks, c.steps[i].tools) << "step " << i;
-        EXPECT_EQ(step.progressToLog, c.steps[i].progressToLog) << "step " << i;
-        EXPECT_EQ(step.spares, c.steps[i].spares) << "step " << i;
     }
     EXPECT_EQ(plan.logEntriesOnOneLine, c.toolSessions);
     EXPECT_EQ(plan.connectionFailureOnConsole, c.toolSessions);

@@ -271,41 +271,29 @@ TEST(WindowsServiceControlTest, TheStatusSetsAsideALockOfAnotherInstallationsSer
     }
 }
 
-namespace {
-struct SpellingCase {
-    const char *name;
-    const char16_t *one;
-    const char16_t *other;
-    bool same;
-};
-
-void PrintTo(const SpellingCase &c, std::ostream *os)
-{
-    *os << c.name;
-}
-
-class FolderSpellingTest : public testing::TestWithParam<SpellingCase>
-{
-};
-} // namespace
-
 // Windows compares folders by name whatever their spelling, as the service manager and the
 // lock file may give them.
-TEST_P(FolderSpellingTest, ComparedAsWindowsComparesThem)
+TEST(WindowsServiceControlTest, FoldersAreComparedAsWindowsComparesThem)
 {
-    const SpellingCase &c = GetParam();
-    EXPECT_EQ(core::WindowsPathName::same(QString::fromUtf16(c.one), QString::fromUtf16(c.other)), c.same);
+    const struct {
+        const char *name;
+        const char16_t *one;
+        const char16_t *other;
+        bool same;
+    } cases[] = {
+        {"letter case", u"C:\\Tarvex\\Daten\\pg_data", u"c:\\TARVEX\\daten\\PG_DATA", true},
+        {"separators", u"C:\\Tarvex\\pg_data", u"C:/Tarvex/pg_data", true},
+        {"a trailing separator", u"C:\\Tarvex\\pg_data\\", u"C:\\Tarvex\\pg_data", true},
+        {"the long-path prefix", u"\\\\?\\C:\\Tarvex\\pg_data", u"C:\\Tarvex\\pg_data", true},
+        {"a long UNC path", u"\\\\?\\UNC\\server\\share\\pg_data", u"\\\\server\\share\\pg_data\\", true},
+        {"a drive's root", u"C:\\", u"c:/", true},
+        {"another folder", u"C:\\Tarvex\\pg_data", u"C:\\Tarvex\\pg_data2", false},
+        {"a parent folder", u"C:\\Tarvex\\pg_data", u"C:\\Tarvex", false},
+    };
+    for (const auto &c : cases)
+        EXPECT_EQ(core::WindowsPathName::same(QString::fromUtf16(c.one), QString::fromUtf16(c.other)), c.same)
+            << c.name;
 }
-
-INSTANTIATE_TEST_SUITE_P(Spellings, FolderSpellingTest,
-    testing::Values(SpellingCase{"letter case", u"C:\\Tarvex\\Daten\\pg_data", u"c:\\TARVEX\\daten\\PG_DATA", true},
-        SpellingCase{"separators", u"C:\\Tarvex\\pg_data", u"C:/Tarvex/pg_data", true},
-        SpellingCase{"a trailing separator", u"C:\\Tarvex\\pg_data\\", u"C:\\Tarvex\\pg_data", true},
-        SpellingCase{"the long-path prefix", u"\\\\?\\C:\\Tarvex\\pg_data", u"C:\\Tarvex\\pg_data", true},
-        SpellingCase{"a long UNC path", u"\\\\?\\UNC\\server\\share\\pg_data", u"\\\\server\\share\\pg_data\\", true},
-        SpellingCase{"a drive's root", u"C:\\", u"c:/", true},
-        SpellingCase{"another folder", u"C:\\Tarvex\\pg_data", u"C:\\Tarvex\\pg_data2", false},
-        SpellingCase{"a parent folder", u"C:\\Tarvex\\pg_data", u"C:\\Tarvex", false}));
 
 #ifdef Q_OS_WIN
 // The service manager may hold the data folder under its 8.3 short name, as an installer that
