@@ -174,19 +174,62 @@ bool BatchedRepair::closingUnits()
     }
     {
         const std::lock_guard<std::mutex> lock(m_mutex);
+        closeRound();
         if (m_round > kClosingRounds || (m_round > 0 && !m_roundFound))
             return false;
         ++m_round;
         m_roundFound = false;
+        m_roundReads = QVector<RoundReads>(m_table.relations().size());
     }
-    for (int relation = 0; relation < m_table.relations().size(); ++relation) {
+    for (int relation = 0; relation < m_table.relations().size(); ++relation)
+        addRoundReads(relation);
+    return !m_pending.isEmpty();
+}
+
+void BatchedRepair::addRoundReads(int relation)
+{
+    const UnitSizer &sizer = m_cursor->sizer();
+    const qint64 step
+        = sizer.fixed() ? std::max<qint64>(1, sizer.size() / m_table.slotsPerBlock()) : UnitSizer::kMostBlocks;
+    const qint64 blocks = m_table.relations()[relation].blocks;
+    for (qint64 first = 0; first == 0 || first < blocks; first += step) {
         WorkUnit read;
         read.kind = WorkUnit::Kind::WrittenSince;
         read.relation = relation;
         read.round = m_round;
+        read.first = first;
+        read.end = first + step < blocks ? first + step : -1;
         m_pending.append(read);
     }
-    return !m_pending.isEmpty();
+}
+
+void BatchedRepair::recordRead(int relation, qint64 since, const QString &filenode, qint64 blocks)
+{
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    RoundReads &reads = m_roundReads[relation];
+    if (!reads.any || filenode != reads.filenode)
+        reads.filenode = reads.any || filenode.isNull() ? QString() : filenode;
+    reads.since = reads.any ? std::min(reads.since, since) : since;
+    reads.any = true;
+    reads.blocks += blocks;
+}
+
+void BatchedRepair::closeRound()
+{
+    for (int relation = 0; relation < m_roundReads.size(); ++relation) {
+        const RoundReads &reads = m_roundReads[relation];
+        if (!reads.any)
+            continue;
+        m_since[relation] = reads.since;
+        m_filenodes[relation] = reads.filenode;
+        if (reads.blocks > 0)
+            m_reporter.logInfo(
+                QStringLiteral("Rows written during the run, round %1: %2 blocks of %3 hold rows to repair")
+                    .arg(m_round)
+                    .arg(reads.blocks)
+                    .arg(m_table.relations()[relation].name));
+    }
+    m_roundReads.clear();
 }
 
 QString BatchedRepair::step(const WorkUnit &unit) const
@@ -239,86 +282,83 @@ RepairStrategy::Result BatchedRepair::repairUnit(QSqlQuery &query, const WorkUni
 }
 
 // Rows written since the relation's snapshot (or, where they cannot be told, every row), and in the
-// first round every row of an instance the run's start did not list; the read runs on the
-// server's parallel workers, which pass on only the few blocks found.
+// first round every row of an instance the run's start did not list, in one of the round's runs
+// of blocks.
 RepairStrategy::Result BatchedRepair::readWrittenSince(QSqlQuery &query, const WorkUnit &unit)
 {
     Result result;
-    qint64 next = 0;
-    if (!readSnapshotXmin(query, next))
-        return result;
     qint64 since = 0;
-    {
-        const std::lock_guard<std::mutex> lock(m_mutex);
-        since = m_since[unit.relation];
-    }
-    QString filenode;
-    const bool told = sinceHolds(query, unit.relation, since, &filenode);
     QVector<qint64> own;
     {
         const std::lock_guard<std::mutex> lock(m_mutex);
+        since = m_since[unit.relation];
         own = m_ownTransactions;
     }
+    qint64 next = 0;
+    if (!readSnapshotXmin(query, next)) {
+        recordRead(unit.relation, since, QString(), 0);
+        return result;
+    }
+    QString filenode;
+    const bool told = sinceHolds(query, unit.relation, since, &filenode);
     // The run's own rows are repaired already: only the others' text is worth testing.
     QString which = QStringLiteral("(%1 AND %2)")
                         .arg(told ? RepairStatements::writtenSince(since) : QStringLiteral("true"),
                             RepairStatements::notWrittenBy(own));
-    m_verbose.line(told ? QStringLiteral("%1, round %2: the rows written since transaction %3 are read by their xmin")
-                              .arg(relationOf(unit))
-                              .arg(unit.round)
-                              .arg(since)
-                        : QStringLiteral("%1, round %2: every row is read, the rows written since transaction %3 "
-                                         "cannot be told by their xmin (the relation was rewritten, or 2^31 "
-                                         "transactions have begun since)")
-                              .arg(relationOf(unit))
-                              .arg(unit.round)
-                              .arg(since));
+    if (unit.first == 0)
+        m_verbose.line(told ? QStringLiteral("%1, round %2: the rows written since transaction %3 are read by their "
+                                             "xmin")
+                                  .arg(relationOf(unit))
+                                  .arg(unit.round)
+                                  .arg(since)
+                            : QStringLiteral("%1, round %2: every row is read, the rows written since transaction %3 "
+                                             "cannot be told by their xmin (the relation was rewritten, or 2^31 "
+                                             "transactions have begun since)")
+                                  .arg(relationOf(unit))
+                                  .arg(unit.round)
+                                  .arg(since));
     if (unit.round == 1 && !m_newInstances.isEmpty()) {
         QStringList literals;
         for (const QString &id : m_newInstances)
             literals << SqlLiteral::of(id);
         which = QStringLiteral("(%1 OR instance_id IN (%2))").arg(which, literals.join(QLatin1Char(',')));
     }
+    const QString range = RepairStatements::blockRange(unit.first, unit.end);
     if (unit.round > kClosingRounds) {
-        leaveWrittenSince(query, unit, which, result);
+        leaveWrittenSince(query, unit, which, range, result);
         return result;
     }
     query.setForwardOnly(true);
     // The planner expects half the rows to pass and would compile the filter first (JIT), which
-    // on 2 000 000 rows took longer than the read itself; a few pass, so the parallel plan wins.
-    query.exec(QStringLiteral("SET parallel_tuple_cost = 0"));
+    // on 2 000 000 rows took longer than the read itself.
     query.exec(QStringLiteral("SET jit = off"));
     result.ok = query.exec(
-        RepairStatements::blocksToChange(InstanceLines::kColumn, relationOf(unit), m_instances.ids(), which));
+        RepairStatements::blocksToChange(InstanceLines::kColumn, relationOf(unit), m_instances.ids(), which, range));
     QVector<qint64> blocks;
     while (result.ok && query.next())
         blocks << query.value(0).toLongLong();
     result.ok = result.ok && query.lastError().type() == QSqlError::NoError;
-    if (!result.ok)
-        return result;
-    query.exec(QStringLiteral("RESET parallel_tuple_cost"));
     query.exec(QStringLiteral("RESET jit"));
+    if (!result.ok) {
+        recordRead(unit.relation, since, QString(), 0);
+        return result;
+    }
+    recordRead(unit.relation, next, filenode, blocks.size());
     {
         const std::lock_guard<std::mutex> lock(m_mutex);
-        m_since[unit.relation] = next;
-        m_filenodes[unit.relation] = filenode;
         m_roundFound = m_roundFound || !blocks.isEmpty();
     }
     result.more = rangesOfBlocks(blocks, unit);
-    if (!blocks.isEmpty())
-        m_reporter.logInfo(QStringLiteral("Rows written during the run, round %1: %2 blocks of %3 hold rows to repair")
-                               .arg(unit.round)
-                               .arg(blocks.size())
-                               .arg(relationOf(unit)));
     return result;
 }
 
 // What the rounds could not repair: another session kept writing text to repair.
-void BatchedRepair::leaveWrittenSince(QSqlQuery &query, const WorkUnit &unit, const QString &which, Result &result)
+void BatchedRepair::leaveWrittenSince(
+    QSqlQuery &query, const WorkUnit &unit, const QString &which, const QString &range, Result &result)
 {
     query.setForwardOnly(true);
-    result.ok = query.exec(
-        RepairStatements::rowVersionsToChange(InstanceLines::kColumn, relationOf(unit), m_instances.ids(), which));
+    result.ok = query.exec(RepairStatements::rowVersionsToChange(
+        InstanceLines::kColumn, relationOf(unit), m_instances.ids(), which, range));
     QStringList tids;
     while (result.ok && query.next())
         tids << query.value(0).toString();

@@ -64,11 +64,21 @@ private:
     // filenodeNow: the relation's present file, where it could be read.
     bool sinceHolds(QSqlQuery &query, int relation, qint64 since, QString *filenodeNow = nullptr) const;
     Result readWrittenSince(QSqlQuery &query, const WorkUnit &unit);
-    void leaveWrittenSince(QSqlQuery &query, const WorkUnit &unit, const QString &which, Result &result);
+    void leaveWrittenSince(
+        QSqlQuery &query, const WorkUnit &unit, const QString &which, const QString &range, Result &result);
     QVector<WorkUnit> rangesOfBlocks(const QVector<qint64> &blocks, const WorkUnit &read) const;
     // The next closing units when everything handed out so far is over: the rows a last try
     // skipped, or the next round; false when there are none.
     bool closingUnits();
+    // A round's reads of a relation, a unit for each run of blocks as large as the largest range,
+    // so that the pace, the server's health and an interrupt hold between them as between ranges;
+    // the last one reaches past the relation's end as the run began, over the rows added since.
+    void addRoundReads(int relation);
+    // What a read of the round saw: since, the xmin of its snapshot (or, for a read that failed,
+    // the round's own since), and the file it read in (none for a failed read).
+    void recordRead(int relation, qint64 since, const QString &filenode, qint64 blocks);
+    // The round over: what its reads found is said, and the next round reads from what they saw.
+    void closeRound();
     void handOut(WorkUnit &unit, qint64 slotCount);
 
     const QString m_options;
@@ -84,9 +94,19 @@ private:
     // Units handed out whose every part is not over yet.
     int m_open = 0;
     // Per relation: the xmin of the snapshot since which its rows are to be read again, and the
-    // file its rows were read in.
+    // file its rows were read in; both hold for a whole round.
     QVector<qint64> m_since;
     QStringList m_filenodes;
+    // Per relation, the round's reads so far: the earliest xmin of their snapshots, and the file
+    // they read in, empty where they read in more than one (a rewrite during the round moved rows
+    // into blocks read before it) or a read failed; the next round reads every row then.
+    struct RoundReads {
+        bool any = false;
+        qint64 since = 0;
+        QString filenode;
+        qint64 blocks = 0;
+    };
+    QVector<RoundReads> m_roundReads;
     // Instances the resumed run's start did not list: their rows in its committed ranges are read.
     QStringList m_newInstances;
     int m_round = 0;

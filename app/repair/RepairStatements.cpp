@@ -238,17 +238,23 @@ QString RepairStatements::notWrittenBy(QVector<qint64> transactions)
 }
 
 // The cheap test of which comes first: the text is read only of the rows it selects.
-QString RepairStatements::blocksToChange(
-    const QString &column, const QString &relation, const QStringList &instanceIds, const QString &which)
+QString RepairStatements::blocksToChange(const QString &column, const QString &relation, const QStringList &instanceIds,
+    const QString &which, const QString &range)
 {
-    return QStringLiteral("SELECT DISTINCT (ctid::text::point)[0]::bigint FROM %1 WHERE CASE WHEN %2 THEN %3 ELSE "
-                          "false END ORDER BY 1")
-        .arg(relation, which, changesInRange(column, instanceIds));
+    return QStringLiteral("SELECT DISTINCT (ctid::text::point)[0]::bigint FROM %1 WHERE %2 AND CASE WHEN %3 THEN %4 "
+                          "ELSE false END ORDER BY 1")
+        .arg(relation, range, which, changesInRange(column, instanceIds));
 }
 
-QString RepairStatements::rowVersionsToChange(
-    const QString &column, const QString &relation, const QStringList &instanceIds, const QString &which)
+QString RepairStatements::rowVersionsToChange(const QString &column, const QString &relation,
+    const QStringList &instanceIds, const QString &which, const QString &range)
 {
-    return QStringLiteral("SELECT ctid FROM %1 WHERE CASE WHEN %2 THEN %3 ELSE false END")
-        .arg(relation, which, changesInRange(column, instanceIds));
+    return QStringLiteral("SELECT ctid FROM %1 WHERE %2 AND CASE WHEN %3 THEN %4 ELSE false END")
+        .arg(relation, range, which, changesInRange(column, instanceIds));
+}
+
+QString RepairStatements::blockRange(qint64 first, qint64 end)
+{
+    const QString from = QStringLiteral("ctid >= '(%1,0)'").arg(first);
+    return end < 0 ? from : QStringLiteral("%1 AND ctid < '(%2,0)'").arg(from).arg(end);
 }

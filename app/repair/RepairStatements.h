@@ -56,10 +56,13 @@ public:
     static QString notWrittenBy(QVector<qint64> transactions);
     static constexpr int kMostOwnRuns = 32;
     static constexpr int kMostOwnSingles = 4096;
-    // The blocks, in order, of the rows of relation that which selects and the repair changes.
-    static QString blocksToChange(
-        const QString &column, const QString &relation, const QStringList &instanceIds, const QString &which);
+    // The blocks, in order, of the rows of relation within range (a condition on ctid the server
+    // reads by) that which selects and the repair changes.
+    static QString blocksToChange(const QString &column, const QString &relation, const QStringList &instanceIds,
+        const QString &which, const QString &range);
     // The ctids of those rows.
-    static QString rowVersionsToChange(
-        const QString &column, const QString &relation, const QStringList &instanceIds, const QString &which);
+    static QString rowVersionsToChange(const QString &column, const QString &relation, const QStringList &instanceIds,
+        const QString &which, const QString &range);
+    // The blocks from first on, to end or to the relation's end when end < 0.
+    static QString blockRange(qint64 first, qint64 end);
 };

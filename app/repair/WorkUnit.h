@@ -25,7 +25,8 @@ struct WorkUnit {
     int instance = -1;
     // Range and Rows: the relation's index in the table's relations.
     int relation = 0;
-    // Range: slot positions [first, end), a slot being one item of one block.
+    // Range: slot positions [first, end), a slot being one item of one block. WrittenSince:
+    // blocks [first, end), end -1 for the relation's end.
     qint64 first = 0;
     qint64 end = 0;
     // Rows: ctids in their text form, "(block,item)".
