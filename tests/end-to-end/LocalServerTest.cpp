@@ -115,12 +115,14 @@ protected:
 };
 
 // A tool run of its own, in a process group of its own, so that a test can signal or kill it
-// as a terminal or a service manager would.
+// as a terminal or a service manager would; unless it joins a run under way, the run log is its alone.
 class ToolProcess : public QProcess
 {
 public:
-    explicit ToolProcess(const ToolSandbox &sandbox, const QStringList &arguments = {})
+    explicit ToolProcess(const ToolSandbox &sandbox, const QStringList &arguments = {}, bool freshLog = true)
     {
+        if (freshLog)
+            QFile::remove(sandbox.runLogPath());
         setChildProcessModifier([] { ::setpgid(0, 0); });
         setWorkingDirectory(sandbox.workDirectory());
         start(QStringLiteral(ZENTRIX_TOOL_PATH), arguments);
@@ -336,7 +338,6 @@ TEST_F(LocalServerTest, KilledInterruptedAndOverlappingRuns)
     const QString password = m_installation.installation() + u"/postgres/password.data"_s;
     for (const int signal : {SIGINT, SIGKILL}) {
         SCOPED_TRACE(signal);
-        QFile::remove(m_installation.runLogPath());
         {
             ToolProcess run(m_installation);
             ASSERT_TRUE(eventually([this] {
@@ -367,7 +368,6 @@ TEST_F(LocalServerTest, KilledInterruptedAndOverlappingRuns)
     const QString lengths = u"SELECT string_agg(instance_id || ':' || length(filetype_details), ' ' ORDER BY "
                             "instance_id) FROM scan.file"_s;
     {
-        QFile::remove(m_installation.runLogPath());
         ToolProcess tool(m_installation);
         QByteArray out;
         ASSERT_TRUE(eventually([&] {
@@ -409,7 +409,6 @@ TEST_F(LocalServerTest, KilledInterruptedAndOverlappingRuns)
             qputenv("PGCONNECT_TIMEOUT", "600");
         }
         ToolSandbox::write(password, "left by a killed run");
-        QFile::remove(m_installation.runLogPath());
         ToolProcess tool(m_installation, {u"--verbose"_s});
         QByteArray err;
         if (c.stuck) {
@@ -442,9 +441,8 @@ TEST_F(LocalServerTest, KilledInterruptedAndOverlappingRuns)
     ASSERT_EQ(m_installation.serverCtl({u"stop"_s}), 0);
 
     // Nothing but the tool's own lines reach the console.
-    QFile::remove(m_installation.runLogPath());
     ToolProcess first(m_installation);
-    ToolProcess second(m_installation);
+    ToolProcess second(m_installation, {}, false);
     QByteArray errors;
     for (ToolProcess *run : {&first, &second}) {
         ASSERT_TRUE(run->waitForFinished(120000));

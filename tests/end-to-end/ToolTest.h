@@ -92,6 +92,8 @@ protected:
         if (!server().error().isEmpty())
             GTEST_SKIP() << "no test server: " << server().error().toStdString();
         server().freshProductDatabase();
+        // The roles some cases run the tool as, gone with the database that held their grants.
+        server().sql(u"DROP ROLE IF EXISTS timed, limited, verifier"_s, u"postgres"_s);
         sql(TestServer::productSchema());
         m_sandbox.writeConfig(QByteArray());
         QDir().mkpath(m_sandbox.dataDirectory() + QStringLiteral("/logs"));
