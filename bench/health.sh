@@ -272,8 +272,9 @@ measure_archive() {
             printf "| %s | %s | %.1f | %d | %.1f | %d | %.1f | %d | %d | %d | %s | %s |\n", $1, $2, $3 / 1048576, $4,
             $3 / $4 / 1048576, $5 * 16, $7 / 1048576, $8 * 16, $6 * 16, $9, paused, $NF}' "$work/archive.results"
         awk -v limit="$backlog_mb" '$1 == limit {peak = $7 / 1048576; unit = $3 / $4 / 1048576; over = peak - limit;
-            printf "\nWith the limit the WAL not yet archived peaked %.1f MB above it, against a unit'"'"'s %.1f MB of WAL; target at most one unit: %s.%s\n",
-            over, unit, (over <= unit ? "met" : "missed"), ($9 == 0 ? " The limit was never reached." : "")}' \
+            printf "\nWith the limit the WAL not yet archived peaked %.1f MB %s it, against a unit'"'"'s %.1f MB of WAL; target at most one unit over: %s.%s\n",
+            (over < 0 ? -over : over), (over < 0 ? "below" : "above"), unit, (over <= unit ? "met" : "missed"),
+            ($9 == 0 ? " The limit was never reached." : "")}' \
             "$work/archive.results"
     } >"$results/archive.md"
 }
