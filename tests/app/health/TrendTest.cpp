@@ -2,21 +2,15 @@
 
 #include <gtest/gtest.h>
 
+#include <tuple>
 #include <vector>
 
 namespace {
 
-constexpr qint64 kIntervalMs = 1000;
-
-struct Reading {
-    double value;
-    qint64 atMs;
-    bool working;
-};
-
+// Each reading: its value, when it was read (ms) and whether the run worked since the one before.
 struct TrendCase {
     const char *name;
-    std::vector<Reading> readings;
+    std::vector<std::tuple<double, qint64, bool>> readings;
     double ahead;
 };
 
@@ -26,9 +20,9 @@ class TrendTest : public testing::TestWithParam<TrendCase>
 
 TEST_P(TrendTest, ForeseesTheValueAtTheNextReading)
 {
-    Trend trend(kIntervalMs);
-    for (const Reading &reading : GetParam().readings)
-        trend.read(reading.value, reading.atMs, reading.working);
+    Trend trend(1000);
+    for (const auto &[value, atMs, working] : GetParam().readings)
+        trend.read(value, atMs, working);
     EXPECT_DOUBLE_EQ(trend.ahead(), GetParam().ahead);
 }
 
