@@ -194,12 +194,9 @@ TEST_F(ToolTest, APauseFileHoldsTheRunUntilItGoes)
 
     const ToolSandbox::Result tooLong = m_sandbox.runTool(arguments + QStringList{u"--max-pause"_s, u"1"_s});
     EXPECT_EQ(tooLong.exitCode, 1);
-    EXPECT_TRUE(tooLong.err.contains("ERROR: The run stopped before its end: it paused longer than --max-pause allows "
-                                     "(1 s) because the pause file "
-        + pauseFile.toUtf8()
-        + " exists; what it "
-          "committed stays, and a --journal run resumes where it stopped"))
-        << tooLong.err.constData();
+    EXPECT_TRUE(has(QString::fromUtf8(tooLong.err),
+        u"ERROR: The run stopped before its end: it paused longer than --max-pause allows (1 s) because the pause "
+        "file %1 exists; what it committed stays, and a --journal run resumes where it stopped"_s.arg(pauseFile)));
 
     QProcess interrupted;
     m_sandbox.startTool(interrupted, arguments);
@@ -221,15 +218,11 @@ TEST_F(ToolTest, APauseFileHoldsTheRunUntilItGoes)
     const QByteArray out = tool.readAllStandardOutput();
     EXPECT_EQ(tool.exitCode(), 0) << tool.readAllStandardError().constData();
     EXPECT_TRUE(out.contains("Resuming run 1: ")) << out.constData();
-    EXPECT_TRUE(
-        QRegularExpression(u"\nPaused \\d+ s in all \\(1 pause; the run log names each with its cause\\)\r?\n"_s)
-            .match(QString::fromUtf8(out))
-            .hasMatch())
-        << out.constData();
-    EXPECT_TRUE(QRegularExpression(u"Paused \\d+ s, from [0-9:]{8} to [0-9:]{8}: the pause file %1 exists\n"_s.arg(
-                                       QRegularExpression::escape(pauseFile)))
-                    .match(logOf(m_sandbox))
-                    .hasMatch());
+    EXPECT_TRUE(has(QString::fromUtf8(out),
+        QRegularExpression(u"\nPaused \\d+ s in all \\(1 pause; the run log names each with its cause\\)\r?\n"_s)));
+    EXPECT_TRUE(has(logOf(m_sandbox),
+        QRegularExpression(u"Paused \\d+ s, from [0-9:]{8} to [0-9:]{8}: the pause file %1 exists\n"_s.arg(
+            QRegularExpression::escape(pauseFile)))));
     EXPECT_EQ(count(kBad), 0);
 }
 
@@ -259,11 +252,9 @@ TEST_F(ToolTest, ARunWaitsForAStandbyBehindInReplaying)
     ASSERT_TRUE(tool.waitForFinished(kEventuallyLimitMs));
     EXPECT_EQ(tool.exitCode(), 0) << tool.readAllStandardError().constData();
     EXPECT_EQ(count(kBad), 0);
-    EXPECT_TRUE(QRegularExpression(u"Paused \\d+ s, from [0-9:]{8} to [0-9:]{8}: the standby \"[^\"]+\" is \\d+ s "
-                                   "behind \\(at most 1 s\\)\n"_s)
-                    .match(logOf(m_sandbox))
-                    .hasMatch())
-        << logOf(m_sandbox).toStdString();
+    EXPECT_TRUE(has(logOf(m_sandbox),
+        QRegularExpression(
+            u"Paused \\d+ s, from [0-9:]{8} to [0-9:]{8}: the standby \"[^\"]+\" is \\d+ s behind \\(at most 1 s\\)\n"_s)));
 }
 
 // WAL the archiver cannot copy stays in pg_wal: the run waits while more than --max-archive-backlog
