@@ -338,11 +338,12 @@ RepairStrategy::Result BatchedRepair::readWrittenSince(QSqlQuery &query, const W
     while (result.ok && query.next())
         blocks << query.value(0).toLongLong();
     result.ok = result.ok && query.lastError().type() == QSqlError::NoError;
-    query.exec(QStringLiteral("RESET jit"));
+    // A failed read leaves its error on the query for the engine to judge.
     if (!result.ok) {
         recordRead(unit.relation, since, QString(), 0);
         return result;
     }
+    query.exec(QStringLiteral("RESET jit"));
     recordRead(unit.relation, next, filenode, blocks.size());
     {
         const std::lock_guard<std::mutex> lock(m_mutex);
