@@ -175,8 +175,10 @@ bool BatchedRepair::closingUnits()
     {
         const std::lock_guard<std::mutex> lock(m_mutex);
         closeRound();
-        if (m_round > kClosingRounds || (m_round > 0 && !m_roundFound))
+        if (m_round > kClosingRounds || (m_round > 0 && !m_roundFound)) {
+            m_roundsOver = true;
             return false;
+        }
         ++m_round;
         m_roundFound = false;
         m_roundReads = QVector<RoundReads>(m_table.relations().size());
@@ -474,11 +476,15 @@ void BatchedRepair::report(bool interrupted) const
         for (int i = 0; i < m_instances.size(); ++i)
             instanceLine(i, unfinished);
     }
-    QString coverage = QStringLiteral("Batched repair covered %1 of %2 blocks of scan.file (%3%) in %4 of %5 batches, "
+    // Every block is not every row until the closing rounds have read again what others wrote.
+    const QString share = covered == total && !m_roundsOver
+        ? QStringLiteral("100% of its blocks, the rows written during the run not all read again")
+        : QStringLiteral("%1%").arg(percent);
+    QString coverage = QStringLiteral("Batched repair covered %1 of %2 blocks of scan.file (%3) in %4 of %5 batches, "
                                       "rows changed: %6")
                            .arg(covered / slotsPerBlock)
                            .arg(total / slotsPerBlock)
-                           .arg(percent)
+                           .arg(share)
                            .arg(m_rangesDone)
                            .arg(m_ranges)
                            .arg(m_tally.totalChanged());

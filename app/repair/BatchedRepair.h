@@ -111,6 +111,8 @@ private:
     QStringList m_newInstances;
     int m_round = 0;
     bool m_roundFound = false;
+    // The last round found nothing to repair, or the last of them is done.
+    bool m_roundsOver = false;
     qint64 m_roundChanged = 0;
     // The transactions of the run's own changes.
     QVector<qint64> m_ownTransactions;
