@@ -14,10 +14,12 @@
 #include <QSqlError>
 #include <QSqlQuery>
 
-BatchedRepair::BatchedRepair(const StrategyContext &context, bool journaled, const QString &options)
+BatchedRepair::BatchedRepair(
+    const StrategyContext &context, bool journaled, const QString &options, qint64 unitTargetMs)
     : RewritingStrategy(journaled ? QStringLiteral("--journal") : QStringLiteral("--batched"), context,
         journaled ? &context.journal : nullptr)
     , m_options(options)
+    , m_unitTargetMs(unitTargetMs)
 { }
 
 bool BatchedRepair::prepare(QSqlQuery &query)
@@ -34,7 +36,7 @@ bool BatchedRepair::prepare(QSqlQuery &query)
                              .arg(m_option, query.lastError().databaseText().simplified()));
         return false;
     }
-    m_cursor = std::make_unique<RangeCursor>(m_table);
+    m_cursor = std::make_unique<RangeCursor>(m_table, m_unitTargetMs);
     m_since = QVector<qint64>(m_table.relations().size(), since);
     for (const ScanTable::Relation &relation : m_table.relations())
         m_filenodes << relation.filenode;

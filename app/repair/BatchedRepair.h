@@ -35,7 +35,8 @@ public:
     static constexpr int kClosingRounds = 3;
 
     // journaled: record the run in the context's journal; options are the run's own, for its record.
-    BatchedRepair(const StrategyContext &context, bool journaled, const QString &options);
+    // unitTargetMs: what a range should take (UnitSizer).
+    BatchedRepair(const StrategyContext &context, bool journaled, const QString &options, qint64 unitTargetMs);
 
     bool prepare(QSqlQuery &query) override;
     bool nextUnit(WorkUnit &unit) override;
@@ -82,6 +83,7 @@ private:
     void handOut(WorkUnit &unit, qint64 slotCount);
 
     const QString m_options;
+    const qint64 m_unitTargetMs;
     std::unique_ptr<RangeCursor> m_cursor;
     // Closing units made and not handed out yet.
     QVector<WorkUnit> m_pending;

@@ -4,9 +4,9 @@
 
 #include <algorithm>
 
-RangeCursor::RangeCursor(const ScanTable &table)
+RangeCursor::RangeCursor(const ScanTable &table, qint64 targetMs)
     : m_table(table)
-    , m_sizer(table.slotsPerBlock())
+    , m_sizer(table.slotsPerBlock(), targetMs)
 {
     for (int relation = 0; relation < table.relations().size(); ++relation)
         m_totalSlots += endOf(relation);

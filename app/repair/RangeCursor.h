@@ -20,7 +20,7 @@ class RangeCursor
 public:
     using Ranges = QVector<QPair<qint64, qint64>>;
 
-    explicit RangeCursor(const ScanTable &table);
+    explicit RangeCursor(const ScanTable &table, qint64 targetMs = UnitSizer::kTargetMs);
 
     qint64 totalSlots() const { return m_totalSlots; }
     // Ranges of a relation that are done already; the slots they hold.

@@ -19,8 +19,9 @@ const QString kNotRestored = QStringLiteral("Its text is no longer what the run 
                                             "gone); it was left as it is.");
 } // namespace
 
-UndoRepair::UndoRepair(const StrategyContext &context, int run)
+UndoRepair::UndoRepair(const StrategyContext &context, int run, qint64 unitTargetMs)
     : m_run(run)
+    , m_unitTargetMs(unitTargetMs)
     , m_reporter(context.reporter)
     , m_verbose(context.verbose)
     , m_progress(context.progress)
@@ -52,7 +53,7 @@ bool UndoRepair::prepare(QSqlQuery &query)
         return refuse(QStringLiteral("--undo cannot mark run %1 as being undone. %2")
                           .arg(m_run)
                           .arg(query.lastError().databaseText().simplified()));
-    m_sizer = std::make_unique<UnitSizer>(kRecordsPerSlot);
+    m_sizer = std::make_unique<UnitSizer>(kRecordsPerSlot, m_unitTargetMs);
     m_position = m_firstSeq;
     m_progress.setTotal(std::max<qint64>(m_endSeq - m_firstSeq, 0) * std::max<int>(m_relations.size(), 1),
         QStringLiteral("run %1's records").arg(m_run));

@@ -25,7 +25,8 @@ class UndoRepair : public RepairStrategy
 {
 public:
     // run: the journaled run to take back, from the context's journal.
-    UndoRepair(const StrategyContext &context, int run);
+    // unitTargetMs: what a span of records should take (UnitSizer).
+    UndoRepair(const StrategyContext &context, int run, qint64 unitTargetMs);
 
     bool prepare(QSqlQuery &query) override;
     bool nextUnit(WorkUnit &unit) override;
@@ -53,6 +54,7 @@ private:
     QString rowMatch(const QString &record) const;
 
     const int m_run;
+    const qint64 m_unitTargetMs;
     const Reporter &m_reporter;
     const VerboseLog &m_verbose;
     Progress &m_progress;

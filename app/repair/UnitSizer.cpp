@@ -7,8 +7,9 @@
 const char *const UnitSizer::kBlocksVariable = "ZENTRIX_BATCH_BLOCKS";
 const char *const UnitSizer::kTargetVariable = "ZENTRIX_UNIT_TARGET_MS";
 
-UnitSizer::UnitSizer(int slotsPerBlock)
+UnitSizer::UnitSizer(int slotsPerBlock, qint64 targetMs)
     : m_slotsPerBlock(slotsPerBlock)
+    , m_targetMs(targetMs)
     , m_size(kFirstBlocks * slotsPerBlock)
 {
     bool ok = false;

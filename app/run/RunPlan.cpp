@@ -93,6 +93,8 @@ RunPlan RunPlan::make(const QString &productRunMode, const QStringList &argument
     plan.misspelling = options.misspelling;
     plan.jobs = options.jobs;
     plan.limits = options.limits;
+    if (plan.limits.pacePercent < HealthLimits::kFullPace)
+        plan.unitTargetMs = UnitSizer::kPacedTargetMs;
     plan.run = options.run;
     plan.verbose = options.verbose;
     plan.work = workOf(options.mode);
@@ -117,13 +119,13 @@ std::unique_ptr<RepairStrategy> RunPlan::strategyFor(const Step &step, const Str
     case Strategy::ChangedOnly:
         return std::make_unique<ChangedOnlyRepair>(context);
     case Strategy::Batched:
-        return std::make_unique<BatchedRepair>(context, false, commandLine);
+        return std::make_unique<BatchedRepair>(context, false, commandLine, unitTargetMs);
     case Strategy::Journaled:
-        return std::make_unique<BatchedRepair>(context, true, commandLine);
+        return std::make_unique<BatchedRepair>(context, true, commandLine, unitTargetMs);
     case Strategy::DryRun:
         return std::make_unique<DryRunCount>(context);
     case Strategy::Undo:
-        return std::make_unique<UndoRepair>(context, run);
+        return std::make_unique<UndoRepair>(context, run, unitTargetMs);
     case Strategy::Verify:
         return std::make_unique<VerifyCheck>(context);
     }

@@ -2,6 +2,7 @@
 
 #include "app/health/HealthLimits.h"
 #include "app/repair/FailurePolicy.h"
+#include "app/repair/UnitSizer.h"
 
 #include <QString>
 #include <QStringList>
@@ -61,6 +62,8 @@ struct RunPlan {
     int jobs = 1;
     // What the writing steps spare the server.
     HealthLimits limits;
+    // What a range of the batched repair, or a span of --undo, should take: less under a pace.
+    qint64 unitTargetMs = UnitSizer::kTargetMs;
     // The journaled run --undo or --forget works on.
     int run = 0;
     bool verbose = false;

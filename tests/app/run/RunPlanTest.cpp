@@ -96,6 +96,13 @@ TEST(RunPlan, ALockWaitGivenForTestsBoundsTheToolsSessions)
         RunPlan::make(QString(), {"--batched"}, kPool).sessionSettings.contains(QStringLiteral("lock_timeout=10000")));
 }
 
+// Under a pace the product's writers come first: shorter ranges, which a writer waits on less.
+TEST(RunPlan, APacedRunTakesShorterUnits)
+{
+    EXPECT_EQ(RunPlan::make(QString(), {"--batched"}, kPool).unitTargetMs, UnitSizer::kTargetMs);
+    EXPECT_EQ(RunPlan::make(QString(), {"--undo", "1", "--pace", "50"}, kPool).unitTargetMs, UnitSizer::kPacedTargetMs);
+}
+
 } // namespace
 
 // Kept by each connection after each unit: at pace P a connection works P% of the time.
