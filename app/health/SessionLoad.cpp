@@ -1,11 +1,9 @@
 #include "app/health/SessionLoad.h"
 
-#include "app/health/HealthLimits.h"
-
 #include <QSqlQuery>
 
-SessionLoad::SessionLoad(int pacePercent)
-    : m_serial(pacePercent < HealthLimits::kFullPace)
+SessionLoad::SessionLoad(bool serial)
+    : m_serial(serial)
 { }
 
 void SessionLoad::apply(const QSqlDatabase &database) const

@@ -14,7 +14,8 @@ public:
     // --pace 50, 2MB gave 46 ms against 256kB's 96 ms.
     static constexpr const char *kFlushAfter = "2MB";
 
-    explicit SessionLoad(int pacePercent);
+    // serial: the run keeps to a pace.
+    explicit SessionLoad(bool serial);
 
     // On a connection of the run, as it is opened (and opened again).
     void apply(const QSqlDatabase &database) const;

@@ -239,7 +239,7 @@ bool RunDriver::runStep(const Pass &pass, const RunPlan::Step &step, RunJournal 
     const StrategyContext context{reporter, pass.verbose, progress, tally, journal};
     const std::unique_ptr<RepairStrategy> strategy = pass.plan.strategyFor(step, context);
     WalCompression wal;
-    const SessionLoad load(pass.plan.limits.pacePercent);
+    const SessionLoad load(pass.plan.paced);
     ServerHealth health(pass.plan.limits, PauseGate::kReadIntervalMs);
     PauseGate gate(health, pass.plan.limits, reporter, progress);
     if (step.spares) {

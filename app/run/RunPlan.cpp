@@ -93,7 +93,8 @@ RunPlan RunPlan::make(const QString &productRunMode, const QStringList &argument
     plan.misspelling = options.misspelling;
     plan.jobs = options.jobs;
     plan.limits = options.limits;
-    if (plan.limits.pacePercent < HealthLimits::kFullPace)
+    plan.paced = plan.limits.pacePercent < HealthLimits::kFullPace;
+    if (plan.paced)
         plan.unitTargetMs = UnitSizer::kPacedTargetMs;
     plan.run = options.run;
     plan.verbose = options.verbose;

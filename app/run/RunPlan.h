@@ -62,6 +62,8 @@ struct RunPlan {
     int jobs = 1;
     // What the writing steps spare the server.
     HealthLimits limits;
+    // The writing steps keep to a share of the time: shorter units, one process per connection.
+    bool paced = false;
     // What a range of the batched repair, or a span of --undo, should take: less under a pace.
     qint64 unitTargetMs = UnitSizer::kTargetMs;
     // The journaled run --undo or --forget works on.
