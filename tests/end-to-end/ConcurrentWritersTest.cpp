@@ -226,6 +226,26 @@ TEST_F(ToolTest, APauseFileHoldsTheRunUntilItGoes)
     EXPECT_EQ(count(kBad), 0);
 }
 
+// Whichever connection takes a unit, its session compresses its WAL, hands its page writes to the
+// kernel early and, under a pace, works as one process.
+TEST_F(ToolTest, EverySessionOfAPacedRunSparesTheServer)
+{
+    addInstances({1, 2, 3});
+    damagedRows("0");
+    sql(u"CREATE TABLE seen (pid int, settings text); "_s
+        + trigger(u"seen"_s,
+            u"INSERT INTO seen VALUES (pg_backend_pid(), concat_ws(' ', current_setting('wal_compression'), "
+            "current_setting('backend_flush_after'), current_setting('max_parallel_workers_per_gather'))); "
+            "RETURN NEW;"_s));
+    QProcess tool;
+    startInSmallUnits(tool, {u"--batched"_s, u"--jobs"_s, u"2"_s, u"--pace"_s, u"50"_s});
+    ASSERT_TRUE(tool.waitForFinished(kEventuallyLimitMs));
+    EXPECT_EQ(tool.exitCode(), 0) << tool.readAllStandardError().constData();
+    EXPECT_EQ(count(kBad), 0);
+    EXPECT_EQ(sql(u"SELECT count(DISTINCT pid), string_agg(DISTINCT settings, ', ') FROM seen"_s),
+        QStringList({u"2|lz4 2MB 0"_s}));
+}
+
 // A standby that does not replay holds the run back while it is further behind than --max-lag;
 // once it has replayed what it was sent, the run goes on.
 TEST_F(ToolTest, ARunWaitsForAStandbyBehindInReplaying)
