@@ -9,8 +9,8 @@
 # segment after ARCHIVE_SLEEP seconds (default 0.5: about 32 MB/s), and a hot standby made by
 # pg_basebackup, streaming from it on the same machine through a replication slot (a restart of the
 # primary with a small max_wal_size must not take WAL from a standby reconnecting). ROWS rows of about 1.1 KB (default 1000000),
-# one in 5 damaged. Every run starts from a checkpoint, with nothing waiting for the archiver and the
-# standby caught up; while the table is reset between runs the archiver copies nothing, so that the
+# one in 5 damaged. Every run starts from a checkpoint, with nothing waiting for the archiver, the
+# standby caught up and its pages written, and nothing left for the kernel to write back; while the table is reset between runs the archiver copies nothing, so that the
 # reset's own WAL does not hold up the next run.
 #
 #   wal      WAL per changed row, with the tool's wal_compression and with the tool of BASE (a git
@@ -24,7 +24,7 @@
 #            standby's lag passed the limit, and when the run went on against when the standby had
 #            caught up, sampled every 0.2 s
 #   pace     the writer's 99th percentile (pgbench updating a random row by key WRITER_RATE times a
-#            second, default 200) idle and beside the run at each of PACES (default "100 75 50 25")
+#            second, default 200) idle and beside the run at each of PACES (default "100 75 50 25 10")
 #   checks   the run with its checks on (their defaults, none reached) against --max-lag off
 #            --max-archive-backlog off, REPEATS runs each (default 3), taking turns
 #   scale    time per row and peak memory at each of SCALE_ROWS (default "2000000 20000000"; the
@@ -45,7 +45,7 @@ pause_at=${PAUSE_AT:-5}
 pause_for=${PAUSE_FOR:-20}
 lag_limit=${LAG:-2}
 writer_rate=${WRITER_RATE:-200}
-paces=${PACES:-100 75 50 25}
+paces=${PACES:-100 75 50 25 10}
 repeats=${REPEATS:-3}
 scale_rows=${SCALE_ROWS:-2000000 20000000}
 measurements=${*:-wal archive lag pace checks scale}
@@ -123,9 +123,13 @@ settle() {
     rm -f "$work/archive"/*
     rm -f "$work/archive-setup"
 }
+# The reset's pages that the standby replayed, and any the kernel still holds, are written out
+# before the run: left dirty, the kernel writes them back some 30 s later, in the middle of it.
 prepare_run() {
     reset_data >/dev/null
     settle
+    [ -z "$standby" ] || sql_standby -d postgres -q -c "CHECKPOINT"
+    sync
 }
 
 run_log() { ls -t "$work"/data/logs/data_normalizer-*.log 2>/dev/null | head -n 1 || true; }
