@@ -8,10 +8,11 @@
 # The server of bench/bench-lib.sh with archive_mode on, an archive_command that copies a 16 MB
 # segment after ARCHIVE_SLEEP seconds (default 0.5: about 32 MB/s), and a hot standby made by
 # pg_basebackup, streaming from it on the same machine through a replication slot (a restart of the
-# primary with a small max_wal_size must not take WAL from a standby reconnecting). ROWS rows of about 1.1 KB (default 1000000),
-# one in 5 damaged. Every run starts from a checkpoint, with nothing waiting for the archiver, the
-# standby caught up and its pages written, and nothing left for the kernel to write back; while the table is reset between runs the archiver copies nothing, so that the
-# reset's own WAL does not hold up the next run.
+# primary with a small max_wal_size must not take WAL from a standby reconnecting). ROWS rows of
+# about 1.1 KB (default 1000000), one in 5 damaged. Every run starts from a checkpoint, with nothing
+# waiting for the archiver, the standby caught up and its pages written, and nothing left for the
+# kernel to write back; while the table is reset between runs the archiver copies nothing, so that
+# the reset's own WAL does not hold up the next run.
 #
 #   wal      WAL per changed row, with the tool's wal_compression and with the tool of BASE (a git
 #            commit, default c9f4029, which compressed nothing and checked nothing), taking turns
