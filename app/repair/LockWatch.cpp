@@ -2,6 +2,7 @@
 
 #include "app/output/Progress.h"
 #include "app/run/LibpqHandle.h"
+#include "app/run/ThreadCryptoState.h"
 
 #include <QDateTime>
 #include <QSqlQuery>
@@ -31,6 +32,7 @@ LockWatch::~LockWatch()
 
 void LockWatch::watch()
 {
+    const ThreadCryptoState cryptoState;
     QString name;
     {
         QSqlDatabase database;

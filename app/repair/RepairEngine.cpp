@@ -10,6 +10,7 @@
 #include "app/repair/WorkerConnection.h"
 
 #include "app/run/LibpqHandle.h"
+#include "app/run/ThreadCryptoState.h"
 
 #include <QDateTime>
 #include <QElapsedTimer>
@@ -92,6 +93,7 @@ QHash<int, qint64> RepairEngine::unitsInFlight() const
 
 void RepairEngine::workOnFurtherConnection()
 {
+    const ThreadCryptoState cryptoState;
     {
         // The connections already open may have taken every unit while this one waited.
         const std::lock_guard<std::mutex> lock(m_mutex);
