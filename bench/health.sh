@@ -25,7 +25,8 @@
 #            standby's lag passed the limit, and when the run went on against when the standby had
 #            caught up, sampled every 0.2 s
 #   pace     the writer's 99th percentile (pgbench updating a random row by key WRITER_RATE times a
-#            second, default 200) idle and beside the run at each of PACES (default "100 75 50 25 10")
+#            second, default 200) alone for IDLE_SECONDS (default 20), then beside the run at each of
+#            PACES (default "100 50 25 10"), PACE_REPEATS times (default 3)
 #   checks   the run with its checks on (their defaults, none reached) against --max-lag off
 #            --max-archive-backlog off, REPEATS runs each (default 3), taking turns
 #   scale    time per row and peak memory at each of SCALE_ROWS (default "2000000 20000000"; the
@@ -46,8 +47,10 @@ pause_at=${PAUSE_AT:-5}
 pause_for=${PAUSE_FOR:-20}
 lag_limit=${LAG:-2}
 writer_rate=${WRITER_RATE:-200}
-paces=${PACES:-100 75 50 25 10}
+paces=${PACES:-100 50 25 10}
 repeats=${REPEATS:-3}
+pace_repeats=${PACE_REPEATS:-3}
+idle_seconds=${IDLE_SECONDS:-20}
 scale_rows=${SCALE_ROWS:-2000000 20000000}
 measurements=${*:-wal archive lag pace checks scale}
 for measurement in $measurements; do
@@ -386,63 +389,81 @@ measure_lag() {
     } >"$results/lag.md"
 }
 
-# "beside_writer SECONDS [ARGS...]": the writer for SECONDS, or while the tool runs with ARGS
-# (from 2 s after the writer starts); prints "p99-ms longest-ms tool-seconds load".
+# "beside_writer NAME ARGS...": the writer alone for IDLE_SECONDS, then beside the tool running with
+# ARGS until it ends; prints "idle-p99-ms p99-ms longest-ms tool-seconds load". Both parts from one
+# reset of the table, so that the run is held against the server in the state it met.
 beside_writer() {
-    local seconds=$1 started tool_seconds=- before
+    local name=$1 started tool_seconds before
     shift
     rm -f "$work"/pgbench_log.*
     before=$(load)
     (cd "$work" && exec "$pgbin/pgbench" -h 127.0.0.1 -p "$port" -U zentrix -n -f "$work/writer.sql" \
-        -R "$writer_rate" -T "$seconds" -l --log-prefix="$work/pgbench_log" bench >/dev/null 2>&1) &
+        -R "$writer_rate" -T 3600 -l --log-prefix="$work/pgbench_log" bench >/dev/null 2>&1) &
     local pgbench_pid=$!
-    if [ "$#" -gt 0 ]; then
-        sleep 2
-        started=$(now)
-        run_tool "$@" >/dev/null || true
-        tool_seconds=$(awk -v a="$started" -v b="$(now)" 'BEGIN {printf "%.1f", b - a}')
-        kill "$pgbench_pid" 2>/dev/null || true
-    fi
+    sleep "$idle_seconds"
+    started=$(now)
+    run_tool "$name" "$@" >/dev/null || true
+    tool_seconds=$(awk -v a="$started" -v b="$(now)" 'BEGIN {printf "%.1f", b - a}')
+    kill "$pgbench_pid" 2>/dev/null || true
     wait "$pgbench_pid" 2>/dev/null || true
-    # The log's third field is each transaction's latency in microseconds, from its scheduled start.
-    cat "$work"/pgbench_log.* | awk '{print $3 / 1000}' | sort -g |
-        awk -v t="$tool_seconds" -v l="$before" '{v[NR] = $1} END {i = int(NR * 0.99); if (i < 1) i = 1;
-            printf "%.1f %.1f %s %s\n", v[i], v[NR], t, l}'
+    # The log's third field is each transaction's latency in microseconds, from its scheduled
+    # start; the fifth and sixth its end. The idle part leaves out the first second (connecting).
+    local idle p99
+    idle=$(awk -v a="$started" '$5 + $6 / 1e6 < a {print $3 / 1000}' "$work"/pgbench_log.* | tail -n +"$writer_rate" |
+        sort -g | awk '{v[NR] = $1} END {i = int(NR * 0.99); if (i < 1) i = 1; printf "%.1f", v[i]}')
+    p99=$(awk -v a="$started" '$5 + $6 / 1e6 >= a {print $3 / 1000}' "$work"/pgbench_log.* | sort -g |
+        awk '{v[NR] = $1} END {i = int(NR * 0.99); if (i < 1) i = 1; printf "%.1f %.1f", v[i], v[NR]}')
+    echo "$idle $p99 $tool_seconds $before"
 }
 
 measure_pace() {
-    local p99 longest seconds before idle idle_longest idle_load pace pauses unit
+    local p99 longest seconds before idle pace pauses unit repeat
     cat >"$work/writer.sql" <<SQL
 \set id random(1, $rows)
 UPDATE scan.file SET request_id = request_id WHERE id = :id;
 SQL
-    prepare_run
-    read -r idle idle_longest _ idle_load < <(beside_writer 30)
-    echo "  writer idle: p99 $idle ms, longest $idle_longest ms, load $idle_load" >&2
     : >"$work/pace.results"
+    for ((repeat = 1; repeat <= pace_repeats; repeat++)); do
+        for pace in $paces; do
+            prepare_run
+            read -r idle p99 longest seconds before < <(beside_writer "pace-$pace" "$tool" "${batched[@]}" --pace "$pace")
+            pauses=$(pauses_of "pace-$pace" | wc -l)
+            unit=$({ grep -aoE ': [0-9]+\.[0-9]{3} s, rows changed' "$work/pace-$pace.log" || true; } |
+                awk '{if ($2 > m) m = $2} END {printf "%.3f", m}')
+            echo "  pace $pace: $seconds s, idle $idle ms, p99 $p99 ms, longest $longest ms, longest unit $unit s, $pauses pauses, load $before" >&2
+            echo "$pace $seconds $idle $p99 $longest $pauses $before $unit" >>"$work/pace.results"
+        done
+    done
+    # Per pace, in the order measured: medians of the run's time, the idle and beside-the-run
+    # p99 and their ratio; the longest of the longest waits and units, the pauses in all.
+    local summary=$work/pace.summary
+    : >"$summary"
     for pace in $paces; do
-        prepare_run
-        read -r p99 longest seconds before < <(beside_writer 3600 "pace-$pace" "$tool" "${batched[@]}" --pace "$pace")
-        pauses=$(pauses_of "pace-$pace" | wc -l)
-        unit=$({ grep -aoE ': [0-9]+\.[0-9]{3} s, rows changed' "$work/pace-$pace.log" || true; } |
-            awk '{if ($2 > m) m = $2} END {printf "%.3f", m}')
-        echo "  pace $pace: $seconds s, p99 $p99 ms, longest $longest ms, longest unit $unit s, $pauses pauses, load $before" >&2
-        echo "$pace $seconds $p99 $longest $pauses $before $unit" >>"$work/pace.results"
+        awk -v p="$pace" '$1 == p' "$work/pace.results" >"$work/pace.one"
+        echo "$pace $(awk '{print $2}' "$work/pace.one" | median) $(awk '{print $3}' "$work/pace.one" | median)" \
+            "$(awk '{print $4}' "$work/pace.one" | median) $(awk '{print $4 / $3}' "$work/pace.one" | median)" \
+            "$(awk '{if ($5 > m) m = $5} END {print m}' "$work/pace.one")" \
+            "$(awk '{if ($8 > m) m = $8} END {print m}' "$work/pace.one")" \
+            "$(awk '{n += $6} END {print n}' "$work/pace.one")" \
+            "$(awk '{printf "%s%s", (NR > 1 ? "/" : ""), $4} END {print ""}' "$work/pace.one")" >>"$summary"
     done
     {
         echo "**The product's writer beside the run** ($(stamp), $rows rows, one in 5 damaged): pgbench"
         echo "updating a random row by key $writer_rate times a second (latency from each transaction's scheduled"
-        echo "start) during \`--batched --jobs 2 --pace P\`, the checks at their defaults; idle: the writer alone for 30 s,"
-        echo "p99 $idle ms, longest $idle_longest ms (load before $idle_load). The longest unit is from the run's --verbose lines."
+        echo "start), alone for ${idle_seconds} s and then during \`--batched --jobs 2 --pace P\`, the checks at their defaults,"
+        echo "$pace_repeats times at each pace, each from its own reset of the table; medians of the runs, each run's p99"
+        echo "held against the idle p99 of its own reset. The longest unit is from the run's --verbose lines."
         echo
-        echo "| --pace | run seconds | of --pace 100 | writer p99 ms | of idle | writer longest ms | longest unit s | run's pauses | load before |"
+        echo "| --pace | run seconds | of --pace 100 | idle p99 ms | writer p99 ms (each run) | of idle | writer longest ms | longest unit s | run's pauses |"
         echo "| ---: | ---: | ---: | ---: | ---: | ---: | ---: | ---: | ---: |"
-        awk -v idle="$idle" 'NR == 1 {full = $2} {printf "| %s | %s | %.2f | %s | %.1f | %s | %s | %s | %s |\n", $1, $2,
-            $2 / full, $3, $3 / idle, $4, $7, $5, $6}' "$work/pace.results"
+        awk 'NR == 1 {full = $2} {printf "| %s | %s | %.2f | %s | %s (%s) | %.1f | %s | %s | %s |\n", $1, $2,
+            $2 / full, $3, $4, $9, $5, $6, $7, $8}' "$summary"
         echo
-        awk -v idle="$idle" 'NR == 1 {full = $2} $3 <= 3 * idle && !found {found = 1; pace = $1; cost = $2 / full}
-            END {if (found) printf "The writer'"'"'s p99 is at most 3 times idle from --pace %s down; the run then takes %.2f times as long as at --pace 100.\n", pace, cost;
-                else print "At none of these paces is the writer'"'"'s p99 at most 3 times idle."}' "$work/pace.results"
+        awk 'NR == 1 {full = $2} $5 <= 3 && !found {found = 1; pace = $1; cost = $2 / full}
+            END {if (found) printf "The writer'"'"'s p99 is at most 3 times idle (medians) from --pace %s down; the run then takes %.2f times as long as at --pace 100.\n", pace, cost;
+                else print "At none of these paces is the writer'"'"'s p99 at most 3 times idle (medians)."}' "$summary"
+        echo
+        echo "Load before each run: $(awk '{printf "%s%s", (NR > 1 ? ", " : ""), $7} END {print ""}' "$work/pace.results")."
     } >"$results/pace.md"
 }
 
