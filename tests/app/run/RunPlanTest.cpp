@@ -96,11 +96,14 @@ TEST(RunPlan, ALockWaitGivenForTestsBoundsTheToolsSessions)
         RunPlan::make(QString(), {"--batched"}, kPool).sessionSettings.contains(QStringLiteral("lock_timeout=10000")));
 }
 
-// Under a pace the product's writers come first: shorter ranges, which a writer waits on less.
+// Under a pace the product's writers come first: shorter ranges, which a writer waits on less,
+// and from --pace 10 down the shortest.
 TEST(RunPlan, APacedRunTakesShorterUnits)
 {
     EXPECT_EQ(RunPlan::make(QString(), {"--batched"}, kPool).unitTargetMs, UnitSizer::kTargetMs);
     EXPECT_EQ(RunPlan::make(QString(), {"--undo", "1", "--pace", "50"}, kPool).unitTargetMs, UnitSizer::kPacedTargetMs);
+    EXPECT_EQ(RunPlan::make(QString(), {"--batched", "--pace", "11"}, kPool).unitTargetMs, UnitSizer::kPacedTargetMs);
+    EXPECT_EQ(RunPlan::make(QString(), {"--journal", "--pace", "10"}, kPool).unitTargetMs, UnitSizer::kLightTargetMs);
 }
 
 } // namespace
