@@ -3,8 +3,8 @@
 // Ends the calling thread's OpenSSL state (the random generators that libpq's SCRAM exchange
 // makes for each thread) when it goes out of scope, at the end of a thread that opened
 // connections. OpenSSL frees that state itself from a thread-exit hook, which runs after
-// QThread::wait() has returned: a run that ends right then races the hook with OpenSSL's own
-// clean-up at exit, which can leave the state unfreed.
+// QThread::wait() has returned: a run could reach its exit, and OpenSSL's clean-up at exit,
+// with the hook yet to run.
 class ThreadCryptoState
 {
 public:
