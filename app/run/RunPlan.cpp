@@ -95,8 +95,8 @@ RunPlan RunPlan::make(const QString &productRunMode, const QStringList &argument
     plan.limits = options.limits;
     plan.paced = plan.limits.pacePercent < HealthLimits::kFullPace;
     if (plan.paced)
-        plan.unitTargetMs = plan.limits.pacePercent <= UnitSizer::kLightPace ? UnitSizer::kLightTargetMs
-                                                                             : UnitSizer::kPacedTargetMs;
+        plan.unitTargetMs
+            = plan.limits.pacePercent <= UnitSizer::kLightPace ? UnitSizer::kLightTargetMs : UnitSizer::kPacedTargetMs;
     plan.run = options.run;
     plan.verbose = options.verbose;
     plan.work = workOf(options.mode);
